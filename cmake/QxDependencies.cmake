@@ -1,0 +1,57 @@
+# The third-party code of tests, examples and benchmarks: the system's package, or a source folder named by a cache
+# variable where there is no package registry.
+
+set(QX_GTEST_SOURCE_DIR "" CACHE PATH "GoogleTest's source folder; empty to use the installed package")
+set(QX_BENCHMARK_SOURCE_DIR "" CACHE PATH "Google Benchmark's source folder; empty to use the installed package")
+set(QX_STB_INCLUDE_DIR "" CACHE PATH "Folder of stb_image.h and stb_image_write.h; empty to search the system's")
+
+# _qx_add_source_folder(<cache variable>): adds the folder that the variable names, without its own tests and warnings.
+function(_qx_add_source_folder variable)
+    if(NOT EXISTS "${${variable}}/CMakeLists.txt")
+        message(FATAL_ERROR "${variable} is '${${variable}}', which holds no CMakeLists.txt")
+    endif()
+    string(TOLOWER "${variable}" folder)
+    add_subdirectory("${${variable}}" "${CMAKE_BINARY_DIR}/third-party/${folder}" EXCLUDE_FROM_ALL SYSTEM)
+endfunction()
+
+# qx_require_gtest(): provides GTest::gtest and GTest::gtest_main.
+macro(qx_require_gtest)
+    if(NOT TARGET GTest::gtest)
+        if(QX_GTEST_SOURCE_DIR)
+            set(BUILD_GMOCK OFF)
+            set(INSTALL_GTEST OFF)
+            _qx_add_source_folder(QX_GTEST_SOURCE_DIR)
+        else()
+            find_package(GTest REQUIRED)
+        endif()
+    endif()
+endmacro()
+
+# qx_require_benchmark(): provides benchmark::benchmark and benchmark::benchmark_main.
+macro(qx_require_benchmark)
+    if(NOT TARGET benchmark::benchmark)
+        if(QX_BENCHMARK_SOURCE_DIR)
+            set(BENCHMARK_ENABLE_TESTING OFF)
+            set(BENCHMARK_ENABLE_INSTALL OFF)
+            set(BENCHMARK_ENABLE_WERROR OFF)
+            _qx_add_source_folder(QX_BENCHMARK_SOURCE_DIR)
+        else()
+            find_package(benchmark REQUIRED)
+        endif()
+    endif()
+endmacro()
+
+# qx_require_stb(): provides QxStb, the folder of the stb headers, whose warnings are not ours.
+function(qx_require_stb)
+    if(TARGET QxStb)
+        return()
+    endif()
+    find_path(QX_STB_FOLDER NAMES stb_image.h HINTS "${QX_STB_INCLUDE_DIR}" PATH_SUFFIXES stb)
+    mark_as_advanced(QX_STB_FOLDER)
+    if(NOT QX_STB_FOLDER OR NOT EXISTS "${QX_STB_FOLDER}/stb_image_write.h")
+        message(FATAL_ERROR "The examples need stb_image.h and stb_image_write.h: install libstb-dev, or name their "
+                            "folder with -DQX_STB_INCLUDE_DIR=..., or configure with -DQX_BUILD_EXAMPLES=OFF")
+    endif()
+    add_library(QxStb INTERFACE)
+    target_include_directories(QxStb SYSTEM INTERFACE "${QX_STB_FOLDER}")
+endfunction()
