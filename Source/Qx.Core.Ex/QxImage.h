@@ -1,0 +1,112 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "Qx.Core.Ex/QxImageFormat.h"
+
+namespace Qx::Interop::Runtime28
+{
+
+/// A host image as it crosses library boundaries. Rows are packed: each starts where the one before ends.
+///
+/// The order of the virtual operations is part of the binary interface. The seven reserved ones are never called here;
+/// an implementation leaves them alone. The interface has no public destructor: an image is destroyed by whoever made
+/// it.
+class QX_EXPORT_TYPE IImage
+{
+public:
+    /// Gives the image an extent in pixels, a pixel type and a data type (mind the order of the two), and a buffer for
+    /// them. Returns true on success; callers of this library do not look at the result, so a failure that must stop
+    /// them has to be thrown.
+    virtual bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) = 0;
+
+    virtual void Reserved1() {}
+    virtual void Reserved2() {}
+    virtual void Reserved3() {}
+    virtual void Reserved4() {}
+    virtual void Reserved5() {}
+    virtual void Reserved6() {}
+    virtual void Reserved7() {}
+
+    /// Width and height in pixels.
+    virtual void GetSize(int& iWidth, int& iHeight) const = 0;
+
+    /// Pixel type and data type (mind the order).
+    virtual void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const = 0;
+
+    /// The first byte of the first row, writable; owned by the image and valid until its next `Create`.
+    virtual void* GetDataPtr() = 0;
+
+    /// The same for reading.
+    virtual const void* GetDataPtr() const = 0;
+
+protected:
+    IImage() = default;
+    IImage(const IImage&) = default;
+    IImage& operator=(const IImage&) = default;
+    ~IImage() = default;
+};
+
+} // namespace Qx::Interop::Runtime28
+
+namespace Qx
+{
+
+using Interop::Runtime28::IImage;
+
+/// A host image: a format and a buffer of packed pixel rows that it owns. One thread uses it at a time.
+class QX_EXPORT_TYPE CQxImage : public IImage
+{
+public:
+    /// An empty image: all-zero format, no buffer.
+    CQxImage() noexcept = default;
+
+    /// As `Create` of the format.
+    QX_CORE_API explicit CQxImage(const CQxImageFormat& xFormat);
+
+    /// A copy with a buffer of its own. Throws `std::bad_alloc` when there is no memory for it.
+    QX_CORE_API CQxImage(const CQxImage& xOther);
+    QX_CORE_API CQxImage(CQxImage&& xOther) noexcept;
+    QX_CORE_API CQxImage& operator=(CQxImage xOther) noexcept;
+    QX_CORE_API virtual ~CQxImage();
+
+    /// Gives the image the format and a packed buffer for it; an image that has the format already keeps its buffer
+    /// and pixels. New pixels are zero.
+    ///
+    /// Throws, in this order, a `CQxException` "Image dimensions are negative", what the format's size rules throw for
+    /// its types, a `CQxException` "Image is too large" when the byte count does not fit the address space, and
+    /// `std::bad_alloc`. The image is unchanged after a failure. An extent of zero is legal and has no bytes.
+    QX_CORE_API void Create(const CQxImageFormat& xFormat);
+
+    /// The same through the interface; always returns true.
+    QX_CORE_API bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) override;
+
+    void GetSize(int& iWidth, int& iHeight) const override
+    {
+        iWidth = m_xFormat.iWidth;
+        iHeight = m_xFormat.iHeight;
+    }
+
+    void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override
+    {
+        ePixelType = m_xFormat.ePixelType;
+        eDataType = m_xFormat.eDataType;
+    }
+
+    void* GetDataPtr() override { return m_pData; }
+    const void* GetDataPtr() const override { return m_pData; }
+
+    /// The format; all zero when empty.
+    const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
+
+    /// Bytes of the buffer: what the format takes, counted in 64 bits.
+    std::size_t GetBufferSize() const noexcept { return m_nBytes; }
+
+private:
+    CQxImageFormat m_xFormat{};
+    unsigned char* m_pData = nullptr;
+    std::size_t m_nBytes = 0;
+};
+
+} // namespace Qx

@@ -1,0 +1,12 @@
+#pragma once
+
+/// @file
+/// Visibility macros. The libraries are built with hidden symbols; what clients may use is marked with one of these.
+/// Exception classes and interop interfaces carry QX_EXPORT_TYPE in every library, so that there is one type
+/// identity per process and they can be caught on the other side of a library boundary.
+
+#define QX_EXPORT_TYPE __attribute__((visibility("default")))
+
+#define QX_CORE_API __attribute__((visibility("default")))
+#define QX_GPU_API __attribute__((visibility("default")))
+#define QX_CUDA_API __attribute__((visibility("default")))

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "Qx.Core/QxExport.h"
+
+namespace Qx
+{
+
+/// A text of bytes, terminated by a zero byte; bytes are stored and handed out as they came, in no particular encoding.
+///
+/// Every operation that takes a `const char*` treats a null pointer as the empty text. Operations that grow the text
+/// throw `std::bad_alloc` or `std::length_error` when it cannot grow, and leave the text as it was.
+class QX_CORE_API CQxString
+{
+public:
+    /// An empty text; does not allocate.
+    CQxString() noexcept = default;
+
+    /// A copy of the zero-terminated text @p pcText; not explicit, so that literals can be passed where a text is
+    /// wanted.
+    CQxString(const char* pcText) : m_sText(pcText != nullptr ? pcText : "") {}
+
+    CQxString(const CQxString&) = default;
+    CQxString(CQxString&&) noexcept = default;
+    CQxString& operator=(const CQxString&) = default;
+    CQxString& operator=(CQxString&&) noexcept = default;
+    ~CQxString() = default;
+
+    /// Replaces the text by a copy of @p pcText, which may point into this text.
+    CQxString& operator=(const char* pcText)
+    {
+        m_sText = pcText != nullptr ? pcText : "";
+        return *this;
+    }
+
+    /// Appends @p pcText and returns this text, so that calls chain.
+    CQxString& operator<<(const char* pcText)
+    {
+        m_sText += pcText != nullptr ? pcText : "";
+        return *this;
+    }
+
+    /// Appends @p sText (which may be this text) and returns this text.
+    CQxString& operator<<(const CQxString& sText)
+    {
+        m_sText += sText.m_sText;
+        return *this;
+    }
+
+    /// Appends @p iValue as a signed decimal and returns this text.
+    CQxString& operator<<(int iValue)
+    {
+        m_sText += std::to_string(iValue);
+        return *this;
+    }
+
+    /// The text with its terminating zero; owned by this object and valid until it is changed or destroyed.
+    const char* ToCString() const noexcept { return m_sText.c_str(); }
+
+    /// True when both texts have the same bytes.
+    friend bool operator==(const CQxString& sLeft, const CQxString& sRight) noexcept
+    {
+        return sLeft.m_sText == sRight.m_sText;
+    }
+
+private:
+    std::string m_sText;
+};
+
+} // namespace Qx
