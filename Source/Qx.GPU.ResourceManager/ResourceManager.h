@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Qx.Core/QxException.h"
+#include "Qx.GPU.ResourceManager/Resource.h"
+
+namespace Qx::GPU
+{
+
+/// What the pool of one device holds and has done since the process started.
+struct SPoolStatistics
+{
+    std::size_t nBlocksInUse = 0;     ///< blocks lent and not yet given back
+    std::size_t nBytesInUse = 0;      ///< bytes of them, row padding included
+    std::size_t nBlocksIdle = 0;      ///< blocks waiting for a request of their size
+    std::size_t nBytesIdle = 0;       ///< bytes of them
+    std::size_t nPeakBytesInUse = 0;  ///< the largest `nBytesInUse` so far
+    std::uint64_t uHits = 0;          ///< requests answered by an idle block
+    std::uint64_t uMisses = 0;        ///< requests answered by a new allocation
+    std::uint64_t uTrimmedBlocks = 0; ///< idle blocks given back to the device
+    std::uint64_t uTrimmedBytes = 0;  ///< bytes of them
+
+    friend bool operator==(const SPoolStatistics&, const SPoolStatistics&) noexcept = default;
+};
+
+/// The process's pool of device memory.
+///
+/// A block that is given back waits for the next request of exactly its device, kind and size. Images of a stream of
+/// frames ask for the same sizes over and over, so such a request is answered without a CUDA call, without rounding and
+/// without fragmentation, in a time that does not depend on how many blocks wait. Idle blocks are bounded per device
+/// (see `SetIdleLimit`); the least recently used one goes first.
+///
+/// All operations may be called from several threads at once. They work on the calling thread's current device unless
+/// they say otherwise, and leave it current. No CUDA call is made while the pool is locked.
+///
+/// The pool knows nothing of streams: work that was queued on a block must be complete, or followed on the same stream
+/// by all work of the block's next user, before the block is given back.
+///
+/// The pool lives until the process ends and gives nothing back then: the driver frees the memory, and the runtime may
+/// already be unloading. Blocks may be given back during the exit, which then makes no CUDA call; operations that must
+/// know the current device are refused with a `CQxException` from then on. The exit begins for the pool where the exit
+/// handlers run that were registered before its first block: objects with static storage that were made later, and are
+/// therefore destroyed earlier, find it working as usual.
+class CResourceManager
+{
+public:
+    CResourceManager() = delete;
+
+    /// Lends a pitched block of @p nRows rows of at least @p nWidth bytes on the current device. Contents are
+    /// undefined.
+    ///
+    /// The result describes the block; copy it at once, the reference is valid until the block is given back. Its
+    /// pointer is never null: a request of 0 bytes or rows is lent a block of at least one byte.
+    ///
+    /// Throws a `CQxException` when the process is exiting, a `CQxCudaException` when the current device or, at the
+    /// first request on a device, its properties cannot be queried, `std::bad_alloc` when the host has no memory for
+    /// the record of a new block, a `CQxOutOfMemoryException` when the device has no memory left even after its idle
+    /// blocks were freed, or when the byte count exceeds 64 bits (the message says what was asked for, in use and
+    /// idle), and a `CQxCudaException` when another CUDA call fails. The pool is consistent after each, and no CUDA
+    /// error is left pending.
+    static QX_GPU_API CCudaMemoryPitchResource& GetCudaMemoryPitch(std::size_t nWidth, std::size_t nRows);
+
+    /// Lends a linear block of at least @p nSize bytes on the current device that the host can read through the same
+    /// pointer. Otherwise as `GetCudaMemoryPitch`.
+    ///
+    /// The block is managed memory, or mapped page-locked memory on integrated devices without concurrent managed
+    /// access. On a device without concurrent managed access the host must not touch managed memory while any kernel
+    /// of the device runs.
+    static QX_GPU_API CCudaMemoryResource& GetCudaMemory(std::size_t nSize);
+
+    /// Takes the block of @p xResource back and empties @p xResource (pointer null, the other fields stay).
+    ///
+    /// An empty resource is left alone. The block goes to the pool of the device that it came from, whichever device is
+    /// current; where it would exceed the idle limit, idle blocks are freed first, or the block itself when it alone
+    /// exceeds the limit. Giving back what the pool does not hold as lent (a foreign block, or one given back already)
+    /// throws a `CQxException`; a failing CUDA call throws a `CQxCudaException`. After a failure the resource is
+    /// unchanged and the block still lent.
+    ///
+    /// @param bFree true frees the block at once instead of keeping it for the next request
+    static QX_GPU_API void ReleaseResource(CResource& xResource, bool bFree);
+
+    /// What the pool of @p iDevice holds; all zero for a device that was never used.
+    static QX_GPU_API SPoolStatistics GetStatistics(int iDevice);
+
+    /// The same for the current device. Throws a `CQxCudaException` when there is none.
+    static QX_GPU_API SPoolStatistics GetStatistics();
+
+    /// Frees idle blocks of the current device, least recently used first, until at most @p nBytesToKeep remain. Throws
+    /// a `CQxCudaException` when a block cannot be freed; that block and those after it stay in the pool.
+    static QX_GPU_API void Trim(std::size_t nBytesToKeep);
+
+    /// Bounds the idle bytes of the current device and trims to the bound as `Trim` does; when that throws the bound is
+    /// set nevertheless, and later releases free the surplus. Until this is called the bound is half of the device's
+    /// memory.
+    static QX_GPU_API void SetIdleLimit(std::size_t nBytes);
+
+    /// Forgets every block of @p iDevice without a CUDA call, to be called after `cudaDeviceReset`, which has freed
+    /// them all, before the device is used again by any thread. References to its blocks are no longer valid.
+    ///
+    /// Blocks that are still lent may be given back as usual, which then only empties the resource. When the runtime
+    /// places a new block at the address of such a one, nobody can tell which of the two a release means: the new block
+    /// becomes idle with the last of their releases, so that it is never lent while one of them may still use it.
+    static QX_GPU_API void ForgetDevice(int iDevice);
+};
+
+} // namespace Qx::GPU
