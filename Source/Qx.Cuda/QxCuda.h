@@ -1,0 +1,10 @@
+#pragma once
+
+/// @file
+/// Everything that the library offers but `Qx.Cuda/QxLaunchKernel.h`, which belongs into files with kernels.
+
+#include "Qx.Cuda.Core/Cuda.h"
+#include "Qx.Cuda/QxCudaComp.h"
+#include "Qx.Cuda/QxCudaCompDebug.h"
+#include "Qx.Cuda/QxDeviceImage2D.h"
+#include "Qx.GPU.ResourceManager/ResourceManager.h"

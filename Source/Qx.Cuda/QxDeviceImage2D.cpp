@@ -1,0 +1,293 @@
+#include "Qx.Cuda/QxDeviceImage2D.h"
+
+#include <utility>
+
+#include "Qx.Cuda.Core/QxCudaException.h"
+#include "Qx.GPU.ResourceManager/ResourceManager.h"
+
+namespace Qx
+{
+
+namespace
+{
+
+constexpr const char* c_pcFile = "Source/Qx.Cuda/QxDeviceImage2D";
+constexpr SThrowSite c_xCreate{c_pcFile, "Create"};
+constexpr SThrowSite c_xCopyTo{c_pcFile, "CopyTo"};
+constexpr const char* c_pcErrorCreating = "Error creating 2D CUDA device image";
+constexpr const char* c_pcErrorUploading = "Error copying image to cuda device";
+
+// Bytes of a row, which are below 2^31 in every image.
+std::size_t _RowWidth(const CQxImageFormat& xFormat)
+{
+    return static_cast<std::size_t>(xFormat.iWidth) * static_cast<std::size_t>(xFormat.GetBytesPerPixel());
+}
+
+struct SChannel
+{
+    int iBits;
+    cudaChannelFormatKind eKind;
+};
+
+SChannel _GetChannel(EDataType::ID eDataType, const SThrowSite& xSite)
+{
+    switch (eDataType)
+    {
+    case EDataType::Byte:
+        return {8, cudaChannelFormatKindSigned};
+    case EDataType::UByte:
+        return {8, cudaChannelFormatKindUnsigned};
+    case EDataType::Short:
+        return {16, cudaChannelFormatKindSigned};
+    case EDataType::UShort:
+    case EDataType::Custom_10in16_LSB:
+    case EDataType::Custom_10in16_MSB:
+    case EDataType::Custom_12in16_LSB:
+    case EDataType::Custom_12in16_MSB:
+        return {16, cudaChannelFormatKindUnsigned};
+    case EDataType::Int:
+        return {32, cudaChannelFormatKindSigned};
+    case EDataType::UInt:
+        return {32, cudaChannelFormatKindUnsigned};
+    case EDataType::Float:
+    case EDataType::Double: // CUDA has no wider channel
+        return {32, cudaChannelFormatKindFloat};
+    case EDataType::Void:
+    case EDataType::Packed10:
+    case EDataType::Packed12:
+    case EDataType::Integral10:
+    case EDataType::Integral12:
+        break;
+    }
+    CQxString sMessage("Unsupported data type '");
+    Throw(xSite, sMessage << GetDataTypeName(eDataType) << "'");
+}
+
+int _GetChannelCount(EPixelType::ID ePixelType, const SThrowSite& xSite)
+{
+    switch (ePixelType)
+    {
+    case EPixelType::Lum:
+    case EPixelType::BayerRG:
+    case EPixelType::BayerBG:
+    case EPixelType::BayerGR:
+    case EPixelType::BayerGB:
+        return 1;
+    case EPixelType::LumA:
+        return 2;
+    case EPixelType::RGB:
+    case EPixelType::BGR:
+        return 3;
+    case EPixelType::RGBA:
+    case EPixelType::BGRA:
+        return 4;
+    case EPixelType::None:
+    case EPixelType::TwoComponent:
+        break;
+    }
+    CQxString sMessage("Unsupported pixel type '");
+    Throw(xSite, sMessage << GetPixelTypeName(ePixelType) << "'");
+}
+
+// The one copy that every blocking transfer of an image is.
+void _CopyRows(void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
+               const CQxImageFormat& xFormat, cudaMemcpyKind eKind, const SThrowSite& xSite, const char* pcMessage,
+               int iLine = __builtin_LINE())
+{
+    CheckCuda(cudaMemcpy2D(pTarget, nTargetPitch, pSource, nSourcePitch, _RowWidth(xFormat),
+                           static_cast<std::size_t>(xFormat.iHeight), eKind),
+              xSite, pcMessage, iLine);
+}
+
+} // namespace
+
+CQxDeviceImage2D::CQxDeviceImage2D() noexcept = default;
+
+// The constructors delegate, so that the destructor gives memory back that was borrowed before a failure.
+CQxDeviceImage2D::CQxDeviceImage2D(const CQxImageFormat& xFormat) : CQxDeviceImage2D()
+{
+    Create(xFormat);
+}
+
+CQxDeviceImage2D::CQxDeviceImage2D(const CQxImage& xImage) : CQxDeviceImage2D()
+{
+    Create(xImage);
+}
+
+CQxDeviceImage2D::CQxDeviceImage2D(CQxDeviceImage2D&& xSource) : CQxDeviceImage2D()
+{
+    Create(std::move(xSource));
+}
+
+CQxDeviceImage2D& CQxDeviceImage2D::operator=(CQxDeviceImage2D&& xSource)
+{
+    Create(std::move(xSource));
+    return *this;
+}
+
+CQxDeviceImage2D::~CQxDeviceImage2D()
+{
+    try
+    {
+        Release();
+    }
+    catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+    {
+    }
+}
+
+void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat)
+{
+    Guard(c_xCreate, c_pcErrorCreating,
+          [&]
+          {
+              if (xFormat.iWidth <= 0 || xFormat.iHeight <= 0)
+              {
+                  Throw(c_xCreate, "Width or height of given image format is 0");
+              }
+              if (xFormat.GetComponentCount() == 3)
+              {
+                  Throw(c_xCreate, "Only 1, 2 or 4 channels per pixel are allowed");
+              }
+              if (m_xFormat == xFormat)
+              {
+                  return;
+              }
+              Release();
+              m_xChannelDesc = _CreateCudaChannelFormatDescFromFormat(xFormat);
+              const std::size_t nRowWidth = _RowWidth(xFormat);
+              if (nRowWidth > INT32_MAX)
+              {
+                  Throw(c_xCreate, ("Image row of " + std::to_string(nRowWidth) + " bytes is too wide").c_str());
+              }
+              m_xResource =
+                  GPU::CResourceManager::GetCudaMemoryPitch(nRowWidth, static_cast<std::size_t>(xFormat.iHeight));
+              m_xFormat = xFormat;
+          });
+}
+
+void CQxDeviceImage2D::Create(CQxDeviceImage2D&& xSource)
+{
+    Guard(c_xCreate, c_pcErrorCreating,
+          [&]
+          {
+              if (!xSource.IsValid())
+              {
+                  Throw(c_xCreate, "Given image is invalid");
+              }
+              Release();
+              m_xFormat = xSource.m_xFormat;
+              m_xChannelDesc = xSource.m_xChannelDesc;
+              m_xResource = xSource.m_xResource;
+          });
+    xSource.m_xResource.m_pDevice = nullptr;
+    xSource.m_xFormat = CQxImageFormat{};
+}
+
+void CQxDeviceImage2D::Create(const CQxImage& xImage)
+{
+    Guard(c_xCreate, c_pcErrorCreating,
+          [&]
+          {
+              Create(xImage.GetFormat());
+              _CopyRows(GetDevicePointer(), m_xResource.m_nPitch, xImage.GetDataPtr(), _RowWidth(m_xFormat), m_xFormat,
+                        cudaMemcpyHostToDevice, c_xCreate, c_pcErrorUploading);
+          });
+}
+
+void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat, const void* pPixels, bool bDevicePointer)
+{
+    Guard(c_xCreate, c_pcErrorCreating,
+          [&]
+          {
+              Create(xFormat);
+              _CopyRows(GetDevicePointer(), m_xResource.m_nPitch, pPixels, _RowWidth(m_xFormat), m_xFormat,
+                        bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate,
+                        c_pcErrorUploading);
+          });
+}
+
+void CQxDeviceImage2D::CopyTo(CQxImage& xImage) const
+{
+    Guard(c_xCopyTo, "Error copying to host image",
+          [&]
+          {
+              if (!IsValid())
+              {
+                  Throw(c_xCopyTo, "Image is invalid");
+              }
+              if (!(xImage.GetFormat() == m_xFormat))
+              {
+                  xImage.Create(m_xFormat);
+              }
+              _CopyRows(xImage.GetDataPtr(), _RowWidth(m_xFormat), GetDevicePointer(), m_xResource.m_nPitch, m_xFormat,
+                        cudaMemcpyDeviceToHost, c_xCopyTo, "Error copying image to host");
+          });
+}
+
+void CQxDeviceImage2D::Release()
+{
+    if (!IsValid())
+    {
+        return;
+    }
+    Guard({c_pcFile, "Release"}, "Error destroying 2D CUDA device image",
+          [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
+    m_xFormat = CQxImageFormat{};
+}
+
+SDeviceImageDesc2D CQxDeviceImage2D::GetDesc() const noexcept
+{
+    return {m_xFormat, m_xResource.m_pDevice, m_xResource.m_nPitch};
+}
+
+void CQxDeviceImage2D::CopyDescriptionToCudaConstAsync(const SDeviceImageDesc2D& xSymbol, CUstream_st* pStream) const
+{
+    // Ordinary host memory, so CUDA has taken it when the call returns.
+    const SDeviceImageDesc2D xDesc = GetDesc();
+    CheckCuda(cudaMemcpyToSymbolAsync(&xSymbol, &xDesc, sizeof(xDesc), 0, cudaMemcpyHostToDevice, pStream),
+              {c_pcFile, "CopyDescriptionToCudaConstAsync"},
+              "Error copying device image description 2D to constant memory");
+}
+
+template <typename TMemset>
+void CQxDeviceImage2D::_SetZero(const char* pcFunction, TMemset&& xMemset)
+{
+    const SThrowSite xSite{c_pcFile, pcFunction};
+    Guard(xSite, "Error setting image to zero",
+          [&]
+          {
+              if (!IsValid())
+              {
+                  Throw(xSite, "Image is invalid");
+              }
+              CheckCuda(xMemset(_RowWidth(m_xFormat), static_cast<std::size_t>(m_xFormat.iHeight)), xSite,
+                        "Error setting CUDA memory to zero");
+          });
+}
+
+void CQxDeviceImage2D::SetZero()
+{
+    _SetZero("SetZero", [&](std::size_t nWidth, std::size_t nHeight)
+             { return cudaMemset2D(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight); });
+}
+
+void CQxDeviceImage2D::SetZeroAsync(CUstream_st* pStream)
+{
+    _SetZero("SetZeroAsync", [&](std::size_t nWidth, std::size_t nHeight)
+             { return cudaMemset2DAsync(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight, pStream); });
+}
+
+cudaChannelFormatDesc CQxDeviceImage2D::_CreateCudaChannelFormatDescFromFormat(const CQxImageFormat& xFormat)
+{
+    constexpr SThrowSite c_xSite{c_pcFile, "_CreateCudaChannelFormatDescFromFormat"};
+    const SChannel xChannel = _GetChannel(xFormat.eDataType, c_xSite);
+    const int iChannels = _GetChannelCount(xFormat.ePixelType, c_xSite);
+    const auto Bits = [&](int iChannel)
+    {
+        return iChannel < iChannels ? xChannel.iBits : 0;
+    };
+    return {Bits(0), Bits(1), Bits(2), Bits(3), xChannel.eKind};
+}
+
+} // namespace Qx

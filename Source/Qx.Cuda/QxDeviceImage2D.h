@@ -1,0 +1,144 @@
+#pragma once
+
+#include <cuda_runtime_api.h>
+
+#include "Qx.Core.Ex/QxImage.h"
+#include "Qx.Cuda/QxDeviceImageDesc2D.h"
+#include "Qx.GPU.ResourceManager/Resource.h"
+
+namespace Qx
+{
+
+/// A two-dimensional image in pitched device memory.
+///
+/// The image is either empty (null device pointer, all-zero format) or valid: it then holds `height` rows of at least
+/// width x bytes per pixel bytes, row r starting at device pointer + r x pitch. The bytes between the end of a row and
+/// the next row are never read or written. The memory is borrowed from the pool of the device that was current when the
+/// image was created (`GPU::CResourceManager`) and goes back to it in `Release` and in the destructor.
+///
+/// Formats that an image can have: at least one pixel wide and high, rows of less than 2^31 bytes, a pixel type of one,
+/// two or four channels (Lum, LumA, RGBA, BGRA and the Bayer types) and a data type that CUDA knows a channel format
+/// for (Byte, UByte, Short, UShort, Int, UInt, Float, Double and the four Custom types).
+///
+/// Every failure is a `CQxException` chain; an exception of another type that a component throws, such as
+/// `std::bad_alloc`, passes unchanged. One thread uses an image at a time, with the image's device current. Operations
+/// whose names end in Async queue their work on the stream and return; the others use the blocking CUDA calls.
+class CQxDeviceImage2D
+{
+public:
+    /// An empty image; makes no CUDA call.
+    QX_CUDA_API CQxDeviceImage2D() noexcept;
+
+    /// As `Create` of the format.
+    QX_CUDA_API explicit CQxDeviceImage2D(const CQxImageFormat& xFormat);
+
+    /// As `Create` of the host image.
+    QX_CUDA_API explicit CQxDeviceImage2D(const CQxImage& xImage);
+
+    /// As `Create` of the other image, so moving from an empty image throws.
+    QX_CUDA_API CQxDeviceImage2D(CQxDeviceImage2D&& xSource);
+
+    /// As `Create` of the other image, so moving from an empty image throws.
+    QX_CUDA_API CQxDeviceImage2D& operator=(CQxDeviceImage2D&& xSource);
+
+    // A copy would own the same block twice; copying pixels is an operation that is asked for by name.
+    CQxDeviceImage2D(const CQxDeviceImage2D&) = delete;
+    CQxDeviceImage2D& operator=(const CQxDeviceImage2D&) = delete;
+
+    /// Gives the memory back to the pool. A failure to do so is dropped.
+    QX_CUDA_API ~CQxDeviceImage2D();
+
+    /// Gives the image memory for a format. An image that has exactly this format already keeps memory, pitch and
+    /// pixels, at no cost. Otherwise the present memory goes back to the pool first; new pixels are undefined.
+    ///
+    /// Throws a `CQxException` "Error creating 2D CUDA device image" with, as inner exception and in this order:
+    /// - "Width or height of given image format is 0" when one of them is 0 or negative,
+    /// - "Only 1, 2 or 4 channels per pixel are allowed" for RGB and BGR,
+    /// - "Unknown pixel type" for a value that is no pixel type; the image is unchanged after these three,
+    /// - "Error destroying 2D CUDA device image" when the pool refuses the old memory; the image is unchanged,
+    /// - "Unsupported data type '...'" or "Unsupported pixel type '...'" when there is no CUDA channel format,
+    /// - "Image row of ... bytes is too wide" when a row has 2^31 bytes or more,
+    /// - what the pool throws, such as a `CQxOutOfMemoryException`; the image is empty after these three.
+    QX_CUDA_API void Create(const CQxImageFormat& xFormat);
+
+    /// Takes over the memory of @p xSource, which is empty afterwards; this image's own memory goes back to the pool.
+    /// An image that is moved into itself ends empty.
+    ///
+    /// Throws a `CQxException` "Error creating 2D CUDA device image" with the inner exception "Given image is invalid"
+    /// when @p xSource is empty, or "Error destroying 2D CUDA device image" when the pool refuses this image's memory.
+    /// Both images are unchanged then.
+    QX_CUDA_API void Create(CQxDeviceImage2D&& xSource);
+
+    /// Creates the image for the format of @p xImage and uploads its pixels with one blocking 2D copy.
+    ///
+    /// Throws a `CQxException` "Error creating 2D CUDA device image" with, as inner exception, what `Create` of the
+    /// format throws (so that message stands twice in the chain), or a `CQxCudaException` "Error copying image to cuda
+    /// device"; after the latter the image keeps its new memory and format, its pixels are undefined.
+    QX_CUDA_API void Create(const CQxImage& xImage);
+
+    /// The same from a buffer of packed rows (height x width x bytes per pixel bytes).
+    /// @param xFormat the format of the buffer
+    /// @param pPixels its first byte; passed to CUDA unchecked
+    /// @param bDevicePointer true when @p pPixels is device memory, false when it is host memory
+    QX_CUDA_API void Create(const CQxImageFormat& xFormat, const void* pPixels, bool bDevicePointer);
+
+    /// Downloads the pixels with one blocking 2D copy. @p xImage is created for this image's format unless it has it
+    /// already.
+    ///
+    /// Throws a `CQxException` "Error copying to host image" with, as inner exception, "Image is invalid" when this
+    /// image is empty (@p xImage is untouched), what the host image's `Create` throws, or a `CQxCudaException` "Error
+    /// copying image to host" (@p xImage then keeps its new format, its pixels are undefined).
+    QX_CUDA_API void CopyTo(CQxImage& xImage) const;
+
+    /// Gives the memory back to the pool; an empty image is left alone.
+    ///
+    /// Throws a `CQxException` "Error destroying 2D CUDA device image" with the pool's exception inside when the pool
+    /// refuses it; the image is unchanged then.
+    QX_CUDA_API void Release();
+
+    /// True when the image holds memory.
+    bool IsValid() const noexcept { return m_xResource.m_pDevice != nullptr; }
+
+    /// The device address of row 0; null when empty. Stays owned by the image.
+    void* GetDevicePointer() const noexcept { return m_xResource.m_pDevice; }
+
+    /// The format; all zero when empty.
+    const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
+
+    /// The description of the image for a kernel. An empty image yields a zero format and a null pointer.
+    QX_CUDA_API SDeviceImageDesc2D GetDesc() const noexcept;
+
+    /// Writes the description of this image, empty or not, into a device constant, ordered on the stream.
+    ///
+    /// The description is taken during the call; the caller synchronises the stream before it relies on the constant.
+    /// Throws a `CQxCudaException` "Error copying device image description 2D to constant memory".
+    /// @param xSymbol the constant of the kernel's code, declared `__constant__`; neither read nor written on the host
+    /// @param pStream null for the default stream
+    QX_CUDA_API void CopyDescriptionToCudaConstAsync(const SDeviceImageDesc2D& xSymbol, CUstream_st* pStream) const;
+
+    /// Sets every pixel byte to zero with the stream-less 2D memset; padding stays.
+    ///
+    /// Throws a `CQxException` "Error setting image to zero" with, as inner exception, "Image is invalid" when the
+    /// image is empty or a `CQxCudaException` "Error setting CUDA memory to zero"; the image stays valid, its pixels
+    /// are undefined.
+    QX_CUDA_API void SetZero();
+
+    /// The same, queued on the stream (null for the default stream); the image must live until the work is done.
+    QX_CUDA_API void SetZeroAsync(CUstream_st* pStream);
+
+    /// The CUDA channel format of an image format: bits and kind by the data type, channels by the pixel type. "Double"
+    /// is described as 32-bit float, the widest that CUDA has.
+    ///
+    /// Throws a `CQxException` "Unsupported data type '...'" or, tested after it, "Unsupported pixel type '...'".
+    static QX_CUDA_API cudaChannelFormatDesc _CreateCudaChannelFormatDescFromFormat(const CQxImageFormat& xFormat);
+
+private:
+    template <typename TMemset>
+    void _SetZero(const char* pcFunction, TMemset&& xMemset);
+
+    CQxImageFormat m_xFormat{};
+    cudaChannelFormatDesc m_xChannelDesc{};
+    GPU::CCudaMemoryPitchResource m_xResource;
+};
+
+} // namespace Qx

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include <cuda_runtime.h>
+
+#include "Qx.Cuda.Core/QxCudaException.h"
+#include "Qx.Cuda/QxCudaComp.h"
+
+namespace Qx
+{
+
+/// A kernel as a type, so that a runtime that executes kernels itself can compile it into its loops. Stands for the
+/// kernel's address wherever that is wanted.
+template <auto Kernel>
+struct SKernel
+{
+    constexpr operator decltype(Kernel)() const noexcept { return Kernel; }
+
+    template <typename... TArguments>
+    void operator()(TArguments&&... xArguments) const
+    {
+        Kernel(std::forward<TArguments>(xArguments)...);
+    }
+};
+
+/// Throws what `LaunchKernel` throws; apart from it, because it is the same for every kernel.
+[[noreturn, gnu::cold, gnu::noinline]] inline void _ThrowLaunch(const dim3& xGrid, const dim3& xBlock)
+{
+    std::string sMessage = "Error launching kernel with grid ";
+    const auto Append = [&](const dim3& xCount)
+    {
+        sMessage.append("[").append(std::to_string(xCount.x)).append(", ");
+        sMessage.append(std::to_string(xCount.y)).append(", ").append(std::to_string(xCount.z)).append("]");
+    };
+    Append(xGrid);
+    sMessage.append(" and block ");
+    Append(xBlock);
+    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, sMessage.c_str());
+}
+
+/// Launches a client's kernel, from one source for every platform: `LaunchKernel<Sharpen>(xGrid, xBlock, pStream,
+/// xImage.GetDesc(), 0.5F)`.
+///
+/// The kernel is a `__global__` function of plain parameters, declared in a file that nvcc compiles on the CUDA
+/// platform. It is queued on the stream; the call does not wait. Arguments are converted to the kernel's parameter
+/// types, which is checked when the call is compiled, and copied before the call returns.
+///
+/// Throws a `CQxCudaException` "Error launching kernel with grid [x, y, z] and block [x, y, z]" when the runtime
+/// refuses the launch: a dimension of 0 or beyond the device's limits, a stream that does not exist, a fault that an
+/// earlier kernel left. A fault of this kernel shows when its stream is waited for (`CQxCudaComp::End`).
+/// @param xGrid blocks of the launch
+/// @param xBlock threads of a block
+/// @param pStream null for the default stream
+template <auto Kernel, typename... TArguments>
+void LaunchKernel(const dim3& xGrid, const dim3& xBlock, cudaStream_t pStream, TArguments&&... xArguments)
+{
+    static_assert(std::is_invocable_v<decltype(Kernel), TArguments...>,
+                  "the arguments do not fit the kernel's parameters");
+    cudaLaunchConfig_t xConfig{};
+    xConfig.gridDim = xGrid;
+    xConfig.blockDim = xBlock;
+    xConfig.stream = pStream;
+    cudaError eResult = cudaSuccess;
+    if constexpr (requires {
+                      cudaLaunchKernelEx(&xConfig, SKernel<Kernel>{}, std::forward<TArguments>(xArguments)...);
+                  })
+    {
+        eResult = cudaLaunchKernelEx(&xConfig, SKernel<Kernel>{}, std::forward<TArguments>(xArguments)...);
+    }
+    else
+    {
+        eResult = cudaLaunchKernelEx(&xConfig, Kernel, std::forward<TArguments>(xArguments)...);
+    }
+    if (eResult != cudaSuccess) [[unlikely]]
+    {
+        _ThrowLaunch(xGrid, xBlock);
+    }
+}
+
+/// The same with the grid and block of a launch context.
+template <auto Kernel, typename... TArguments>
+void LaunchKernel(const CQxCudaComp& xComp, cudaStream_t pStream, TArguments&&... xArguments)
+{
+    LaunchKernel<Kernel>(xComp.GetGrid(), xComp.GetBlock(), pStream, std::forward<TArguments>(xArguments)...);
+}
+
+} // namespace Qx
