@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 
 #include "Qx.Core.Ex/QxImageFormat.h"
 

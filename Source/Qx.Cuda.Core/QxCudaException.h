@@ -36,7 +36,11 @@ public:
 
     CQxCudaException(const CQxCudaException&) = default;
     CQxCudaException(CQxCudaException&&) noexcept = default;
-    CQxCudaException& operator=(const CQxCudaException&) = default;
+    CQxCudaException& operator=(const CQxCudaException& xOther)
+    {
+        // Copied first, so that running out of memory leaves this exception whole.
+        return *this = CQxCudaException(xOther);
+    }
     CQxCudaException& operator=(CQxCudaException&&) noexcept = default;
 
     IException* Clone() const override { return new CQxCudaException(*this); }

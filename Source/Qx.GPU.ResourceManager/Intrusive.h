@@ -59,7 +59,8 @@ public:
         TNode* const pNode = m_pFirst;
         if (pNode != nullptr)
         {
-            Remove(*pNode);
+            m_pFirst = (pNode->*pLinks).pNext;
+            (m_pFirst != nullptr ? (m_pFirst->*pLinks).pPrevious : m_pLast) = nullptr;
         }
         return pNode;
     }

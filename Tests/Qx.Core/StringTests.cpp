@@ -1,0 +1,119 @@
+#include <limits>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "AllocationFault.h"
+#include "Qx.Core/QxString.h"
+
+namespace
+{
+
+using Qx::CQxString;
+using Qx::Test::FailEachAllocation;
+
+constexpr const char* c_pcLong = "a text that is too long for the buffer inside a string object";
+
+TEST(String, NullPointerIsTheEmptyText)
+{
+    const char* pcNull = nullptr;
+    CQxString sText(pcNull);
+    EXPECT_STREQ(sText.ToCString(), "");
+    EXPECT_EQ(sText, CQxString());
+
+    sText = "text";
+    sText << pcNull;
+    EXPECT_STREQ(sText.ToCString(), "text");
+    sText = pcNull;
+    EXPECT_STREQ(sText.ToCString(), "");
+}
+
+TEST(String, AppendingChains)
+{
+    const CQxString sOther("two");
+    CQxString sText("one ");
+    CQxString& sResult = sText << sOther << " " << -3 << "/" << 0;
+    EXPECT_EQ(&sResult, &sText);
+    EXPECT_STREQ(sText.ToCString(), "one two -3/0");
+    EXPECT_STREQ(sOther.ToCString(), "two");
+}
+
+TEST(String, IntegersAreSignedDecimals)
+{
+    CQxString sText;
+    sText << std::numeric_limits<int>::min() << " " << std::numeric_limits<int>::max();
+    EXPECT_STREQ(sText.ToCString(), "-2147483648 2147483647");
+}
+
+TEST(String, TakesItsOwnTextAsArgument)
+{
+    CQxString sText("abc");
+    // More often than the buffer can grow in place.
+    for (int iRound = 0; iRound < 6; ++iRound)
+    {
+        const std::string sExpected = std::string(sText.ToCString()) + sText.ToCString();
+        sText << sText;
+        ASSERT_EQ(sText.ToCString(), sExpected);
+        sText << sText.ToCString();
+        ASSERT_EQ(sText.ToCString(), sExpected + sExpected);
+    }
+
+    sText = c_pcLong;
+    const CQxString& sAlias = sText;
+    sText = sAlias;
+    EXPECT_STREQ(sText.ToCString(), c_pcLong);
+    sText = sText.ToCString() + 2;
+    EXPECT_STREQ(sText.ToCString(), c_pcLong + 2);
+}
+
+TEST(String, CopiesShareNothing)
+{
+    CQxString sOriginal(c_pcLong);
+    CQxString sCopy(sOriginal);
+    CQxString sAssigned("old");
+    sAssigned = sOriginal;
+    EXPECT_NE(sCopy.ToCString(), sOriginal.ToCString());
+    sOriginal << "!";
+    EXPECT_STREQ(sCopy.ToCString(), c_pcLong);
+    EXPECT_STREQ(sAssigned.ToCString(), c_pcLong);
+
+    const CQxString sMoved(std::move(sCopy));
+    EXPECT_EQ(sMoved, sAssigned);
+}
+
+TEST(String, ComparesByBytes)
+{
+    EXPECT_EQ(CQxString("gr\xc3\xbc\xc3\x9f"), CQxString("gr\xc3\xbc\xc3\x9f"));
+    EXPECT_NE(CQxString("text"), CQxString("Text"));
+    EXPECT_NE(CQxString("text"), CQxString("text "));
+}
+
+TEST(String, IsUnchangedWhenItCannotGrow)
+{
+    const CQxString sLong(c_pcLong);
+    std::optional<CQxString> xText;
+    const auto Setup = [&]
+    {
+        xText.emplace("old");
+    };
+    const auto CheckUnchanged = [&]
+    {
+        EXPECT_STREQ(xText->ToCString(), "old");
+    };
+    EXPECT_EQ(FailEachAllocation(
+                  Setup, [&] { *xText << c_pcLong; }, CheckUnchanged),
+              2);
+    EXPECT_EQ(FailEachAllocation(
+                  Setup, [&] { *xText << sLong; }, CheckUnchanged),
+              2);
+    EXPECT_EQ(FailEachAllocation(
+                  Setup, [&] { *xText = c_pcLong; }, CheckUnchanged),
+              2);
+    EXPECT_EQ(FailEachAllocation(
+                  Setup, [&] { *xText = sLong; }, CheckUnchanged),
+              2);
+}
+
+} // namespace
