@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstddef>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QX_HOSTCUDA_ASAN 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define QX_HOSTCUDA_ASAN 1
+#endif
+
+#if defined(QX_HOSTCUDA_ASAN)
+#include <sanitizer/asan_interface.h>
+#endif
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QX_HOSTCUDA_TSAN 1
+#endif
+#elif defined(__SANITIZE_THREAD__)
+#define QX_HOSTCUDA_TSAN 1
+#endif
+
+#if defined(QX_HOSTCUDA_TSAN)
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace Qx::HostCuda
+{
+
+/// Makes AddressSanitizer report any access to the bytes.
+inline void Poison([[maybe_unused]] const void* pMemory, [[maybe_unused]] std::size_t nByteCount) noexcept
+{
+#if defined(QX_HOSTCUDA_ASAN)
+    __asan_poison_memory_region(pMemory, nByteCount);
+#endif
+}
+
+/// Takes a poisoning back.
+inline void Unpoison([[maybe_unused]] const void* pMemory, [[maybe_unused]] std::size_t nByteCount) noexcept
+{
+#if defined(QX_HOSTCUDA_ASAN)
+    __asan_unpoison_memory_region(pMemory, nByteCount);
+#endif
+}
+
+/// Tells ThreadSanitizer that what comes before this happens before what follows a TsanAcquire of the same address.
+inline void TsanRelease([[maybe_unused]] void* pAddress) noexcept
+{
+#if defined(QX_HOSTCUDA_TSAN)
+    __tsan_release(pAddress);
+#endif
+}
+
+/// The other end of TsanRelease.
+inline void TsanAcquire([[maybe_unused]] void* pAddress) noexcept
+{
+#if defined(QX_HOSTCUDA_TSAN)
+    __tsan_acquire(pAddress);
+#endif
+}
+
+} // namespace Qx::HostCuda

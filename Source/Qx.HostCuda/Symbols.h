@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cuda_runtime_api.h>
+
+#include <cstddef>
+
+namespace Qx::HostCuda
+{
+
+/// Checks that `nByteCount` bytes from `nOffset` on in a symbol are the writable data of a loaded module, so that no
+/// garbage is ever written through. cudaErrorInvalidSymbol: null, or an address that is no such data;
+/// cudaErrorInvalidValue: the bytes leave the module's data.
+///
+/// The size of the variable is not known here; that a copy stays within it is AddressSanitizer's to check, and that
+/// of the typed forms of the calls.
+cudaError_t CheckSymbol(const void* pSymbol, std::size_t nByteCount, std::size_t nOffset) noexcept;
+
+} // namespace Qx::HostCuda
