@@ -6,14 +6,24 @@ set(QX_SOURCE_ROOT "${CMAKE_CURRENT_SOURCE_DIR}/Source")
 function(qx_configure_target target)
     target_compile_features(${target} PUBLIC cxx_std_20)
     target_compile_options(${target} PRIVATE
-        $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wshadow -Wconversion -Wsign-conversion>)
+        $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wshadow -Wconversion -Wsign-conversion>
+        $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-Wall,-Wextra>)
     if(QX_WARNINGS_AS_ERRORS)
-        target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Werror>)
+        target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Werror>
+                               $<$<COMPILE_LANGUAGE:CUDA>:-Werror=all-warnings>)
     endif()
     if(QX_SANITIZE)
         target_compile_options(${target} PRIVATE -fsanitize=${QX_SANITIZE} -fno-omit-frame-pointer
                                -fno-sanitize-recover=all)
         target_link_options(${target} PRIVATE -fsanitize=${QX_SANITIZE})
+    endif()
+endfunction()
+
+# qx_kernel_sources(<files>): sources that contain kernels. nvcc compiles them on the CUDA platform, the C++ compiler on
+# the host. To be called in the folder of the target that has the sources.
+function(qx_kernel_sources)
+    if(QX_CHOSEN_PLATFORM STREQUAL "CUDA")
+        set_source_files_properties(${ARGN} PROPERTIES LANGUAGE CUDA)
     endif()
 endfunction()
 
