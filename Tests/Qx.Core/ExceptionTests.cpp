@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "AllocationFault.h"
+#include "Support/AllocationFault.h"
 #include "Qx.Core/QxException.h"
 #include "Support/Chain.h"
 #include "VirtualSlot.h"

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "AllocationFault.h"
+#include "Support/AllocationFault.h"
 #include "Qx.Core.Math/QxMapping3D.h"
 #include "Qx.Core.Math/QxMatrix.h"
 #include "Qx.Core.Math/QxVector.h"

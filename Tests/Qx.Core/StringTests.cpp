@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "AllocationFault.h"
+#include "Support/AllocationFault.h"
 #include "Qx.Core/QxString.h"
 
 namespace

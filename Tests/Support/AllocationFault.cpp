@@ -1,4 +1,4 @@
-#include "AllocationFault.h"
+#include "Support/AllocationFault.h"
 
 #include <cstdlib>
 

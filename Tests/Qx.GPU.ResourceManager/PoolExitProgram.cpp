@@ -1,0 +1,124 @@
+// A process that ends with blocks in objects of static storage and in the pool: it must end with code 0, and the pool
+// must make no CUDA call from the end of main() on.
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "Qx.GPU.ResourceManager/ResourceManager.h"
+#include "Support/CudaRecorder.h"
+
+namespace
+{
+
+using Qx::GPU::CCudaMemoryPitchResource;
+using Qx::GPU::CResourceManager;
+using Qx::Test::CCudaRecorder;
+
+[[noreturn]] void _Fail(const std::string& sWhat)
+{
+    static_cast<void>(std::fprintf(stderr, "%s\n", sWhat.c_str()));
+    std::_Exit(1);
+}
+
+/// Judges the exit: the first static object of the program, hence the last to be destroyed.
+struct SJudge
+{
+    ~SJudge()
+    {
+        for (const std::string& sCall : CCudaRecorder::CallNames())
+        {
+            _Fail("call while the process exits: " + sCall);
+        }
+        if (CResourceManager::GetStatistics(0).nBlocksInUse != 0)
+        {
+            _Fail("the static holders did not give their blocks back");
+        }
+    }
+};
+
+/// Holds a block as an image does.
+class CHolder
+{
+public:
+    explicit CHolder(bool bFree) : m_bFree(bFree) {}
+    CHolder(const CHolder&) = delete;
+    CHolder& operator=(const CHolder&) = delete;
+    ~CHolder()
+    {
+        try
+        {
+            CResourceManager::ReleaseResource(m_xResource, m_bFree);
+        }
+        catch (const Qx::CQxException& xException)
+        {
+            _Fail(xException.ToString().ToCString());
+        }
+        if (m_xResource.m_pDevice != nullptr)
+        {
+            _Fail("a release during the exit did not empty the resource");
+        }
+    }
+
+    void Create(std::size_t nRows) { m_xResource = CResourceManager::GetCudaMemoryPitch(640, nRows); }
+
+private:
+    CCudaMemoryPitchResource m_xResource;
+    const bool m_bFree;
+};
+
+/// Asks the pool for new memory when the exit is under way.
+struct SLateClient
+{
+    ~SLateClient()
+    {
+        const auto MustRefuse = [](const char* pcWhat, auto&& Operation)
+        {
+            try
+            {
+                Operation();
+            }
+            catch (const Qx::CQxException&)
+            {
+                return;
+            }
+            _Fail(std::string("not refused during the exit: ") + pcWhat);
+        };
+        MustRefuse("pitched block", [] { CResourceManager::GetCudaMemoryPitch(640, 999); });
+        MustRefuse("linear block", [] { CResourceManager::GetCudaMemory(999); });
+        MustRefuse("idle block", [] { CResourceManager::GetCudaMemoryPitch(640, 4); });
+        MustRefuse("trim", [] { CResourceManager::Trim(0); });
+    }
+};
+
+// Made before the pool is used, destroyed after it is closed.
+SJudge g_xJudge;
+CHolder g_xFirst(false);
+CHolder g_xSecond(false);
+CHolder g_xFreed(true);
+SLateClient g_xLateClient;
+
+} // namespace
+
+int main()
+{
+    g_xFirst.Create(1);
+    g_xSecond.Create(2);
+    g_xFreed.Create(3);
+
+    // Made after the pool's first use, destroyed before it is closed.
+    static CHolder s_xLate(false);
+    s_xLate.Create(1);
+
+    CHolder(false).Create(4); // leaves an idle block
+
+    // Room for the idle block and the late holder's only: the others would need a free if the exit were not known.
+    const std::size_t nIdle = CResourceManager::GetStatistics().nBytesIdle;
+    CResourceManager::SetIdleLimit(nIdle / 4 * 5);
+    if (nIdle == 0 || CResourceManager::GetStatistics().nBlocksInUse != 4)
+    {
+        _Fail("the program does not hold what it should");
+    }
+    CCudaRecorder::Reset();
+    return 0;
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <cuda_runtime_api.h>
+
+namespace Qx::Test
+{
+
+/// One call of the CUDA runtime as the program's libraries made it.
+struct SCudaCall
+{
+    std::string sName;                     ///< "cudaMemcpy2D"
+    std::vector<std::uint64_t> vArguments; ///< in order; pointers and handles by value, signed ones sign-extended
+    cudaError_t eResult;
+};
+
+/// Stands between the program's libraries and the CUDA runtime: the program defines the runtime's calls itself, counts
+/// them and forwards them to the next definition, which is the real runtime or the stand-in.
+///
+/// Calls that only ask about errors (`cudaGetLastError`, `cudaPeekAtLastError`, `cudaGetErrorName`,
+/// `cudaGetErrorString`) are recorded but cannot be made to fail. All operations may be called from any thread.
+class CCudaRecorder
+{
+public:
+    /// Forgets recorded calls and planned failures; recording is on afterwards. Live allocations stay known.
+    static void Reset();
+
+    /// Forwards calls without recording or failing them until `Reset`, so that the recorder itself allocates nothing.
+    /// Allocations are still tracked.
+    static void Pause();
+
+    /// The calls since `Reset`, in the order in which they returned.
+    static std::vector<SCudaCall> Calls();
+
+    /// Their names only.
+    static std::vector<std::string> CallNames();
+
+    /// How many of them were calls of @p pcName.
+    static std::size_t Count(const char* pcName);
+
+    /// The last of them of that name; fails the test when there is none.
+    static SCudaCall Last(const char* pcName);
+
+    /// Makes the @p iNth (from 1) of the calls from now on fail with @p eError instead of being forwarded; the error
+    /// becomes the calling thread's last error. With @p bPersistent all calls after it fail too.
+    static void FailCall(int iNth, cudaError_t eError, bool bPersistent = false);
+
+    /// The same, counting calls of @p pcName only.
+    static void FailCall(const char* pcName, int iNth, cudaError_t eError, bool bPersistent = false);
+
+    /// True when a planned failure has happened.
+    static bool HasFailed();
+
+    /// Drops a planned failure.
+    static void ClearFailure();
+
+    /// Blocks that were allocated through the runtime and not freed.
+    static std::size_t LiveAllocations();
+};
+
+/// True when a CUDA device answers; tests of what happens on a device need one.
+bool DeviceAnswers();
+
+} // namespace Qx::Test
