@@ -1,0 +1,324 @@
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Qx.Cuda/QxCudaComp.h"
+#include "Support/CudaChain.h"
+#include "Support/CudaRecorder.h"
+
+namespace Qx::Test
+{
+
+namespace
+{
+
+constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaComp";
+constexpr const char* c_pcNotConfigured =
+    "Kernel launch configuration isn't initialized. Block or Grid is zero. Call EvalKernelDim_2D_1D() before";
+
+struct SShape
+{
+    unsigned int uX;
+    unsigned int uY;
+    unsigned int uZ;
+
+    friend bool operator==(const SShape&, const SShape&) = default;
+    friend std::ostream& operator<<(std::ostream& xOut, const SShape& xShape)
+    {
+        return xOut << '[' << xShape.uX << ", " << xShape.uY << ", " << xShape.uZ << ']';
+    }
+};
+
+SShape Grid(const CQxCudaComp& xComp)
+{
+    return {xComp.GetGrid().x, xComp.GetGrid().y, xComp.GetGrid().z};
+}
+
+SShape Block(const CQxCudaComp& xComp)
+{
+    return {xComp.GetBlock().x, xComp.GetBlock().y, xComp.GetBlock().z};
+}
+
+CQxImageFormat Size(int iWidth, int iHeight)
+{
+    return {iWidth, iHeight, EDataType::UByte, EPixelType::Lum};
+}
+
+static_assert(std::has_virtual_destructor_v<CQxCudaComp> && !std::is_copy_constructible_v<CQxCudaComp> &&
+              !std::is_move_constructible_v<CQxCudaComp>);
+
+TEST(CudaComp, StartsUnconfiguredAndRefusesToBegin)
+{
+    {
+        CQxCudaComp xComp;
+        EXPECT_EQ(Grid(xComp), (SShape{0, 0, 1}));
+        EXPECT_EQ(Block(xComp), (SShape{0, 0, 1}));
+        EXPECT_EQ(xComp.GetStream(), nullptr);
+        EXPECT_TRUE(
+            ThrowsChain([&] { xComp.Begin("Kernel", nullptr); }, {Plain(c_pcNotConfigured, "Begin", c_pcFile)}));
+        EXPECT_TRUE(ThrowsChain([&] { xComp.Begin(CQxString("Kernel"), nullptr); },
+                                {Plain(c_pcNotConfigured, "Begin", c_pcFile)}));
+    }
+    EXPECT_TRUE(CCudaRecorder::Calls().empty());
+}
+
+TEST(CudaComp, SizesALaunchForAnImage)
+{
+    struct SCase
+    {
+        int iWidth, iHeight, iResources, iWarps;
+        SShape xBlock, xGrid;
+    };
+    const std::vector<SCase> vCases{
+        {1920, 1080, 32, 8, {256, 1, 1}, {8, 1080, 1}},   // 256 x 32 fits
+        {1920, 1080, 512, 8, {128, 1, 1}, {15, 1080, 1}}, // 256 x 512 does not
+        {1, 1, 1, 1, {32, 1, 1}, {1, 1, 1}},              //
+        {33, 2, 2048, 1, {32, 1, 1}, {2, 2, 1}},          // exactly the limit
+        {33, 2, 2049, 1, {16, 1, 1}, {3, 2, 1}},          // one above it
+        {INT32_MAX, 1, 65536, 8, {1, 1, 1}, {INT32_MAX, 1, 1}},
+        {7, 5, 0, 2, {64, 1, 1}, {1, 5, 1}},
+        {7, 5, -3, 2, {64, 1, 1}, {1, 5, 1}},
+        // No thread is left, or there are none to begin with.
+        {640, 480, 65537, 8, {0, 1, 1}, {0, 480, 1}},
+        {640, 480, INT32_MAX, INT32_MAX, {0, 1, 1}, {0, 480, 1}},
+        {640, 480, 32, 0, {0, 1, 1}, {0, 480, 1}},
+        {640, 480, 32, -8, {0, 1, 1}, {0, 480, 1}},
+        {640, 480, INT32_MIN, INT32_MIN, {0, 1, 1}, {0, 480, 1}},
+        {640, 480, 0, INT32_MAX, {0, 1, 1}, {0, 480, 1}},
+    };
+    for (const SCase& xCase : vCases)
+    {
+        SCOPED_TRACE(testing::Message() << xCase.iWidth << " x " << xCase.iHeight << ", " << xCase.iResources << ", "
+                                        << xCase.iWarps);
+        CQxCudaComp xComp;
+        xComp.EvalKernelDim_2D_1D(Size(xCase.iWidth, xCase.iHeight), xCase.iResources, xCase.iWarps);
+        EXPECT_EQ(Block(xComp), xCase.xBlock);
+        EXPECT_EQ(Grid(xComp), xCase.xGrid);
+        if (xCase.xBlock.uX == 0)
+        {
+            EXPECT_THROW(xComp.Begin("Kernel", nullptr), CQxException);
+        }
+    }
+}
+
+TEST(CudaComp, RefusesAnImageWithoutPixelsAndKeepsTheConfiguration)
+{
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(Size(64, 48), 32, 1);
+    EXPECT_TRUE(ThrowsChain([&] { xComp.EvalKernelDim_2D_1D(Size(0, 480), 32, 8); },
+                            {Plain("Invalid array size 0 x 480", "EvalKernelDim_2D_1D", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain([&] { xComp.EvalKernelDim_2D_1D(Size(640, -1), 32, 8); },
+                            {Plain("Invalid array size 640 x -1", "EvalKernelDim_2D_1D", c_pcFile)}));
+    EXPECT_EQ(Grid(xComp), (SShape{2, 48, 1}));
+    EXPECT_EQ(Block(xComp), (SShape{32, 1, 1}));
+}
+
+TEST(CudaComp, SizesALaunchForANumberOfThreads)
+{
+    struct SCase
+    {
+        unsigned int uThreads, uBlock;
+        SShape xGrid;
+    };
+    const std::vector<SCase> vCases{
+        {1, 256, {1, 1, 1}},
+        {256, 256, {1, 1, 1}},
+        {257, 256, {2, 1, 1}},
+        {10000000, 256, {39063, 1, 1}},
+        {100000000, 256, {65105, 6, 1}},
+        {65534, 1, {65534, 1, 1}},
+        {65535U * 256, 256, {65535, 1, 1}},
+        {65536, 1, {32769, 2, 1}},
+        {131070U * 256, 256, {65536, 2, 1}},
+        {131071, 1, {43691, 3, 1}},
+        {4294967295U, 4294967295U, {1, 1, 1}},
+    };
+    for (const SCase& xCase : vCases)
+    {
+        SCOPED_TRACE(testing::Message() << xCase.uThreads << " in blocks of " << xCase.uBlock);
+        CQxCudaComp xComp;
+        xComp.SetKernelConfiguration(xCase.uThreads, xCase.uBlock);
+        EXPECT_EQ(Grid(xComp), xCase.xGrid);
+        EXPECT_EQ(Block(xComp), (SShape{xCase.uBlock, 1, 1}));
+    }
+}
+
+// The grid's second dimension is the smallest that brings the first below the limit; found by trying, it must be what
+// the class computes.
+TEST(CudaComp, TakesTheSmallestRowCountThatFits)
+{
+    for (unsigned int uBlocks = 65534; uBlocks < 4294000000U; uBlocks += 98765431U / 7)
+    {
+        const unsigned int uLimit = uBlocks % 65535 == 0 ? 65535 : 65534;
+        SShape xExpected{uBlocks, 1, 1};
+        if (uBlocks > uLimit)
+        {
+            unsigned int uRows = 2;
+            while (uBlocks / uRows > uLimit)
+            {
+                ++uRows;
+            }
+            xExpected = {uBlocks / uRows + 1, uRows, 1};
+        }
+        CQxCudaComp xComp;
+        try
+        {
+            xComp.SetKernelConfiguration(uBlocks, 1);
+        }
+        catch (const CQxException&)
+        {
+            // The product wraps; the configuration is stored all the same.
+            EXPECT_LT(xExpected.uX * xExpected.uY, uBlocks);
+        }
+        EXPECT_EQ(Grid(xComp), xExpected) << uBlocks;
+    }
+}
+
+TEST(CudaComp, RefusesThreadCountsThatNoConfigurationCovers)
+{
+    CQxCudaComp xComp;
+    xComp.SetKernelConfiguration(1000, 10);
+    const auto Refuses = [&](unsigned int uThreads, unsigned int uBlock, const char* pcInner)
+    {
+        EXPECT_TRUE(ThrowsChain([&] { xComp.SetKernelConfiguration(uThreads, uBlock); },
+                                {Plain("Error setting kernel configuration", "SetKernelConfiguration", c_pcFile),
+                                 Plain(pcInner, "SetKernelConfiguration", c_pcFile)}));
+    };
+    Refuses(0, 256, "Number of threads is 0");
+    Refuses(0, 0, "Number of threads is 0");
+    Refuses(256, 0, "Number of threads in a block is 0");
+    EXPECT_EQ(Grid(xComp), (SShape{100, 1, 1}));
+    EXPECT_EQ(Block(xComp), (SShape{10, 1, 1}));
+
+    Refuses(4294967295U, 1024, "Too many threads for given configuration algorithm");
+    EXPECT_EQ(Grid(xComp), (SShape{64528, 65, 1}));
+    EXPECT_EQ(Block(xComp), (SShape{1024, 1, 1}));
+    Refuses(4294967295U, 1, "Too many threads for given configuration algorithm");
+    EXPECT_EQ(Grid(xComp), (SShape{65536, 65536, 1}));
+}
+
+TEST(CudaComp, CreatesOneEventRecordsItOnTheStreamOfEndAndDestroysIt)
+{
+    cudaStream_t pStream = nullptr;
+    ASSERT_EQ(cudaStreamCreate(&pStream), cudaSuccess);
+    {
+        CQxCudaComp xComp;
+        xComp.SetStream(pStream);
+        EXPECT_EQ(xComp.GetStream(), pStream);
+        xComp.SetKernelConfiguration(1, 1);
+        CCudaRecorder::Reset();
+        xComp.Begin("Kernel", nullptr);
+        xComp.Begin(CQxString("Kernel"), nullptr);
+        xComp.End("Kernel", pStream);
+        xComp.End(CQxString("Kernel"), pStream);
+        EXPECT_EQ(CCudaRecorder::CallNames(),
+                  (std::vector<std::string>{"cudaEventCreateWithFlags", "cudaEventRecord", "cudaEventSynchronize",
+                                            "cudaEventRecord", "cudaEventSynchronize"}));
+        EXPECT_EQ(CCudaRecorder::Last("cudaEventCreateWithFlags").vArguments[1], 2U);
+        EXPECT_EQ(CCudaRecorder::Last("cudaEventRecord").vArguments[1], reinterpret_cast<std::uintptr_t>(pStream));
+        CCudaRecorder::Reset();
+    }
+    EXPECT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{"cudaEventDestroy"});
+    EXPECT_EQ(cudaStreamDestroy(pStream), cudaSuccess);
+}
+
+std::string Report(const char* pcMessage, const char* pcKernel, const char* pcError, std::size_t nFree,
+                   std::size_t nTotal)
+{
+    return std::string(pcMessage) + "\n\nKernel: '" + pcKernel + "'\nCUDA Error String: '" + pcError +
+           "'\n\nKernel Configuration:\n - Grid:  [15, 1080, 1] = 16200\n - Block: [128, 1, 1] = 128\n\nFree Memory: " +
+           std::to_string(nFree) + "/" + std::to_string(nTotal);
+}
+
+TEST(CudaComp, ReportsTheStepThatFailedAndRecordsTheErrorThatIsPendingAfterTheReport)
+{
+    std::size_t nFree = 0;
+    std::size_t nTotal = 0;
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
+    ASSERT_EQ(cudaMemGetInfo(&nFree, &nTotal), cudaSuccess);
+    const auto Reports = [&](const char* pcCall, const char* pcStep, const char* pcFunction, auto&& xBody)
+    {
+        CCudaRecorder::Reset();
+        CCudaRecorder::FailCall(pcCall, 1, cudaErrorInvalidValue);
+        const SLink xExpected = Cuda(Report(pcStep, "100 %s Sharpen", "invalid argument", nFree, nTotal).c_str(),
+                                     cudaSuccess, pcFunction, c_pcFile);
+        CCudaRecorder::Reset();
+        CCudaRecorder::FailCall(pcCall, 1, cudaErrorInvalidValue);
+        EXPECT_TRUE(ThrowsChain(xBody, {xExpected}));
+        const auto vNames = CCudaRecorder::CallNames();
+        ASSERT_GE(vNames.size(), 8U);
+        EXPECT_EQ(
+            std::vector<std::string>(vNames.end() - 8, vNames.end()),
+            (std::vector<std::string>{pcCall, "cudaMemGetInfo", "cudaGetErrorString", "cudaGetLastError",
+                                      "cudaGetLastError", "cudaGetErrorName", "cudaGetErrorString", "cudaGetDevice"}));
+    };
+    Reports("cudaEventCreateWithFlags", "Start: Error creating stop event", "Begin",
+            [&] { xComp.Begin("100 %s Sharpen", nullptr); });
+    xComp.Begin("100 %s Sharpen", nullptr);
+    Reports("cudaEventRecord", "End: Error putting end event on main stream", "End",
+            [&] { xComp.End("100 %s Sharpen", nullptr); });
+    EXPECT_EQ(CCudaRecorder::Count("cudaEventSynchronize"), 0U);
+    Reports("cudaEventSynchronize", "End: Error during Kernel execution", "End",
+            [&] { xComp.End(CQxString("100 %s Sharpen"), nullptr); });
+}
+
+TEST(CudaComp, ReportsAnEndWithoutABegin)
+{
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
+    try
+    {
+        xComp.End(static_cast<const char*>(nullptr), nullptr);
+        FAIL() << "nothing was thrown";
+    }
+    catch (const CQxCudaException& xException)
+    {
+        const std::string sMessage = xException.GetMessageText().ToCString();
+        EXPECT_EQ(sMessage.find("End: Error putting end event on main stream\n\nKernel: ''\nCUDA Error String: "), 0U)
+            << sMessage;
+    }
+}
+
+TEST(CudaComp, ReportSurvivesAFailedMemoryQueryAndProductsThatWrap)
+{
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(Size(50000, 50000), 65536, 1);
+    CCudaRecorder::FailCall("cudaMemGetInfo", 1, cudaErrorUnknown);
+    const CQxString sReport = xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, nullptr, nullptr);
+    EXPECT_STREQ(sReport.ToCString(),
+                 "\n\nKernel: ''\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
+                 " - Grid:  [50000, 50000, 1] = -1794967296\n - Block: [1, 1, 1] = 1\n\nFree Memory: 0/0");
+    EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
+}
+
+TEST(CudaComp, ShortensOnlyWhatIsTooLongForTheReport)
+{
+    std::size_t nFree = 0;
+    std::size_t nTotal = 0;
+    ASSERT_EQ(cudaMemGetInfo(&nFree, &nTotal), cudaSuccess);
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
+    const std::string sLong(5000, 'k');
+    const std::string sTail = Report("", "", "unspecified launch failure", nFree, nTotal);
+
+    const std::string sNameCut =
+        xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, sLong.c_str(), "End: Error during Kernel execution")
+            .ToCString();
+    EXPECT_EQ(sNameCut.size(), 1999U);
+    const std::string sKept(1999 - sTail.size() - std::string("End: Error during Kernel execution").size(), 'k');
+    EXPECT_EQ(sNameCut,
+              Report("End: Error during Kernel execution", sKept.c_str(), "unspecified launch failure", nFree, nTotal));
+
+    const std::string sMessageCut =
+        xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, "Kernel", sLong.c_str()).ToCString();
+    EXPECT_EQ(sMessageCut.size(), 1999U);
+    EXPECT_EQ(sMessageCut.substr(1999 - sTail.size()), sTail);
+}
+
+} // namespace
+
+} // namespace Qx::Test

@@ -1,0 +1,565 @@
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <future>
+#include <set>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <cuda_runtime.h>
+#include <gtest/gtest.h>
+
+#include "KernelLibrary.h"
+#include "Qx.Cuda/QxCudaComp.h"
+#include "Qx.Cuda/QxDeviceImage2D.h"
+#include "Qx.Cuda/QxLaunchKernel.h"
+#include "Qx.GPU.ResourceManager/ResourceManager.h"
+#include "Support/CudaChain.h"
+#include "Support/CudaRecorder.h"
+
+// A client's kernels, written once: this file is compiled by nvcc on the CUDA platform and as it is on the host.
+
+namespace Qx::Test
+{
+
+namespace
+{
+
+using CudaDebug::CQxCudaCompDebug;
+using CudaDebug::SItem;
+using CudaDebug::SParameter;
+
+// What kernels share with the host, on both platforms alike.
+template <class T, std::size_t nSize, std::size_t nAlignment>
+constexpr bool c_bIsLaidOut = sizeof(T) == nSize && alignof(T) == nAlignment;
+static_assert(c_bIsLaidOut<uchar2, 2, 2> && c_bIsLaidOut<uchar3, 3, 1> && c_bIsLaidOut<uchar4, 4, 4>);
+static_assert(c_bIsLaidOut<short2, 4, 4> && c_bIsLaidOut<short4, 8, 8>);
+static_assert(c_bIsLaidOut<ushort2, 4, 4> && c_bIsLaidOut<ushort3, 6, 2> && c_bIsLaidOut<ushort4, 8, 8>);
+static_assert(c_bIsLaidOut<int2, 8, 8> && c_bIsLaidOut<int3, 12, 4> && c_bIsLaidOut<int4, 16, 16>);
+static_assert(c_bIsLaidOut<uint2, 8, 8> && c_bIsLaidOut<uint3, 12, 4> && c_bIsLaidOut<uint4, 16, 16>);
+static_assert(c_bIsLaidOut<float2, 8, 8> && c_bIsLaidOut<float3, 12, 4> && c_bIsLaidOut<float4, 16, 16>);
+static_assert(c_bIsLaidOut<double2, 16, 16> && c_bIsLaidOut<dim3, 12, 4>);
+static_assert(c_bIsLaidOut<cudaLaunchConfig_t, 56, 8> && offsetof(cudaLaunchConfig_t, blockDim) == 12 &&
+              offsetof(cudaLaunchConfig_t, dynamicSmemBytes) == 24 && offsetof(cudaLaunchConfig_t, stream) == 32 &&
+              offsetof(cudaLaunchConfig_t, attrs) == 40 && offsetof(cudaLaunchConfig_t, numAttrs) == 48);
+static_assert(std::is_same_v<decltype(min(1, 2U)), unsigned int> && std::is_same_v<decltype(max(1.0F, 2.0)), double>);
+
+/// Zeroed device memory for one test.
+template <class T>
+class CDeviceData
+{
+public:
+    explicit CDeviceData(std::size_t nCount = 1) : m_nCount(nCount)
+    {
+        EXPECT_EQ(cudaMalloc(reinterpret_cast<void**>(&m_pData), nCount * sizeof(T)), cudaSuccess);
+        EXPECT_EQ(cudaMemset(m_pData, 0, nCount * sizeof(T)), cudaSuccess);
+        EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    }
+    ~CDeviceData() { EXPECT_EQ(cudaFree(m_pData), cudaSuccess); }
+    CDeviceData(const CDeviceData&) = delete;
+    CDeviceData& operator=(const CDeviceData&) = delete;
+
+    T* Get() const { return m_pData; }
+    std::vector<T> Read() const
+    {
+        std::vector<T> vValues(m_nCount);
+        EXPECT_EQ(cudaMemcpy(vValues.data(), m_pData, m_nCount * sizeof(T), cudaMemcpyDeviceToHost), cudaSuccess);
+        return vValues;
+    }
+
+private:
+    std::size_t m_nCount;
+    T* m_pData = nullptr;
+};
+
+/// A stream that the default stream does not wait for.
+class CStream
+{
+public:
+    CStream() { EXPECT_EQ(cudaStreamCreateWithFlags(&m_pStream, cudaStreamNonBlocking), cudaSuccess); }
+    ~CStream() { EXPECT_EQ(cudaStreamDestroy(m_pStream), cudaSuccess); }
+    CStream(const CStream&) = delete;
+    CStream& operator=(const CStream&) = delete;
+    operator cudaStream_t() const { return m_pStream; }
+
+private:
+    cudaStream_t m_pStream = nullptr;
+};
+
+/// Keeps what is queued on a stream from now on waiting, until released or gone.
+class CHold
+{
+public:
+    explicit CHold(cudaStream_t pStream) : m_pStream(pStream)
+    {
+        EXPECT_EQ(
+            cudaLaunchHostFunc(
+                pStream, [](void* pGate) { static_cast<std::promise<void>*>(pGate)->get_future().wait(); }, &m_xGate),
+            cudaSuccess);
+    }
+    ~CHold()
+    {
+        Release();
+        // The host function must be done; what else the stream has met is for the test to say.
+        static_cast<void>(cudaStreamSynchronize(m_pStream));
+    }
+    CHold(const CHold&) = delete;
+    CHold& operator=(const CHold&) = delete;
+
+    void Release()
+    {
+        if (!std::exchange(m_bReleased, true))
+        {
+            m_xGate.set_value();
+        }
+    }
+
+private:
+    cudaStream_t m_pStream;
+    bool m_bReleased = false;
+    std::promise<void> m_xGate;
+};
+
+__global__ void CountPixels(SDeviceImageDesc2D xImage)
+{
+    const unsigned int uX = blockIdx.x * blockDim.x + threadIdx.x;
+    if (uX < static_cast<unsigned int>(xImage.xFormat.iWidth))
+    {
+        auto* const pRow =
+            reinterpret_cast<unsigned int*>(static_cast<char*>(xImage.pData) + blockIdx.y * xImage.nPitch);
+        atomicAdd(&pRow[uX], 1);
+    }
+}
+
+TEST(LaunchKernel, CoversEveryPixelOfAnImageOnce)
+{
+    for (const auto& [iWidth, iHeight] : {std::pair{1, 1}, {31, 2}, {257, 5}, {640, 480}})
+    {
+        const CQxImageFormat xFormat{iWidth, iHeight, EDataType::UInt, EPixelType::Lum};
+        CQxDeviceImage2D xImage(xFormat);
+        xImage.SetZero();
+        CQxCudaComp xComp;
+        xComp.EvalKernelDim_2D_1D(xFormat, 32, 4);
+        xComp.Begin("CountPixels", nullptr);
+        LaunchKernel<CountPixels>(xComp, nullptr, xImage.GetDesc());
+        xComp.End("CountPixels", nullptr);
+        CQxImage xHost;
+        xImage.CopyTo(xHost);
+        const auto nPixels = static_cast<std::size_t>(iWidth) * static_cast<std::size_t>(iHeight);
+        const auto* const pCounts = static_cast<const unsigned int*>(xHost.GetDataPtr());
+        EXPECT_EQ(static_cast<std::size_t>(std::count(pCounts, pCounts + nPixels, 1U)), nPixels)
+            << iWidth << " x " << iHeight;
+    }
+}
+
+// The index in the order that CUDA gives to threads and blocks.
+__device__ unsigned int GetIndex()
+{
+    const unsigned int uBlock = blockIdx.x + gridDim.x * (blockIdx.y + gridDim.y * blockIdx.z);
+    const unsigned int uThread = threadIdx.x + blockDim.x * (threadIdx.y + blockDim.y * threadIdx.z);
+    return uBlock * (blockDim.x * blockDim.y * blockDim.z) + uThread;
+}
+
+__global__ void CountThreads(unsigned int* pCounts, unsigned int uCount)
+{
+    if (GetIndex() < uCount)
+    {
+        atomicAdd(&pCounts[GetIndex()], 1U);
+    }
+}
+
+TEST(LaunchKernel, CoversEveryThreadOnce)
+{
+    const auto Expect = [](const CDeviceData<unsigned int>& xCounts, const char* pcWhat)
+    {
+        ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+        const auto vCounts = xCounts.Read();
+        EXPECT_EQ(static_cast<std::size_t>(std::count(vCounts.begin(), vCounts.end(), 1U)), vCounts.size()) << pcWhat;
+    };
+    for (const unsigned int uThreads : {1U, 255U, 100000U})
+    {
+        const CDeviceData<unsigned int> xCounts(uThreads);
+        CQxCudaComp xComp;
+        xComp.SetKernelConfiguration(uThreads, 256);
+        LaunchKernel<CountThreads>(xComp, nullptr, xCounts.Get(), uThreads);
+        Expect(xCounts, "configured");
+    }
+    // More blocks than fit into one dimension of the grid.
+    {
+        const CDeviceData<unsigned int> xCounts(70000);
+        CQxCudaComp xComp;
+        xComp.SetKernelConfiguration(70000, 1);
+        EXPECT_EQ(xComp.GetGrid().y, 2U);
+        LaunchKernel<CountThreads>(xComp, nullptr, xCounts.Get(), 70000U);
+        Expect(xCounts, "two rows of blocks");
+    }
+    for (const auto& [xGrid, xBlock] : {std::pair{dim3(7), dim3(3)},
+                                        {dim3(2, 3), dim3(5, 4)},
+                                        {dim3(3, 2, 4), dim3(2, 3, 5)},
+                                        {dim3(1, 1, 2), dim3(1, 1, 64)}})
+    {
+        const unsigned int uThreads = xGrid.x * xGrid.y * xGrid.z * xBlock.x * xBlock.y * xBlock.z;
+        const CDeviceData<unsigned int> xCounts(uThreads);
+        LaunchKernel<CountThreads>(xGrid, xBlock, nullptr, xCounts.Get(), uThreads);
+        Expect(xCounts, "explicit dimensions");
+    }
+}
+
+struct SStep
+{
+    int iFactor;
+    double fSummand;
+};
+
+__global__ void Apply(double* pValue, SStep xStep, double fMore)
+{
+    *pValue = *pValue * xStep.iFactor + xStep.fSummand + fMore;
+}
+
+TEST(LaunchKernel, ReturnsAtOnceHavingConvertedAndCopiedItsArguments)
+{
+    const CDeviceData<double> xValue;
+    const CStream xStream;
+    {
+        CHold xHold(xStream);
+        SStep xStep{10, 1};
+        short iMore = 1;
+        LaunchKernel<Apply>(dim3(1), dim3(1), xStream, xValue.Get(), xStep, iMore);
+        xStep = {100, 20};
+        iMore = 2;
+        LaunchKernel<Apply>(dim3(1), dim3(1), xStream, xValue.Get(), xStep, iMore);
+        xStep = {};
+        iMore = 0;
+        // Both wait for their turn, and nobody has waited for them.
+        EXPECT_EQ(cudaStreamQuery(xStream), cudaErrorNotReady);
+        static_cast<void>(cudaGetLastError());
+        xHold.Release();
+    }
+    EXPECT_EQ(xValue.Read().front(), 222.0);
+}
+
+TEST(LaunchKernel, KeepsTheOrderOfAStream)
+{
+    const CDeviceData<double> xValue;
+    const CStream xStream;
+    double fExpected = 0;
+    for (int iStep = 0; iStep < 200; ++iStep)
+    {
+        LaunchKernel<Apply>(dim3(1), dim3(1), xStream, xValue.Get(), SStep{iStep % 3, 1.0}, iStep);
+        fExpected = fExpected * (iStep % 3) + 1 + iStep;
+    }
+    ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+    EXPECT_EQ(xValue.Read().front(), fExpected);
+}
+
+// Waits for the kernel of the other stream, though not for ever.
+__global__ void Meet(int* pCounters)
+{
+    atomicAdd(&pCounters[0], 1);
+    for (long long iPatience = 0; iPatience < 1000000000LL; ++iPatience)
+    {
+        if (atomicAdd(&pCounters[0], 0) >= 2)
+        {
+            atomicAdd(&pCounters[1], 1);
+            return;
+        }
+    }
+}
+
+TEST(LaunchKernel, KernelsOfTwoStreamsRunAtTheSameTime)
+{
+    const CDeviceData<int> xCounters(2);
+    const CStream xFirst;
+    const CStream xSecond;
+    LaunchKernel<Meet>(dim3(1), dim3(1), xFirst, xCounters.Get());
+    LaunchKernel<Meet>(dim3(1), dim3(1), xSecond, xCounters.Get());
+    ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    EXPECT_EQ(xCounters.Read()[1], 2);
+}
+
+TEST(LaunchKernel, EndWaitsForItsOwnStreamOnly)
+{
+    const CDeviceData<double> xValue;
+    const CDeviceData<double> xHeldValue;
+    const CStream xHeld;
+    const CStream xStream;
+    CQxCudaComp xComp;
+    xComp.SetKernelConfiguration(1, 1);
+    xComp.Begin("Apply", xStream);
+    const CHold xHold(xHeld);
+    LaunchKernel<Apply>(xComp, xHeld, xHeldValue.Get(), SStep{1, 1}, 0);
+    LaunchKernel<Apply>(xComp, xStream, xValue.Get(), SStep{1, 5}, 0);
+    xComp.End("Apply", xStream);
+    EXPECT_EQ(cudaStreamQuery(xStream), cudaSuccess);
+    EXPECT_EQ(cudaStreamQuery(xHeld), cudaErrorNotReady);
+    static_cast<void>(cudaGetLastError());
+    double fValue = 0;
+    ASSERT_EQ(cudaMemcpyAsync(&fValue, xValue.Get(), sizeof(fValue), cudaMemcpyDeviceToHost, xStream), cudaSuccess);
+    ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+    EXPECT_EQ(fValue, 5.0);
+}
+
+constexpr const char* c_pcLaunchFile = "Source/Qx.Cuda/QxLaunchKernel";
+
+TEST(LaunchKernel, ThrowsWhenTheRuntimeRefusesTheConfiguration)
+{
+    const CDeviceData<unsigned int> xCounts;
+    const std::tuple<dim3, dim3, const char*> vCases[] = {
+        {{0, 1, 1}, {1, 1, 1}, "grid [0, 1, 1] and block [1, 1, 1]"},
+        {{1, 1, 1}, {1, 0, 1}, "grid [1, 1, 1] and block [1, 0, 1]"},
+        {{2, 3, 4}, {1025, 1, 1}, "grid [2, 3, 4] and block [1025, 1, 1]"},
+        {{1, 1, 1}, {32, 33, 1}, "grid [1, 1, 1] and block [32, 33, 1]"},
+        {{1, 1, 1}, {1, 1, 65}, "grid [1, 1, 1] and block [1, 1, 65]"},
+        {{2147483648U, 1, 1}, {1, 1, 1}, "grid [2147483648, 1, 1] and block [1, 1, 1]"},
+        {{1, 65536, 1}, {1, 1, 1}, "grid [1, 65536, 1] and block [1, 1, 1]"},
+        {{1, 1, 65536}, {1, 1, 1}, "grid [1, 1, 65536] and block [1, 1, 1]"},
+    };
+    for (const auto& [xGrid, xBlock, pcText] : vCases)
+    {
+        const std::string sMessage = std::string("Error launching kernel with ") + pcText;
+        const SLink xExpected = Cuda(sMessage.c_str(), cudaErrorInvalidConfiguration, "LaunchKernel", c_pcLaunchFile);
+        EXPECT_TRUE(ThrowsChain([&, &xG = xGrid, &xB = xBlock]
+                                { LaunchKernel<CountThreads>(xG, xB, nullptr, xCounts.Get(), 1U); },
+                                {xExpected}));
+        EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess) << pcText;
+    }
+    EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    EXPECT_EQ(xCounts.Read().front(), 0U);
+    // A launch context that nobody has configured.
+    EXPECT_THROW(LaunchKernel<CountThreads>(CQxCudaComp(), nullptr, xCounts.Get(), 1U), CQxCudaException);
+}
+
+__global__ void Trap()
+{
+    if (blockIdx.x == 2)
+    {
+        __trap();
+    }
+}
+
+#if defined(QX_HOSTCUDA)
+__global__ void ThrowException()
+{
+    throw std::string("out of a kernel");
+}
+#endif
+
+template <auto Kernel>
+void ExpectReportAndRecovery(const char* pcKernel)
+{
+    SCOPED_TRACE(pcKernel);
+    {
+        CQxCudaComp xComp;
+        xComp.SetKernelConfiguration(8, 2);
+        xComp.Begin(pcKernel, nullptr);
+        CHold xHold(nullptr);
+        LaunchKernel<Kernel>(xComp, nullptr);
+        // The kernel starts when End has recorded its event, which a fault would prevent.
+        CCudaRecorder::Reset();
+        const auto xRelease = std::async(std::launch::async,
+                                         [&]
+                                         {
+                                             while (CCudaRecorder::Count("cudaEventRecord") == 0)
+                                             {
+                                                 std::this_thread::yield();
+                                             }
+                                             xHold.Release();
+                                         });
+        try
+        {
+            xComp.End(pcKernel, nullptr);
+            ADD_FAILURE() << "the fault was not reported";
+        }
+        catch (const CQxCudaException& xException)
+        {
+            const std::string sMessage = xException.GetMessageText().ToCString();
+            const std::string sReport = std::string("End: Error during Kernel execution\n\nKernel: '") + pcKernel +
+                                        "'\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
+                                        " - Grid:  [4, 1, 1] = 4\n - Block: [2, 1, 1] = 2\n\nFree Memory: ";
+            EXPECT_EQ(sMessage.substr(0, sReport.size()), sReport);
+            // Resetting the last error, as the report does, is in vain: the fault is the device's.
+            EXPECT_EQ(xException.GetCudaError(), cudaErrorLaunchFailure);
+        }
+        EXPECT_EQ(cudaGetLastError(), cudaErrorLaunchFailure);
+        EXPECT_THROW(LaunchKernel<Kernel>(xComp, nullptr), CQxCudaException);
+        EXPECT_THROW(xComp.End(pcKernel, nullptr), CQxCudaException);
+        EXPECT_THROW(CQxDeviceImage2D({8, 8, EDataType::UByte, EPixelType::Lum}), CQxException);
+    }
+    ASSERT_EQ(cudaDeviceReset(), cudaSuccess);
+    GPU::CResourceManager::ForgetDevice(0);
+    static_cast<void>(cudaGetLastError());
+
+    const CQxImageFormat xFormat{8, 8, EDataType::UInt, EPixelType::Lum};
+    CQxDeviceImage2D xImage(xFormat);
+    xImage.SetZero();
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(xFormat, 32, 1);
+    xComp.Begin("CountPixels", nullptr);
+    LaunchKernel<CountPixels>(xComp, nullptr, xImage.GetDesc());
+    xComp.End("CountPixels", nullptr);
+    CQxImage xHost;
+    xImage.CopyTo(xHost);
+    EXPECT_EQ(static_cast<const unsigned int*>(xHost.GetDataPtr())[63], 1U);
+}
+
+TEST(LaunchKernel, AFaultIsReportedByEndAndGoneAfterAReset)
+{
+    ExpectReportAndRecovery<Trap>("Trap");
+    ExpectReportAndRecovery<Trap>("Trap again");
+#if defined(QX_HOSTCUDA)
+    ExpectReportAndRecovery<ThrowException>("ThrowException");
+#endif
+}
+
+__global__ void Report(SParameter xDebug, CudaDebug::EKind eKind)
+{
+    const int iThread = static_cast<int>(GetIndex());
+    const int iSlot = atomicAdd(xDebug.pCounter, 1);
+    if (iSlot < xDebug.iCapacity)
+    {
+        SItem& xItem = xDebug.pItems[iSlot];
+        xItem.aiPosition[0] = iThread;
+        xItem.aiPosition[3] = static_cast<int>(eKind);
+        xItem.bFlag = true;
+        xItem.afValue[8] = static_cast<float>(2 * iThread);
+    }
+}
+
+TEST(LaunchKernel, DebugChannelHoldsWhatKernelsReportUpToItsCapacity)
+{
+    SParameter& xDebug = CQxCudaCompDebug::GetDebugParams();
+    for (const int iCapacity : {1000, 300, 10})
+    {
+        xDebug.Malloc(iCapacity);
+        CQxCudaComp xComp;
+        xComp.SetKernelConfiguration(300, 100);
+        xComp.SetDebugKind(static_cast<CudaDebug::EKind>(7));
+        for (int iRound = 0; iRound < 2; ++iRound)
+        {
+            xDebug.ResetCounter();
+            xComp.Begin("Report", nullptr);
+            LaunchKernel<Report>(xComp, nullptr, xDebug, xComp.GetDebugKind());
+            xComp.End("Report", nullptr);
+            EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), 300);
+            std::vector<SItem> vItems;
+            CQxCudaCompDebug::GetDebugItems(vItems);
+            EXPECT_EQ(vItems.size(), static_cast<std::size_t>(std::min(iCapacity, 300)));
+            std::set<int> vThreads;
+            for (const SItem& xItem : vItems)
+            {
+                EXPECT_TRUE(xItem.bFlag);
+                EXPECT_EQ(xItem.aiPosition[3], 7);
+                EXPECT_EQ(xItem.afValue[8], static_cast<float>(2 * xItem.aiPosition[0]));
+                vThreads.insert(xItem.aiPosition[0]);
+            }
+            EXPECT_EQ(vThreads.size(), vItems.size()) << "a thread reported twice";
+            EXPECT_TRUE(vThreads.empty() || (*vThreads.begin() >= 0 && *vThreads.rbegin() < 300));
+        }
+        xDebug.Delete();
+    }
+}
+
+__constant__ SDeviceImageDesc2D c_xSource;
+
+__global__ void CopyDescribed(SDeviceImageDesc2D xTarget)
+{
+    const unsigned int uX = threadIdx.x;
+    const unsigned int uY = blockIdx.x;
+    static_cast<unsigned char*>(xTarget.pData)[uY * xTarget.nPitch + uX] =
+        static_cast<const unsigned char*>(c_xSource.pData)[uY * c_xSource.nPitch + uX];
+}
+
+TEST(LaunchKernel, KernelsReadTheDescriptionThatTheStreamWroteBeforeThem)
+{
+    const CQxImageFormat xFormat{20, 30, EDataType::UByte, EPixelType::Lum};
+    const CStream xStream;
+    CQxImage xHost;
+    xHost.Create(xFormat);
+    std::vector<CQxDeviceImage2D> vSources(3);
+    std::vector<CQxDeviceImage2D> vTargets(3);
+    for (std::size_t nImage = 0; nImage < 3; ++nImage)
+    {
+        std::fill_n(static_cast<unsigned char*>(xHost.GetDataPtr()), 600, static_cast<unsigned char>(nImage + 1));
+        vSources[nImage].Create(xHost);
+        vTargets[nImage].Create(xFormat);
+    }
+    // One constant for three launches: each sees the description that was current in its turn.
+    for (std::size_t nImage = 0; nImage < 3; ++nImage)
+    {
+        vSources[nImage].CopyDescriptionToCudaConstAsync(c_xSource, xStream);
+        LaunchKernel<CopyDescribed>(dim3(30), dim3(20), xStream, vTargets[nImage].GetDesc());
+    }
+    ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+    for (std::size_t nImage = 0; nImage < 3; ++nImage)
+    {
+        vTargets[nImage].CopyTo(xHost);
+        const auto* const pPixels = static_cast<const unsigned char*>(xHost.GetDataPtr());
+        EXPECT_EQ(std::count(pPixels, pPixels + 600, static_cast<unsigned char>(nImage + 1)), 600) << nImage;
+    }
+}
+
+TEST(LaunchKernel, KernelAndConstantMayLiveInALibraryThatIsLoadedLater)
+{
+    // Never unloaded, like a client's plug-in whose kernels may still be queued.
+    void* const pLibrary = dlopen(QX_KERNEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(pLibrary, nullptr) << dlerror();
+    const auto FillDescribed = reinterpret_cast<PFillDescribed>(dlsym(pLibrary, c_pcFillDescribed));
+    ASSERT_NE(FillDescribed, nullptr);
+    const CStream xStream;
+    for (const auto& [iWidth, iHeight] : {std::pair{100, 50}, {33, 2}})
+    {
+        const CQxDeviceImage2D xImage(CQxImageFormat{iWidth, iHeight, EDataType::UByte, EPixelType::Lum});
+        FillDescribed(xImage, 7, xStream);
+        ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+        CQxImage xHost;
+        xImage.CopyTo(xHost);
+        int iWrong = 0;
+        for (int iPixel = 0; iPixel < iWidth * iHeight; ++iPixel)
+        {
+            const int iExpected = (7 + iPixel % iWidth + 3 * (iPixel / iWidth)) % 256;
+            iWrong += static_cast<const unsigned char*>(xHost.GetDataPtr())[iPixel] == iExpected ? 0 : 1;
+        }
+        EXPECT_EQ(iWrong, 0) << iWidth << " x " << iHeight;
+    }
+}
+
+__global__ void Contend(int* pInts, unsigned int* pUnsigned, float* pFloat)
+{
+    const unsigned int uIndex = GetIndex();
+    const int iIndex = static_cast<int>(uIndex);
+    atomicAdd(&pInts[0], -1);
+    atomicSub(&pInts[1], -2);
+    atomicMin(&pInts[2], -iIndex);
+    atomicMax(&pInts[3], iIndex);
+    atomicCAS(&pInts[4], 0, 5);
+    atomicAdd(&pUnsigned[0], 1);
+    atomicOr(&pUnsigned[1], 1U << (uIndex % 32));
+    atomicMax(&pUnsigned[2], ~uIndex);
+    atomicAdd(&pUnsigned[3], atomicExch(&pUnsigned[4], uIndex));
+    atomicAnd(&pUnsigned[5], uIndex);
+    atomicAdd(pFloat, __saturatef(2.0F));
+}
+
+TEST(LaunchKernel, AtomicsLoseNothingUnderContention)
+{
+    constexpr unsigned int c_uThreads = 256 * 250;
+    const CDeviceData<int> xInts(5);
+    const CDeviceData<unsigned int> xUnsigned(6);
+    const CDeviceData<float> xFloat;
+    LaunchKernel<Contend>(dim3(250), dim3(256), nullptr, xInts.Get(), xUnsigned.Get(), xFloat.Get());
+    ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    constexpr int c_iThreads = static_cast<int>(c_uThreads);
+    EXPECT_EQ(xInts.Read(), (std::vector<int>{-c_iThreads, 2 * c_iThreads, 1 - c_iThreads, c_iThreads - 1, 5}));
+    auto vUnsigned = xUnsigned.Read();
+    EXPECT_EQ(vUnsigned[3] + vUnsigned[4], c_uThreads / 2 * (c_uThreads - 1));
+    vUnsigned[3] = vUnsigned[4] = 0;
+    EXPECT_EQ(vUnsigned, (std::vector<unsigned int>{c_uThreads, ~0U, ~0U, 0, 0, 0}));
+    EXPECT_EQ(xFloat.Read().front(), static_cast<float>(c_uThreads));
+}
+
+} // namespace
+
+} // namespace Qx::Test
