@@ -1,0 +1,236 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <vector>
+
+#include <cuda_runtime.h>
+#include <gtest/gtest.h>
+
+#include "Qx.HostCuda/HostCuda.h"
+
+namespace Qx::Test
+{
+
+inline constexpr std::size_t c_nBudget = std::size_t{64} << 20;
+
+/// Two devices of c_nBudget bytes, device 0 current. Every test must leave no pending error and nothing alive.
+class CHostCudaTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        int iCount = 0;
+        ASSERT_EQ(cudaGetDeviceCount(&iCount), cudaSuccess);
+        ASSERT_GE(iCount, 2) << "QX_HOSTCUDA_DEVICES must be 2";
+        for (const int iDevice : {1, 0})
+        {
+            ASSERT_EQ(cudaSetDevice(iDevice), cudaSuccess);
+            ASSERT_EQ(HostCuda::SetMemoryBudget(iDevice, c_nBudget), cudaSuccess);
+        }
+    }
+
+    void TearDown() override
+    {
+        EXPECT_EQ(cudaGetLastError(), cudaSuccess) << "left pending";
+        for (const int iDevice : {1, 0})
+        {
+            HostCuda::SStatistics xStatistics;
+            EXPECT_EQ(HostCuda::GetStatistics(iDevice, xStatistics), cudaSuccess);
+            EXPECT_EQ(xStatistics, HostCuda::SStatistics{}) << "something is left alive on device " << iDevice;
+            EXPECT_EQ(cudaSetDevice(iDevice), cudaSuccess);
+            EXPECT_EQ(cudaDeviceReset(), cudaSuccess);
+        }
+        EXPECT_EQ(cudaGetLastError(), cudaSuccess);
+    }
+};
+
+/// Checks that a call failed with a code, which is now pending, and resets that.
+inline void ExpectFailure(cudaError_t eResult, cudaError_t eExpected, const char* pcWhat = "")
+{
+    EXPECT_EQ(eResult, eExpected) << pcWhat << ": " << cudaGetErrorName(eResult);
+    EXPECT_EQ(cudaGetLastError(), eExpected) << pcWhat;
+}
+
+/// Holds a stream: everything queued on it later waits for Release(), or for the end of this object.
+class CHold
+{
+public:
+    explicit CHold(cudaStream_t hStream)
+    {
+        // The function has a share of its own, since it may end later than this object.
+        auto pShare = std::make_unique<std::shared_ptr<SGate>>(m_pGate);
+        EXPECT_EQ(cudaLaunchHostFunc(
+                      hStream,
+                      [](void* pData)
+                      {
+                          const std::unique_ptr<std::shared_ptr<SGate>> pOwned(
+                              static_cast<std::shared_ptr<SGate>*>(pData));
+                          (*pOwned)->xReached.set_value();
+                          (*pOwned)->xReleased.get_future().wait();
+                      },
+                      pShare.get()),
+                  cudaSuccess);
+        static_cast<void>(pShare.release());
+    }
+    ~CHold() { Release(); }
+    CHold(const CHold&) = delete;
+    CHold& operator=(const CHold&) = delete;
+
+    /// Waits until the stream has come to the hold.
+    void Await() { m_pGate->xReached.get_future().wait(); }
+
+    void Release()
+    {
+        if (!m_bReleased)
+        {
+            m_bReleased = true;
+            m_pGate->xReleased.set_value();
+        }
+    }
+
+private:
+    struct SGate
+    {
+        std::promise<void> xReached;
+        std::promise<void> xReleased;
+    };
+
+    bool m_bReleased = false;
+    std::shared_ptr<SGate> m_pGate = std::make_shared<SGate>();
+};
+
+/// A stream for one scope.
+class CStreamScope
+{
+public:
+    explicit CStreamScope(unsigned uFlags = cudaStreamDefault)
+    {
+        EXPECT_EQ(cudaStreamCreateWithFlags(&m_hStream, uFlags), cudaSuccess);
+    }
+    ~CStreamScope() { EXPECT_EQ(cudaStreamDestroy(m_hStream), cudaSuccess); }
+    CStreamScope(const CStreamScope&) = delete;
+    CStreamScope& operator=(const CStreamScope&) = delete;
+    operator cudaStream_t() const { return m_hStream; }
+
+private:
+    cudaStream_t m_hStream = nullptr;
+};
+
+/// An event for one scope.
+class CEventScope
+{
+public:
+    explicit CEventScope(unsigned uFlags = cudaEventDefault)
+    {
+        EXPECT_EQ(cudaEventCreateWithFlags(&m_hEvent, uFlags), cudaSuccess);
+    }
+    ~CEventScope() { EXPECT_EQ(cudaEventDestroy(m_hEvent), cudaSuccess); }
+    CEventScope(const CEventScope&) = delete;
+    CEventScope& operator=(const CEventScope&) = delete;
+    operator cudaEvent_t() const { return m_hEvent; }
+
+private:
+    cudaEvent_t m_hEvent = nullptr;
+};
+
+/// Kinds of memory a client can hold.
+enum class EMemory
+{
+    Pageable,
+    Device,
+    Pitched,
+    Managed,
+    PageLocked
+};
+
+inline constexpr EMemory c_vAllMemory[] = {EMemory::Pageable, EMemory::Device, EMemory::Pitched, EMemory::Managed,
+                                           EMemory::PageLocked};
+
+/// A block of some kind for one scope.
+class CBlock
+{
+public:
+    static constexpr std::size_t c_nPitch = 512;
+
+    /// Pitched blocks: a multiple of c_nPitch, in rows that are one byte shorter than their pitch.
+    CBlock(EMemory eMemory, std::size_t nSize) : m_eMemory(eMemory), m_nSize(nSize)
+    {
+        std::size_t nPitch = 0;
+        switch (eMemory)
+        {
+        case EMemory::Pageable:
+            m_vPageable.resize(nSize);
+            m_pMemory = m_vPageable.data();
+            break;
+        case EMemory::Device:
+            EXPECT_EQ(cudaMalloc(&m_pMemory, nSize), cudaSuccess);
+            break;
+        case EMemory::Pitched:
+            EXPECT_EQ(cudaMallocPitch(&m_pMemory, &nPitch, c_nPitch - 1, nSize / c_nPitch), cudaSuccess);
+            EXPECT_EQ(nPitch, c_nPitch);
+            break;
+        case EMemory::Managed:
+            EXPECT_EQ(cudaMallocManaged(&m_pMemory, nSize), cudaSuccess);
+            break;
+        case EMemory::PageLocked:
+            EXPECT_EQ(cudaMallocHost(&m_pMemory, nSize), cudaSuccess);
+            break;
+        }
+    }
+    ~CBlock()
+    {
+        if (m_eMemory == EMemory::PageLocked)
+        {
+            EXPECT_EQ(cudaFreeHost(m_pMemory), cudaSuccess);
+        }
+        else if (m_eMemory != EMemory::Pageable)
+        {
+            EXPECT_EQ(cudaFree(m_pMemory), cudaSuccess);
+        }
+    }
+    CBlock(const CBlock&) = delete;
+    CBlock& operator=(const CBlock&) = delete;
+
+    [[nodiscard]] unsigned char* Get(std::size_t nOffset = 0) const
+    {
+        return static_cast<unsigned char*>(m_pMemory) + nOffset;
+    }
+
+    /// The contents, read by a copy of the whole block.
+    [[nodiscard]] std::vector<unsigned char> Read() const
+    {
+        std::vector<unsigned char> vBytes(m_nSize);
+        EXPECT_EQ(cudaMemcpy(vBytes.data(), m_pMemory, m_nSize, cudaMemcpyDefault), cudaSuccess);
+        return vBytes;
+    }
+
+    void Write(const std::vector<unsigned char>& vBytes) const
+    {
+        ASSERT_EQ(vBytes.size(), m_nSize);
+        EXPECT_EQ(cudaMemcpy(m_pMemory, vBytes.data(), m_nSize, cudaMemcpyDefault), cudaSuccess);
+    }
+
+private:
+    EMemory m_eMemory;
+    std::size_t m_nSize;
+    void* m_pMemory = nullptr;
+    std::vector<unsigned char> m_vPageable;
+};
+
+/// `nSize` different-looking bytes.
+inline std::vector<unsigned char> MakeBytes(std::size_t nSize, unsigned uSeed = 1)
+{
+    std::vector<unsigned char> vBytes(nSize);
+    for (unsigned char& uByte : vBytes)
+    {
+        uSeed = uSeed * 1664525U + 1013904223U;
+        uByte = static_cast<unsigned char>(uSeed >> 24);
+    }
+    return vBytes;
+}
+
+} // namespace Qx::Test
