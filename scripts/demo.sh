@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Builds the demo programs and runs them on a picture: qx_roundtrip sends it host -> device -> device -> host, qx_develop
+# makes a camera's raw frame of it and develops that with kernels of its own. Runs on the GPU where the CUDA toolkit is
+# installed and a device answers, on the host stand-in anywhere else. Installs the Debian packages that are missing.
+#
+# usage: scripts/demo.sh [--help] [PICTURE]
+#
+#   PICTURE  a PNG, JPEG, BMP, binary PGM or PPM file; left out, a photograph is taken from a Debian package (which is
+#            unpacked under build/, not installed), or a test chart is drawn where that cannot be fetched
+#   --help   this text
+case ${1:-} in /* | '' | -*) picture=${1:-} ;; *) picture=$PWD/$1 ;; esac
+. "$(dirname "$0")/common.sh"
+case $picture in
+    --help) usage && exit ;;
+    -*) unknown_option "$picture" ;;
+esac
+[ $# -le 1 ] || die "more than one picture" "run '$0 --help' for the usage"
+[ -z "$picture" ] || [ -r "$picture" ] || die "'$picture' cannot be read" "name an existing picture, or none"
+
+folder=$root/build/demo
+# shellcheck disable=SC2086
+need $build_packages $library_packages $example_packages
+mkdir -p "$folder"
+say "building qx_roundtrip and qx_develop"
+{
+    cmake --preset host -B "$folder" -DQX_PLATFORM=AUTO -DQX_BUILD_TESTS=OFF &&
+        cmake --build "$folder" --parallel "$(job_count)" --target qx_roundtrip qx_develop
+} >"$folder/build.log" 2>&1 || {
+    cat "$folder/build.log" >&2
+    die "the demo does not build" "to start afresh: rm -r build/demo"
+}
+
+# The package carries two photographs as examples for image processing, both under CC BY 2.0.
+photo_package=python3-sklearn
+photo=$folder/photo/usr/lib/python3/dist-packages/sklearn/datasets/images/china.jpg
+fetch_photo() {
+    [ -r "$photo" ] && return
+    command -v apt-get >/dev/null || return 1
+    echo "fetching a photograph from the Debian package $photo_package (2 MB)"
+    rm -rf "$folder/photo" && mkdir "$folder/photo" && cd "$folder/photo" || return 1
+    # A machine without a package index gets one, where that is allowed.
+    { apt-get download -qq "$photo_package" || { apt-get update -qq && apt-get download -qq "$photo_package"; }; } &&
+        dpkg-deb -x "$photo_package"_*.deb . && rm "$photo_package"_*.deb && [ -r "$photo" ]
+}
+if [ -z "$picture" ]; then
+    if (fetch_photo 2>"$folder/photo.log"); then
+        picture=$photo
+        echo "picture: china.jpg of $photo_package, by danielbuechele, CC BY 2.0"
+    else
+        echo "No photograph could be fetched ($photo_package, see build/demo/photo.log), so a test chart is drawn;"
+        echo "to send a picture of your own: $0 PICTURE"
+    fi
+fi
+
+say "running qx_roundtrip"
+"$folder/Examples/qx_roundtrip" ${picture:+"$picture"} -o "$folder/roundtrip.png" ||
+    die "the round trip failed" "the line above says why"
+say "running qx_develop"
+"$folder/Examples/qx_develop" ${picture:+"$picture"} -o "$folder/developed.png" -e "$folder/edges.png" ||
+    die "developing the raw frame failed" "the line above says why"
+echo
+echo "The picture that came back lies in $folder/roundtrip.png,"
+echo "the developed one in $folder/developed.png, its edges in $folder/edges.png"
