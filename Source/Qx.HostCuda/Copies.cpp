@@ -275,7 +275,7 @@ cudaError_t _Set(SArea xArea, const SWhere& xWhere)
 }
 
 /// Pageable memory up to this size is taken along by a copy to a symbol.
-constexpr std::size_t c_nStagingLimit = 64 * 1024;
+constexpr std::size_t c_nStagingLimit = std::size_t{64} * 1024;
 
 cudaError_t _CopyToSymbol(const void* pSymbol, const void* pSource, std::size_t nCount, std::size_t nOffset,
                           cudaMemcpyKind eKind, const SWhere& xWhere)

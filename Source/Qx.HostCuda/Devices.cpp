@@ -24,7 +24,7 @@ constexpr std::uint64_t c_uMaxDevices = std::uint64_t{1} << c_uDeviceBits;
 std::uint64_t _ReadEnvironment(const char* pcName, std::uint64_t uMin, std::uint64_t uMax,
                                std::uint64_t uDefault) noexcept
 {
-    const char* const pcText = std::getenv(pcName);
+    const char* const pcText = std::getenv(pcName); // NOLINT(concurrency-mt-unsafe): read once, at the first call
     if (pcText == nullptr)
     {
         return uDefault;
@@ -36,7 +36,7 @@ std::uint64_t _ReadEnvironment(const char* pcName, std::uint64_t uMin, std::uint
 }
 
 /// The devices of the process; never destroyed.
-const std::vector<CDevice*>& _GetDevices() noexcept
+const std::vector<CDevice*>& _GetDevices()
 {
     static const std::vector<CDevice*>& s_vDevices = *[]
     {
@@ -334,7 +334,8 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* prop, int device)
                 return static_cast<std::size_t>(Get(eAttribute));
             };
             cudaDeviceProp xProperties{};
-            std::snprintf(xProperties.name, sizeof(xProperties.name), "Host stand-in device %d", device);
+            static_cast<void>(
+                std::snprintf(xProperties.name, sizeof(xProperties.name), "Host stand-in device %d", device));
             xProperties.totalGlobalMem = pDevice->GetTotalMemory();
             xProperties.sharedMemPerBlock = GetSize(cudaDevAttrMaxSharedMemoryPerBlock);
             xProperties.regsPerBlock = Get(cudaDevAttrMaxRegistersPerBlock);

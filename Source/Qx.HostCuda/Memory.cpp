@@ -109,7 +109,7 @@ cudaError_t _Free(const void* pObject, F&& FreeObject)
 
 } // namespace
 
-CMemory& CMemory::Get() noexcept
+CMemory& CMemory::Get()
 {
     static CMemory& s_xMemory = *new CMemory;
     return s_xMemory;
@@ -562,7 +562,11 @@ cudaError_t cudaMallocArray(cudaArray_t* array, const cudaChannelFormatDesc* des
             xArray.xExtent = {width, height, 0};
             xArray.uFlags = flags;
             xArray.iDevice = xDevice.GetID();
-            const auto nElementBits = static_cast<std::size_t>(desc->x + desc->y + desc->z + desc->w);
+            std::size_t nElementBits = 0;
+            for (const int iBits : {desc->x, desc->y, desc->z, desc->w})
+            {
+                nElementBits += static_cast<std::size_t>(iBits);
+            }
             xArray.nByteCount = width * std::max<std::size_t>(height, 1) * (nElementBits / 8);
             return CMemory::Get().AllocateArray(xDevice, xArray, *array);
         });

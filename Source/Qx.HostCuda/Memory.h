@@ -55,7 +55,7 @@ public:
     using CReadLock = std::shared_lock<std::shared_mutex>;
 
     /// The registry of the process; never destroyed.
-    [[nodiscard]] static CMemory& Get() noexcept;
+    [[nodiscard]] static CMemory& Get();
 
     CMemory() = default;
     ~CMemory() = delete;

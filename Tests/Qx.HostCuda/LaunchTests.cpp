@@ -548,7 +548,8 @@ TEST_F(Launches, AtomicsUnderContentionLoseNothing)
                           const unsigned uIndex = blockIdx.x * blockDim.x + threadIdx.x;
                           atomicSub(&pValues[0], 1);
                           atomicMin(&pValues[1], uIndex + 7);
-                          atomicMax(&pValues[2], uIndex);
+                          // In an order in which the largest is not the last.
+                          atomicMax(&pValues[2], uIndex * 40503U % 65536U);
                           atomicOr(&pValues[3], 1U << (uIndex % 32));
                           atomicAnd(&pValues[4], ~(1U << (uIndex % 31)));
                           // A sum by compare and swap.

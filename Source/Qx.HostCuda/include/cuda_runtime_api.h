@@ -530,24 +530,24 @@ QX_HOSTCUDA_CALL cudaError_t cudaPointerGetAttributes(struct cudaPointerAttribut
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpy(void* dst, const void* src, size_t count, enum cudaMemcpyKind kind);
 /// Copies count bytes in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyAsync(void* dst, const void* src, size_t count, enum cudaMemcpyKind kind,
-                                             cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+                                             cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Copies height rows of width bytes; the rows begin dpitch and spitch bytes apart. Padding is not touched.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpy2D(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width,
                                           size_t height, enum cudaMemcpyKind kind);
 /// cudaMemcpy2D in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpy2DAsync(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width,
                                                size_t height, enum cudaMemcpyKind kind,
-                                               cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+                                               cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Sets count bytes of memory that the device can use to the low byte of value.
 QX_HOSTCUDA_CALL cudaError_t cudaMemset(void* devPtr, int value, size_t count);
 /// cudaMemset in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemsetAsync(void* devPtr, int value, size_t count,
-                                             cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+                                             cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Sets height rows of width bytes that begin pitch bytes apart. Padding is not touched.
 QX_HOSTCUDA_CALL cudaError_t cudaMemset2D(void* devPtr, size_t pitch, int value, size_t width, size_t height);
 /// cudaMemset2D in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemset2DAsync(void* devPtr, size_t pitch, int value, size_t width, size_t height,
-                                               cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+                                               cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 
 // A symbol is the address of a variable that is declared __constant__ or __device__. cudaErrorInvalidSymbol: null,
 // or not inside the writable data of a loaded module; cudaErrorInvalidValue: the bytes meant leave that data;
@@ -561,7 +561,7 @@ QX_HOSTCUDA_CALL cudaError_t cudaMemcpyToSymbol(const void* symbol, const void* 
 /// that the source may change or go right after it.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyToSymbolAsync(const void* symbol, const void* src, size_t count, size_t offset,
                                                      enum cudaMemcpyKind kind,
-                                                     cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+                                                     cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Copies count bytes from a symbol, beginning offset bytes into it.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyFromSymbol(void* dst, const void* symbol, size_t count,
                                                   size_t offset QX_HOSTCUDA_DEFAULT(0),
@@ -569,7 +569,7 @@ QX_HOSTCUDA_CALL cudaError_t cudaMemcpyFromSymbol(void* dst, const void* symbol,
 /// cudaMemcpyFromSymbol in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyFromSymbolAsync(void* dst, const void* symbol, size_t count, size_t offset,
                                                        enum cudaMemcpyKind kind,
-                                                       cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+                                                       cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 
 // ---- Streams
 // ------------------------------------------------------------------------------------------------------
@@ -609,7 +609,7 @@ QX_HOSTCUDA_CALL cudaError_t cudaEventCreateWithFlags(cudaEvent_t* event, unsign
 QX_HOSTCUDA_CALL cudaError_t cudaEventDestroy(cudaEvent_t event);
 /// Captures the work queued so far on a stream; replaces what the event had captured. Event and stream must be of
 /// one device (cudaErrorInvalidResourceHandle).
-QX_HOSTCUDA_CALL cudaError_t cudaEventRecord(cudaEvent_t event, cudaStream_t stream QX_HOSTCUDA_DEFAULT(0));
+QX_HOSTCUDA_CALL cudaError_t cudaEventRecord(cudaEvent_t event, cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Waits for the captured work; an event that was never recorded has none.
 QX_HOSTCUDA_CALL cudaError_t cudaEventSynchronize(cudaEvent_t event);
 /// cudaSuccess when the captured work is done, otherwise cudaErrorNotReady, which is not kept as last error.
