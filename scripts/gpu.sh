@@ -30,6 +30,7 @@ nvidia-smi >/dev/null 2>&1 || die "no GPU answers (nvidia-smi)" "run scripts/tes
 
 report=$root/build/gpu-report.txt
 build cuda "${arguments[@]}"
+nvcc=$(sed -n 's/^CUDAToolkit_NVCC_EXECUTABLE:FILEPATH=//p' build/cuda/CMakeCache.txt)
 outcome=0
 # In a shell of its own, so that the report is written whatever the tests say. One test at a time: they count what the
 # device holds.
@@ -45,7 +46,7 @@ fi
 
 {
     echo "device and driver: $(nvidia-smi --query-gpu=name,driver_version,memory.total --format=csv,noheader | head -1)"
-    echo "toolkit: $(sed -n 's/^Qx.Cuda platform: //p; s/.*Found CUDAToolkit.*version "\(.*\)".*/\1/p' build/cuda.log | tail -1)"
+    echo "toolkit: $("$nvcc" --version 2>&1 | sed -n 's/.*release .*, V//p')"
     grep -E '^[0-9]+% tests passed' build/cuda-tests.log || echo "no test ran"
     sed -n '/The following tests FAILED/,$p' build/cuda-tests.log
     echo "demo:"
