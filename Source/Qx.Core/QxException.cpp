@@ -55,7 +55,7 @@ CQxException::CQxException(CQxString sMessage, CQxString sFile, CQxString sFunct
       m_sFile(std::move(sFile)),
       m_sFunction(std::move(sFunction)),
       m_iLine(iLine),
-      m_xInner(xInner)
+      m_xInner(xInner) // NOLINT(bugprone-throw-keyword-missing): a member, not an exception to throw
 {
 }
 

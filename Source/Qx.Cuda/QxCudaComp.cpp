@@ -104,7 +104,8 @@ void CQxCudaComp::Begin(const char* pcKernel, cudaStream_t)
     }
 }
 
-void CQxCudaComp::Begin(CQxString sKernel, cudaStream_t pStream)
+// By value, as the interface has it.
+void CQxCudaComp::Begin(CQxString sKernel, cudaStream_t pStream) // NOLINT(performance-unnecessary-value-param)
 {
     Begin(sKernel.ToCString(), pStream);
 }
@@ -121,7 +122,7 @@ void CQxCudaComp::End(const char* pcKernel, cudaStream_t pStream)
     }
 }
 
-void CQxCudaComp::End(CQxString sKernel, cudaStream_t pStream)
+void CQxCudaComp::End(CQxString sKernel, cudaStream_t pStream) // NOLINT(performance-unnecessary-value-param)
 {
     End(sKernel.ToCString(), pStream);
 }

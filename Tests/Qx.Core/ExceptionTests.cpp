@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/AllocationFault.h"
 #include "Qx.Core/QxException.h"
+#include "Support/AllocationFault.h"
 #include "Support/Chain.h"
 #include "VirtualSlot.h"
 

@@ -11,10 +11,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/AllocationFault.h"
 #include "Qx.Core.Math/QxMapping3D.h"
 #include "Qx.Core.Math/QxMatrix.h"
 #include "Qx.Core.Math/QxVector.h"
+#include "Support/AllocationFault.h"
 #include "Support/Chain.h"
 #include "VirtualSlot.h"
 

@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/AllocationFault.h"
 #include "Qx.Core/QxString.h"
+#include "Support/AllocationFault.h"
 
 namespace
 {

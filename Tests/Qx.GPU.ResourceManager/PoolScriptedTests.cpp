@@ -8,10 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/AllocationFault.h"
 #include "Qx.Core/QxFormat.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "ScriptedRuntime.h"
+#include "Support/AllocationFault.h"
 #include "Support/Chain.h"
 
 namespace
