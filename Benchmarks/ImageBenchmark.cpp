@@ -8,8 +8,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "AllocationCounter.h"
 #include "Qx.Cuda/QxCuda.h"
+#include "Support/AllocationCounter.h"
 
 namespace
 {
@@ -85,13 +85,13 @@ void _Measure(benchmark::State& xState, std::pair<int, int> xSize, TStep xStep)
 {
     SFrame& xFrame = _GetFrame(xSize);
     const std::uint64_t uRequests = _PoolRequests();
-    const std::uint64_t uAllocations = Benchmarks::CountAllocations();
+    const std::uint64_t uAllocations = Test::CountAllocations();
     for ([[maybe_unused]] auto _ : xState)
     {
         xStep(xState, xFrame);
         benchmark::ClobberMemory();
     }
-    const std::uint64_t uAllocated = Benchmarks::CountAllocations() - uAllocations;
+    const std::uint64_t uAllocated = Test::CountAllocations() - uAllocations;
     const std::uint64_t uRequested = _PoolRequests() - uRequests;
     xState.counters["allocations"] = static_cast<double>(uAllocated + uRequested);
 }

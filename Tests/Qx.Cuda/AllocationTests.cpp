@@ -1,57 +1,8 @@
-#include <atomic>
-#include <cstdlib>
-#include <cstring>
-
-#include <dlfcn.h>
-
 #include <gtest/gtest.h>
 
 #include "Qx.Cuda/QxCuda.h"
+#include "Support/AllocationCounter.h"
 #include "Support/CudaRecorder.h"
-
-namespace
-{
-
-std::atomic<bool> sm_bCounting{false};
-std::atomic<int> sm_iAllocations{0};
-
-void _CountAllocation()
-{
-    if (sm_bCounting.load(std::memory_order_relaxed))
-    {
-        sm_iAllocations.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-} // namespace
-
-// The C library's own entry points; every allocation of every library in the process comes through here.
-extern "C" void* __libc_malloc(std::size_t nSize);
-extern "C" void* __libc_calloc(std::size_t nCount, std::size_t nSize);
-extern "C" void* __libc_realloc(void* pBlock, std::size_t nSize);
-extern "C" void* __libc_memalign(std::size_t nAlignment, std::size_t nSize);
-#pragma GCC visibility push(default)
-extern "C" void* malloc(std::size_t nSize)
-{
-    _CountAllocation();
-    return __libc_malloc(nSize);
-}
-extern "C" void* calloc(std::size_t nCount, std::size_t nSize)
-{
-    _CountAllocation();
-    return __libc_calloc(nCount, nSize);
-}
-extern "C" void* realloc(void* pBlock, std::size_t nSize)
-{
-    _CountAllocation();
-    return __libc_realloc(pBlock, nSize);
-}
-extern "C" void* aligned_alloc(std::size_t nAlignment, std::size_t nSize)
-{
-    _CountAllocation();
-    return __libc_memalign(nAlignment, nSize);
-}
-#pragma GCC visibility pop
 
 namespace Qx::Test
 {
@@ -60,18 +11,16 @@ namespace
 {
 
 template <typename TBody>
-int CountAllocations(TBody&& xBody)
+int AllocationsOf(TBody&& xBody)
 {
-    sm_iAllocations = 0;
-    sm_bCounting = true;
+    const std::uint64_t uBefore = CountAllocations();
     xBody();
-    sm_bCounting = false;
-    return sm_iAllocations;
+    return static_cast<int>(CountAllocations() - uBefore);
 }
 
 TEST(Allocations, AreCountedAtAll)
 {
-    EXPECT_GE(CountAllocations([] { delete new CQxImage({640, 480, EDataType::UByte, EPixelType::Lum}); }), 2);
+    EXPECT_GE(AllocationsOf([] { delete new CQxImage({640, 480, EDataType::UByte, EPixelType::Lum}); }), 2);
 }
 
 TEST(Allocations, ASteadyFrameLoopMakesNone)
@@ -85,7 +34,7 @@ TEST(Allocations, ASteadyFrameLoopMakesNone)
     const auto xBefore = GPU::CResourceManager::GetStatistics();
 
     CCudaRecorder::Pause();
-    const int iAllocations = CountAllocations(
+    const int iAllocations = AllocationsOf(
         [&]
         {
             for (int iFrame = 0; iFrame < 100; ++iFrame)
@@ -112,7 +61,7 @@ TEST(Allocations, ImagesOfAFrameComeFromThePoolWithoutAny)
     const auto uMisses = GPU::CResourceManager::GetStatistics().uMisses;
 
     CCudaRecorder::Pause();
-    const int iAllocations = CountAllocations(
+    const int iAllocations = AllocationsOf(
         [&]
         {
             for (int iFrame = 0; iFrame < 100; ++iFrame)

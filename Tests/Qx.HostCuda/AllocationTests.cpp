@@ -1,48 +1,11 @@
 #include <array>
-#include <atomic>
 #include <cstdlib>
 #include <functional>
 
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 
-namespace
-{
-
-std::atomic<bool> g_bCounting{false};
-std::atomic<int> g_iAllocations{0};
-
-void CountAllocation()
-{
-    if (g_bCounting.load(std::memory_order_relaxed))
-    {
-        g_iAllocations.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-} // namespace
-
-// In place of the C library's, for all libraries of the process.
-extern "C" void* __libc_malloc(std::size_t nSize);
-extern "C" void* __libc_calloc(std::size_t nCount, std::size_t nSize);
-extern "C" void* __libc_realloc(void* pMemory, std::size_t nSize);
-#pragma GCC visibility push(default)
-extern "C" void* malloc(std::size_t nSize)
-{
-    CountAllocation();
-    return __libc_malloc(nSize);
-}
-extern "C" void* calloc(std::size_t nCount, std::size_t nSize)
-{
-    CountAllocation();
-    return __libc_calloc(nCount, nSize);
-}
-extern "C" void* realloc(void* pMemory, std::size_t nSize)
-{
-    CountAllocation();
-    return __libc_realloc(pMemory, nSize);
-}
-#pragma GCC visibility pop
+#include "Support/AllocationCounter.h"
 
 namespace Qx::Test
 {
@@ -50,14 +13,13 @@ namespace Qx::Test
 namespace
 {
 
-int CountAllocations(const std::function<cudaError_t()>& Make)
+int AllocationsOf(const std::function<cudaError_t()>& Make)
 {
-    g_iAllocations = 0;
-    g_bCounting = true;
+    const std::uint64_t uBefore = CountAllocations();
     const cudaError_t eError = Make();
-    g_bCounting = false;
+    const std::uint64_t uAfter = CountAllocations();
     EXPECT_EQ(eError, cudaSuccess);
-    return g_iAllocations;
+    return static_cast<int>(uAfter - uBefore);
 }
 
 __constant__ int g_vSymbol[4];
@@ -152,9 +114,9 @@ TEST(Allocations, CallsOfASteadyFrameLoopMakeNone)
     {
         for (const auto& [pcName, Make] : vCases)
         {
-            EXPECT_EQ(CountAllocations(Make), 0) << pcName;
+            EXPECT_EQ(AllocationsOf(Make), 0) << pcName;
         }
-        EXPECT_GT(CountAllocations([&] { return cudaMemsetAsync(pMemory, 1, 64, hStream); }), 0)
+        EXPECT_GT(AllocationsOf([&] { return cudaMemsetAsync(pMemory, 1, 64, hStream); }), 0)
             << "queued work is allocated: the count works";
         EXPECT_EQ(cudaMemsetAsync(pMemory, 1, 64, nullptr), cudaSuccess);
         EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);

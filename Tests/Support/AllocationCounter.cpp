@@ -1,4 +1,4 @@
-#include "AllocationCounter.h"
+#include "Support/AllocationCounter.h"
 
 #include <atomic>
 #include <cerrno>
@@ -26,6 +26,8 @@ void _Count() noexcept
 
 } // namespace
 
+// Visible, or the libraries would go on using the C library's.
+#pragma GCC visibility push(default)
 extern "C"
 {
     void* malloc(std::size_t nBytes)
@@ -70,8 +72,9 @@ extern "C"
         __libc_free(pBlock);
     }
 }
+#pragma GCC visibility pop
 
-namespace Qx::Benchmarks
+namespace Qx::Test
 {
 
 std::uint64_t CountAllocations() noexcept
@@ -79,4 +82,4 @@ std::uint64_t CountAllocations() noexcept
     return sm_uAllocations.load(std::memory_order_relaxed);
 }
 
-} // namespace Qx::Benchmarks
+} // namespace Qx::Test

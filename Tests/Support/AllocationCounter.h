@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-namespace Qx::Benchmarks
+namespace Qx::Test
 {
 
 /// Heap allocations of the whole process so far: `malloc`, `calloc`, `realloc`, the aligned forms and everything that
 /// is built on them, such as `operator new`. May be called from any thread.
 std::uint64_t CountAllocations() noexcept;
 
-} // namespace Qx::Benchmarks
+} // namespace Qx::Test
