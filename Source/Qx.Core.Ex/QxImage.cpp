@@ -15,6 +15,20 @@ constexpr SThrowSite c_xCreate{"Qx.Core.Ex/QxImage", "Create"};
 
 } // namespace
 
+std::size_t GetPackedByteCount(const CQxImageFormat& xFormat, const SThrowSite& xSite)
+{
+    if (xFormat.iWidth < 0 || xFormat.iHeight < 0)
+    {
+        Throw(xSite, "Image dimensions are negative");
+    }
+    const std::uint64_t uBytes = xFormat.GetExactByteCount();
+    if (uBytes > static_cast<std::uint64_t>(PTRDIFF_MAX))
+    {
+        Throw(xSite, "Image is too large");
+    }
+    return static_cast<std::size_t>(uBytes);
+}
+
 CQxImage::CQxImage(const CQxImageFormat& xFormat)
 {
     Create(xFormat);
@@ -54,20 +68,12 @@ void CQxImage::Create(const CQxImageFormat& xFormat)
     {
         return;
     }
-    if (xFormat.iWidth < 0 || xFormat.iHeight < 0)
-    {
-        Throw(c_xCreate, "Image dimensions are negative");
-    }
-    const std::uint64_t uBytes = xFormat.GetExactByteCount();
-    if (uBytes > static_cast<std::uint64_t>(PTRDIFF_MAX))
-    {
-        Throw(c_xCreate, "Image is too large");
-    }
+    const std::size_t nBytes = GetPackedByteCount(xFormat, c_xCreate);
     unsigned char* pData = nullptr;
-    if (uBytes != 0)
+    if (nBytes != 0)
     {
         // Zeroed by the system page by page on first use, so that large buffers cost nothing until they are filled.
-        pData = static_cast<unsigned char*>(std::calloc(1, static_cast<std::size_t>(uBytes)));
+        pData = static_cast<unsigned char*>(std::calloc(1, nBytes));
         if (pData == nullptr)
         {
             throw std::bad_alloc();
@@ -75,7 +81,7 @@ void CQxImage::Create(const CQxImageFormat& xFormat)
     }
     std::free(m_pData);
     m_pData = pData;
-    m_nBytes = static_cast<std::size_t>(uBytes);
+    m_nBytes = nBytes;
     m_xFormat = xFormat;
 }
 

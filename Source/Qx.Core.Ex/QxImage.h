@@ -54,6 +54,21 @@ namespace Qx
 
 using Interop::Runtime28::IImage;
 
+/// The format that an image reports, by one call each of `GetType` and `GetSize`, in this order.
+inline CQxImageFormat GetImageFormat(const IImage& xImage)
+{
+    CQxImageFormat xFormat{};
+    xImage.GetType(xFormat.ePixelType, xFormat.eDataType);
+    xImage.GetSize(xFormat.iWidth, xFormat.iHeight);
+    return xFormat;
+}
+
+/// Bytes of a host buffer of packed rows for a format.
+///
+/// Throws, with @p xSite as the place, a `CQxException` "Image dimensions are negative", what the format's size rules
+/// throw for its types, and a `CQxException` "Image is too large" when the count does not fit the address space.
+QX_CORE_API std::size_t GetPackedByteCount(const CQxImageFormat& xFormat, const SThrowSite& xSite);
+
 /// A host image: a format and a buffer of packed pixel rows that it owns. One thread uses it at a time.
 class QX_EXPORT_TYPE CQxImage : public IImage
 {
@@ -73,9 +88,8 @@ public:
     /// Gives the image the format and a packed buffer for it; an image that has the format already keeps its buffer
     /// and pixels. New pixels are zero.
     ///
-    /// Throws, in this order, a `CQxException` "Image dimensions are negative", what the format's size rules throw for
-    /// its types, a `CQxException` "Image is too large" when the byte count does not fit the address space, and
-    /// `std::bad_alloc`. The image is unchanged after a failure. An extent of zero is legal and has no bytes.
+    /// Throws what `GetPackedByteCount` throws, and `std::bad_alloc`. The image is unchanged after a failure. An extent
+    /// of zero is legal and has no bytes.
     QX_CORE_API void Create(const CQxImageFormat& xFormat);
 
     /// The same through the interface; always returns true.

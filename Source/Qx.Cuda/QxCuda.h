@@ -3,8 +3,11 @@
 /// @file
 /// Everything that the library offers but `Qx.Cuda/QxLaunchKernel.h`, which belongs into files with kernels.
 
+#include "Qx.Core.Ex/QxImageView.h"
 #include "Qx.Cuda.Core/Cuda.h"
 #include "Qx.Cuda/QxCudaComp.h"
 #include "Qx.Cuda/QxCudaCompDebug.h"
+#include "Qx.Cuda/QxDeviceImage1D.h"
 #include "Qx.Cuda/QxDeviceImage2D.h"
+#include "Qx.Cuda/QxPageLockedImage.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Qx.Cuda.Core/QxCudaException.h"
+#include "Qx.Cuda/QxDeviceImage1D.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 
 namespace Qx
@@ -16,6 +17,9 @@ constexpr SThrowSite c_xCreate{c_pcFile, "Create"};
 constexpr SThrowSite c_xCopyTo{c_pcFile, "CopyTo"};
 constexpr const char* c_pcErrorCreating = "Error creating 2D CUDA device image";
 constexpr const char* c_pcErrorUploading = "Error copying image to cuda device";
+constexpr const char* c_pcErrorDownloading = "Error copying to host image";
+constexpr const char* c_pcErrorCopyingToHost = "Error copying image to host";
+constexpr const char* c_pcInvalid = "Image is invalid";
 
 // Bytes of a row, which are below 2^31 in every image.
 std::size_t _RowWidth(const CQxImageFormat& xFormat)
@@ -89,14 +93,50 @@ int _GetChannelCount(EPixelType::ID ePixelType, const SThrowSite& xSite)
     Throw(xSite, sMessage << GetPixelTypeName(ePixelType) << "'");
 }
 
-// The one copy that every blocking transfer of an image is.
-void _CopyRows(void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
+// One side of a copy: where row 0 is, and the bytes from one row to the next.
+template <typename T>
+struct SRows
+{
+    T* pFirst;
+    std::size_t nPitch;
+};
+
+template <typename T>
+SRows<T> _PackedRows(T* pFirst, const CQxImageFormat& xFormat)
+{
+    return {pFirst, _RowWidth(xFormat)};
+}
+
+// The two ways in which rows are copied: before the call returns, or in the order of a stream.
+struct SBlocking
+{
+    cudaError operator()(const SRows<void>& xTarget, const SRows<const void>& xSource, std::size_t nWidth,
+                         std::size_t nHeight, cudaMemcpyKind eKind) const
+    {
+        return cudaMemcpy2D(xTarget.pFirst, xTarget.nPitch, xSource.pFirst, xSource.nPitch, nWidth, nHeight, eKind);
+    }
+};
+
+struct SQueued
+{
+    CUstream_st* pStream;
+
+    cudaError operator()(const SRows<void>& xTarget, const SRows<const void>& xSource, std::size_t nWidth,
+                         std::size_t nHeight, cudaMemcpyKind eKind) const
+    {
+        return cudaMemcpy2DAsync(xTarget.pFirst, xTarget.nPitch, xSource.pFirst, xSource.nPitch, nWidth, nHeight, eKind,
+                                 pStream);
+    }
+};
+
+// The one copy that every transfer of an image is.
+template <typename TWay>
+void _CopyRows(const TWay& xWay, const SRows<void>& xTarget, const SRows<const void>& xSource,
                const CQxImageFormat& xFormat, cudaMemcpyKind eKind, const SThrowSite& xSite, const char* pcMessage,
                int iLine = __builtin_LINE())
 {
-    CheckCuda(cudaMemcpy2D(pTarget, nTargetPitch, pSource, nSourcePitch, _RowWidth(xFormat),
-                           static_cast<std::size_t>(xFormat.iHeight), eKind),
-              xSite, pcMessage, iLine);
+    CheckCuda(xWay(xTarget, xSource, _RowWidth(xFormat), static_cast<std::size_t>(xFormat.iHeight), eKind), xSite,
+              pcMessage, iLine);
 }
 
 } // namespace
@@ -190,8 +230,9 @@ void CQxDeviceImage2D::Create(const CQxImage& xImage)
           [&]
           {
               Create(xImage.GetFormat());
-              _CopyRows(GetDevicePointer(), m_xResource.m_nPitch, xImage.GetDataPtr(), _RowWidth(m_xFormat), m_xFormat,
-                        cudaMemcpyHostToDevice, c_xCreate, c_pcErrorUploading);
+              _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+                        _PackedRows(xImage.GetDataPtr(), m_xFormat), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
+                        c_pcErrorUploading);
           });
 }
 
@@ -201,27 +242,140 @@ void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat, const void* pPixels
           [&]
           {
               Create(xFormat);
-              _CopyRows(GetDevicePointer(), m_xResource.m_nPitch, pPixels, _RowWidth(m_xFormat), m_xFormat,
-                        bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate,
+              _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pPixels, m_xFormat),
+                        m_xFormat, bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate,
                         c_pcErrorUploading);
+          });
+}
+
+template <typename TWay>
+void CQxDeviceImage2D::_CreateFrom(const IImage* pImage, const TWay& xWay, const SThrowSite& xSite)
+{
+    Guard(xSite, c_pcErrorCreating,
+          [&]
+          {
+              if (pImage == nullptr)
+              {
+                  Throw(xSite, "The source image pointer is null");
+              }
+              Create(GetImageFormat(*pImage));
+              _CopyRows(xWay, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pImage->GetDataPtr(), m_xFormat),
+                        m_xFormat, cudaMemcpyHostToDevice, xSite, c_pcErrorUploading);
+          });
+}
+
+void CQxDeviceImage2D::Create(const Interop::Runtime28::IImage* pImage)
+{
+    _CreateFrom(pImage, SBlocking{}, c_xCreate);
+}
+
+void CQxDeviceImage2D::CreateAsync(const Interop::Runtime28::IImage* pImage, CUstream_st* pStream)
+{
+    _CreateFrom(pImage, SQueued{pStream}, {c_pcFile, "CreateAsync"});
+}
+
+void CQxDeviceImage2D::Create(const CQxDeviceImage2D& xSource)
+{
+    Guard(c_xCreate, c_pcErrorCreating,
+          [&]
+          {
+              if (!xSource.IsValid())
+              {
+                  Throw(c_xCreate, "Given image is invalid");
+              }
+              Create(xSource.m_xFormat);
+              // Source and target of a copy must not overlap, and an image that is its own source has its pixels.
+              if (&xSource != this)
+              {
+                  _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+                            {xSource.GetDevicePointer(), xSource.m_xResource.m_nPitch}, m_xFormat,
+                            cudaMemcpyDeviceToDevice, c_xCreate, "Error creating image on cuda device");
+              }
+          });
+}
+
+void CQxDeviceImage2D::Create(const CQxDeviceImage1D& xSource)
+{
+    Guard(c_xCreate, c_pcErrorCreating,
+          [&]
+          {
+              Create(xSource.GetFormat());
+              _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+                        _PackedRows<const void>(xSource.GetDevicePointer(), m_xFormat), m_xFormat,
+                        cudaMemcpyDeviceToDevice, c_xCreate, c_pcErrorUploading);
           });
 }
 
 void CQxDeviceImage2D::CopyTo(CQxImage& xImage) const
 {
-    Guard(c_xCopyTo, "Error copying to host image",
+    Guard(c_xCopyTo, c_pcErrorDownloading,
           [&]
           {
               if (!IsValid())
               {
-                  Throw(c_xCopyTo, "Image is invalid");
+                  Throw(c_xCopyTo, c_pcInvalid);
               }
               if (!(xImage.GetFormat() == m_xFormat))
               {
                   xImage.Create(m_xFormat);
               }
-              _CopyRows(xImage.GetDataPtr(), _RowWidth(m_xFormat), GetDevicePointer(), m_xResource.m_nPitch, m_xFormat,
-                        cudaMemcpyDeviceToHost, c_xCopyTo, "Error copying image to host");
+              _CopyRows(SBlocking{}, _PackedRows(xImage.GetDataPtr(), m_xFormat),
+                        {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToHost, c_xCopyTo,
+                        c_pcErrorCopyingToHost);
+          });
+}
+
+template <typename TWay>
+void CQxDeviceImage2D::_CopyTo(IImage* pImage, const TWay& xWay, const SThrowSite& xSite) const
+{
+    Guard(xSite, c_pcErrorDownloading,
+          [&]
+          {
+              if (!IsValid())
+              {
+                  Throw(xSite, c_pcInvalid);
+              }
+              if (pImage == nullptr)
+              {
+                  Throw(xSite, "The target image pointer is null");
+              }
+              if (!(GetImageFormat(*pImage) == m_xFormat))
+              {
+                  pImage->Create(m_xFormat.iWidth, m_xFormat.iHeight, m_xFormat.ePixelType, m_xFormat.eDataType);
+              }
+              _CopyRows(xWay, _PackedRows(pImage->GetDataPtr(), m_xFormat), {GetDevicePointer(), m_xResource.m_nPitch},
+                        m_xFormat, cudaMemcpyDeviceToHost, xSite, c_pcErrorCopyingToHost);
+          });
+}
+
+void CQxDeviceImage2D::CopyTo(Interop::Runtime28::IImage* pImage) const
+{
+    _CopyTo(pImage, SBlocking{}, c_xCopyTo);
+}
+
+void CQxDeviceImage2D::CopyToAsync(Interop::Runtime28::IImage* pImage, CUstream_st* pStream) const
+{
+    _CopyTo(pImage, SQueued{pStream}, {c_pcFile, "CopyToAsync"});
+}
+
+void CQxDeviceImage2D::CopyTo(CQxDeviceImage2D& xTarget) const
+{
+    Guard(c_xCopyTo, "Error copying 2D CUDA device image", [&] { xTarget.Create(*this); });
+}
+
+void CQxDeviceImage2D::CopyTo(CQxDeviceImage1D& xTarget) const
+{
+    Guard(c_xCopyTo, "Error copying 2D CUDA device image to 1D CUDA device image",
+          [&]
+          {
+              if (!IsValid())
+              {
+                  Throw(c_xCopyTo, c_pcInvalid);
+              }
+              xTarget.Create(m_xFormat);
+              _CopyRows(SBlocking{}, _PackedRows(xTarget.GetDevicePointer(), m_xFormat),
+                        {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice, c_xCopyTo,
+                        c_pcErrorUploading);
           });
 }
 
@@ -259,7 +413,7 @@ void CQxDeviceImage2D::_SetZero(const char* pcFunction, TMemset&& xMemset)
           {
               if (!IsValid())
               {
-                  Throw(xSite, "Image is invalid");
+                  Throw(xSite, c_pcInvalid);
               }
               CheckCuda(xMemset(_RowWidth(m_xFormat), static_cast<std::size_t>(m_xFormat.iHeight)), xSite,
                         "Error setting CUDA memory to zero");

@@ -9,6 +9,8 @@
 namespace Qx
 {
 
+class CQxDeviceImage1D;
+
 /// A two-dimensional image in pitched device memory.
 ///
 /// The image is either empty (null device pointer, all-zero format) or valid: it then holds `height` rows of at least
@@ -23,6 +25,12 @@ namespace Qx
 /// Every failure is a `CQxException` chain; an exception of another type that a component throws, such as
 /// `std::bad_alloc`, passes unchanged. One thread uses an image at a time, with the image's device current. Operations
 /// whose names end in Async queue their work on the stream and return; the others use the blocking CUDA calls.
+///
+/// What a queued transfer needs: until the stream has reached it, both images stay alive and keep their format, the
+/// source's pixels are not written and the target's are not touched. It is the caller who synchronises. The transfer
+/// overlaps with the host's and the device's other work when the host image is page-locked (`CQxPageLockedImage`); from
+/// and to ordinary memory it is as correct, but CUDA may make the call wait. Giving an image's memory back, by
+/// `Release`, the destructor or `Create` of another format, does not wait for queued work either.
 class CQxDeviceImage2D
 {
 public:
@@ -82,6 +90,28 @@ public:
     /// @param bDevicePointer true when @p pPixels is device memory, false when it is host memory
     QX_CUDA_API void Create(const CQxImageFormat& xFormat, const void* pPixels, bool bDevicePointer);
 
+    /// The same from an image behind the interface, of which `GetType`, `GetSize` and the reading `GetDataPtr` are
+    /// called once each, in this order. The inner exception can also be "The source image pointer is null", tested
+    /// first, or what the image's operations throw.
+    QX_CUDA_API void Create(const Interop::Runtime28::IImage* pImage);
+
+    /// The same, queued on the stream (null for the default stream): the pixels are there when the stream has reached
+    /// the copy.
+    QX_CUDA_API void CreateAsync(const Interop::Runtime28::IImage* pImage, CUstream_st* pStream);
+
+    /// Creates the image for the format of @p xSource and copies its pixels with one 2D copy on the device. An image
+    /// that is copied into itself is left alone.
+    ///
+    /// Throws a `CQxException` "Error creating 2D CUDA device image" with, as inner exception, "Given image is invalid"
+    /// when @p xSource is empty (this image is unchanged), what `Create` of the format throws, or a `CQxCudaException`
+    /// "Error creating image on cuda device"; after the latter the image keeps its new memory and format, its pixels
+    /// are undefined.
+    QX_CUDA_API void Create(const CQxDeviceImage2D& xSource);
+
+    /// The same from an image in linear memory. An empty @p xSource is refused by `Create` of its format; the message
+    /// of a failed copy is "Error copying image to cuda device".
+    QX_CUDA_API void Create(const CQxDeviceImage1D& xSource);
+
     /// Downloads the pixels with one blocking 2D copy. @p xImage is created for this image's format unless it has it
     /// already.
     ///
@@ -89,6 +119,32 @@ public:
     /// image is empty (@p xImage is untouched), what the host image's `Create` throws, or a `CQxCudaException` "Error
     /// copying image to host" (@p xImage then keeps its new format, its pixels are undefined).
     QX_CUDA_API void CopyTo(CQxImage& xImage) const;
+
+    /// The same into an image behind the interface. Its `GetType` and `GetSize` are called once each, in this order;
+    /// then its `Create`, only when its format differs, with this image's width, height, pixel type and data type; then
+    /// its writable `GetDataPtr`. The result of its `Create` is not looked at: the image must have the format
+    /// afterwards, or throw.
+    ///
+    /// The inner exception can also be "The target image pointer is null", tested after "Image is invalid", or what the
+    /// image's operations throw.
+    QX_CUDA_API void CopyTo(Interop::Runtime28::IImage* pImage) const;
+
+    /// The same, queued on the stream (null for the default stream): the pixels are there when the stream has reached
+    /// the copy. @p pImage is created for the format during the call.
+    QX_CUDA_API void CopyToAsync(Interop::Runtime28::IImage* pImage, CUstream_st* pStream) const;
+
+    /// `Create` of @p xTarget from this image. Throws what that throws inside a `CQxException` "Error copying 2D CUDA
+    /// device image".
+    QX_CUDA_API void CopyTo(CQxDeviceImage2D& xTarget) const;
+
+    /// Creates the image in linear memory for this image's format and copies the pixels with one 2D copy on the device;
+    /// the padding between rows is left out.
+    ///
+    /// Throws a `CQxException` "Error copying 2D CUDA device image to 1D CUDA device image" with, as inner exception,
+    /// "Image is invalid" when this image is empty (@p xTarget is untouched), what `Create` of the 1D image throws, or
+    /// a `CQxCudaException` "Error copying image to cuda device" (@p xTarget then keeps its new memory and format, its
+    /// pixels are undefined).
+    QX_CUDA_API void CopyTo(CQxDeviceImage1D& xTarget) const;
 
     /// Gives the memory back to the pool; an empty image is left alone.
     ///
@@ -133,6 +189,10 @@ public:
     static QX_CUDA_API cudaChannelFormatDesc _CreateCudaChannelFormatDescFromFormat(const CQxImageFormat& xFormat);
 
 private:
+    template <typename TWay>
+    void _CreateFrom(const IImage* pImage, const TWay& xWay, const SThrowSite& xSite);
+    template <typename TWay>
+    void _CopyTo(IImage* pImage, const TWay& xWay, const SThrowSite& xSite) const;
     template <typename TMemset>
     void _SetZero(const char* pcFunction, TMemset&& xMemset);
 

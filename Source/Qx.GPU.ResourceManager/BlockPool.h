@@ -16,16 +16,24 @@ namespace Qx::GPU
 enum class EBlockKind
 {
     Linear,
-    Pitched
+    Pitched,
+    PageLocked
 };
+
+/// The page-locked host memory that was allocated while @p iDevice was current has records of its own beside those of
+/// the device's memory, under a number that no device has. It goes with the device all the same when that is reset.
+constexpr int HostPoolOf(int iDevice) noexcept
+{
+    return ~iDevice;
+}
 
 /// What a block was asked for; requests are answered by blocks of an equal key only.
 struct SBlockKey
 {
-    int iDevice = 0;
+    int iDevice = 0; ///< `HostPoolOf` the device when page-locked
     EBlockKind eKind = EBlockKind::Linear;
-    std::size_t nWidth = 0; ///< bytes of a row; of the whole block when linear
-    std::size_t nRows = 0;  ///< 1 when linear
+    std::size_t nWidth = 0; ///< bytes of a row; of the whole block unless pitched
+    std::size_t nRows = 0;  ///< 1 unless pitched
 
     friend bool operator==(const SBlockKey&, const SBlockKey&) noexcept = default;
 };
@@ -63,12 +71,12 @@ struct SBlock
 
 using CTakenBlocks = CIntrusiveList<SBlock, &SBlock::xOfDevice>;
 
-/// The pool of one device; kept until the process ends.
+/// The pool of one device, or of the host memory that was page-locked for it; kept until the process ends.
 struct SDevice
 {
     int iDevice = 0;
-    bool bHostMemory = false; ///< linear blocks are mapped page-locked memory
-    bool bIsKnown = false;    ///< the device was asked for the value above and its memory
+    bool bHostMemory = false; ///< blocks that are not pitched are page-locked memory
+    bool bIsKnown = false;    ///< the value above and the memory that there is were found out
     std::size_t nIdleLimit = 0;
     bool bHasIdleLimit = false;  ///< the client set it
     std::size_t nBlocks = 0;     ///< lent and idle
@@ -86,7 +94,7 @@ struct SBucket
         constexpr std::uint64_t c_uFactor = 0x9E3779B97F4A7C15U;
         std::uint64_t uHash = xKey.nWidth * c_uFactor;
         uHash = ((uHash ^ (uHash >> 32)) + xKey.nRows) * c_uFactor;
-        const auto uPlace = static_cast<std::uint64_t>(xKey.iDevice) * 2 + static_cast<std::uint64_t>(xKey.eKind);
+        const auto uPlace = static_cast<std::uint64_t>(xKey.iDevice) * 4 + static_cast<std::uint64_t>(xKey.eKind);
         return ((uHash ^ (uHash >> 32)) + uPlace) * c_uFactor;
     }
     std::uint64_t GetHash() const noexcept { return HashOf(xKey); }
@@ -259,7 +267,7 @@ private:
     {
         xBlock.nHolders = nHolders;
         const SBlockKey& xKey = xBlock.pBucket->xKey;
-        if (xKey.eKind == EBlockKind::Linear)
+        if (xKey.eKind != EBlockKind::Pitched)
         {
             xBlock.xLinear.m_pDevice = xBlock.pMemory;
             xBlock.xLinear.m_nSize = xKey.nWidth;

@@ -27,7 +27,8 @@ public:
     void* m_pDevice = nullptr;
 };
 
-/// A linear block. The host may read it through the device pointer while no kernel of its device runs.
+/// A linear block. The host may read it through the device pointer while no kernel of its device runs. A block of
+/// page-locked host memory is described in the same way; the host may use that one at any time.
 class QX_EXPORT_TYPE CCudaMemoryResource : public CResource
 {
 public:

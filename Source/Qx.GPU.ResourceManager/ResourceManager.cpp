@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include <cuda_runtime_api.h>
+#include <unistd.h>
 
 #include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda.Core/QxCudaException.h"
@@ -27,6 +28,11 @@ constinit CBlockPool g_xPool;
 constexpr SThrowSite _Site(const char* pcFunction)
 {
     return {"Source/Qx.GPU.ResourceManager/ResourceManager", pcFunction};
+}
+
+int _PoolOf(int iDevice, EPool ePool)
+{
+    return ePool == EPool::Device ? iDevice : HostPoolOf(iDevice);
 }
 
 int _CurrentDevice(const SThrowSite& xSite)
@@ -56,28 +62,45 @@ void _WatchForExit()
     }();
 }
 
-// Returns whether linear blocks of the current device are page-locked host memory. Asks the device once; when that
-// fails the next request asks again.
-bool _NeedsHostMemory(int iDevice, const SThrowSite& xSite)
+// Bytes of the host's memory.
+std::size_t _HostMemory()
+{
+    const long iPages = sysconf(_SC_PHYS_PAGES);
+    const long iPageBytes = sysconf(_SC_PAGESIZE);
+    return iPages > 0 && iPageBytes > 0 ? static_cast<std::size_t>(iPages) * static_cast<std::size_t>(iPageBytes) : 0;
+}
+
+// Returns whether blocks of the key are page-locked host memory. Asks the device once; when that fails the next request
+// asks again.
+bool _NeedsHostMemory(const SBlockKey& xKey, const SThrowSite& xSite)
 {
     bool bHostMemory = false;
-    if (g_xPool.IsDeviceKnown(iDevice, bHostMemory))
+    if (!g_xPool.IsDeviceKnown(xKey.iDevice, bHostMemory))
     {
-        return bHostMemory;
+        constexpr const char* c_pcMessage = "Error querying CUDA device";
+        auto pDevice = std::make_unique<SDevice>();
+        std::size_t nFree = 0;
+        std::size_t nTotal = 0;
+        CheckCuda(cudaMemGetInfo(&nFree, &nTotal), xSite, c_pcMessage);
+        std::size_t nIdleLimit = nTotal / 2;
+        if (xKey.eKind == EBlockKind::PageLocked)
+        {
+            bHostMemory = true;
+            nIdleLimit = _HostMemory() / 8;
+        }
+        else
+        {
+            int iConcurrent = 0;
+            int iIntegrated = 0;
+            CheckCuda(cudaDeviceGetAttribute(&iConcurrent, cudaDevAttrConcurrentManagedAccess, xKey.iDevice), xSite,
+                      c_pcMessage);
+            CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, xKey.iDevice), xSite, c_pcMessage);
+            bHostMemory = iConcurrent == 0 && iIntegrated != 0;
+        }
+        _WatchForExit();
+        g_xPool.SetDevice(xKey.iDevice, bHostMemory, nIdleLimit, pDevice);
     }
-    constexpr const char* c_pcMessage = "Error querying CUDA device";
-    auto pDevice = std::make_unique<SDevice>();
-    int iConcurrent = 0;
-    int iIntegrated = 0;
-    std::size_t nFree = 0;
-    std::size_t nTotal = 0;
-    CheckCuda(cudaDeviceGetAttribute(&iConcurrent, cudaDevAttrConcurrentManagedAccess, iDevice), xSite, c_pcMessage);
-    CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, iDevice), xSite, c_pcMessage);
-    CheckCuda(cudaMemGetInfo(&nFree, &nTotal), xSite, c_pcMessage);
-    _WatchForExit();
-    bHostMemory = iConcurrent == 0 && iIntegrated != 0;
-    g_xPool.SetDevice(iDevice, bHostMemory, nTotal / 2, pDevice);
-    return bHostMemory;
+    return bHostMemory && xKey.eKind != EBlockKind::Pitched;
 }
 
 cudaError _FreeMemory(const SBlock& xBlock)
@@ -90,12 +113,14 @@ cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
 {
     const std::size_t nWidth = std::max<std::size_t>(xKey.nWidth, 1);
     const std::size_t nRows = std::max<std::size_t>(xKey.nRows, 1);
-    if (xKey.eKind == EBlockKind::Linear)
+    if (xKey.eKind != EBlockKind::Pitched)
     {
         xBlock.nBytes = nWidth;
-        // With unified addressing, which every 64-bit platform has, the mapped memory's host and device address agree.
-        return xBlock.bHostMemory ? cudaHostAlloc(&xBlock.pMemory, nWidth, cudaHostAllocMapped)
-                                  : cudaMallocManaged(&xBlock.pMemory, nWidth, cudaMemAttachGlobal);
+        // With unified addressing, which every 64-bit platform has, mapped memory's host and device address agree.
+        return xBlock.bHostMemory
+                   ? cudaHostAlloc(&xBlock.pMemory, nWidth,
+                                   xKey.eKind == EBlockKind::PageLocked ? cudaHostAllocPortable : cudaHostAllocMapped)
+                   : cudaMallocManaged(&xBlock.pMemory, nWidth, cudaMemAttachGlobal);
     }
     cudaError eResult = cudaMallocPitch(&xBlock.pMemory, &xBlock.nPitch, nWidth, nRows);
     if (eResult == cudaSuccess && __builtin_mul_overflow(xBlock.nPitch, nRows, &xBlock.nBytes))
@@ -110,21 +135,22 @@ cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
 [[noreturn]] void _ThrowPoolOutOfMemory(const SBlockKey& xKey, const SThrowSite& xSite)
 {
     char acRequest[80];
-    if (xKey.eKind == EBlockKind::Linear)
-    {
-        sprintf_s(acRequest, "%zu bytes", xKey.nWidth);
-    }
-    else
+    if (xKey.eKind == EBlockKind::Pitched)
     {
         sprintf_s(acRequest, "%zu rows of %zu bytes", xKey.nRows, xKey.nWidth);
     }
+    else
+    {
+        sprintf_s(acRequest, "%zu bytes", xKey.nWidth);
+    }
+    const bool bPageLocked = xKey.eKind == EBlockKind::PageLocked;
     const SPoolStatistics xStatistics = g_xPool.GetStatistics(xKey.iDevice);
     char acText[320];
     sprintf_s(acText,
-              "Error allocating GPU memory. Out of memory: requested %s, in use %zu bytes in %zu blocks, idle %zu "
+              "Error allocating %s memory. Out of memory: requested %s, in use %zu bytes in %zu blocks, idle %zu "
               "bytes in %zu blocks, Device ID: %d",
-              acRequest, xStatistics.nBytesInUse, xStatistics.nBlocksInUse, xStatistics.nBytesIdle,
-              xStatistics.nBlocksIdle, xKey.iDevice);
+              bPageLocked ? "page-locked" : "GPU", acRequest, xStatistics.nBytesInUse, xStatistics.nBlocksInUse,
+              xStatistics.nBytesIdle, xStatistics.nBlocksIdle, bPageLocked ? HostPoolOf(xKey.iDevice) : xKey.iDevice);
     ThrowOutOfMemory(xSite, acText);
 }
 
@@ -174,7 +200,7 @@ void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSi
     // Everything that the host must provide comes before the device's block, which then cannot be lost.
     auto pBlock = std::make_unique<SBlock>();
     auto pBucket = std::make_unique<SBucket>();
-    pBlock->bHostMemory = _NeedsHostMemory(xKey.iDevice, xSite) && xKey.eKind == EBlockKind::Linear;
+    pBlock->bHostMemory = _NeedsHostMemory(xKey, xSite);
 
     cudaError eResult = _AllocateMemory(xKey, *pBlock);
     if (eResult == cudaErrorMemoryAllocation)
@@ -246,6 +272,12 @@ CCudaMemoryResource& CResourceManager::GetCudaMemory(std::size_t nSize)
     return _Lend({_CurrentDevice(c_xSite), EBlockKind::Linear, nSize, 1}, c_xSite).xLinear;
 }
 
+CCudaMemoryResource& CResourceManager::GetPageLockedMemory(std::size_t nSize)
+{
+    static constexpr SThrowSite c_xSite = _Site("GetPageLockedMemory");
+    return _Lend({HostPoolOf(_CurrentDevice(c_xSite)), EBlockKind::PageLocked, nSize, 1}, c_xSite).xLinear;
+}
+
 void CResourceManager::ReleaseResource(CResource& xResource, bool bFree)
 {
     static constexpr SThrowSite c_xSite = _Site("ReleaseResource");
@@ -256,9 +288,9 @@ void CResourceManager::ReleaseResource(CResource& xResource, bool bFree)
     _ReleaseOrFree(xResource, bFree, c_xSite);
 }
 
-SPoolStatistics CResourceManager::GetStatistics(int iDevice)
+SPoolStatistics CResourceManager::GetStatistics(int iDevice, EPool ePool)
 {
-    return g_xPool.GetStatistics(iDevice);
+    return g_xPool.GetStatistics(_PoolOf(iDevice, ePool));
 }
 
 SPoolStatistics CResourceManager::GetStatistics()
@@ -266,25 +298,26 @@ SPoolStatistics CResourceManager::GetStatistics()
     return g_xPool.GetStatistics(_CurrentDevice(_Site("GetStatistics")));
 }
 
-void CResourceManager::Trim(std::size_t nBytesToKeep)
+void CResourceManager::Trim(std::size_t nBytesToKeep, EPool ePool)
 {
     static constexpr SThrowSite c_xSite = _Site("Trim");
-    _FreeIdleAbove(_CurrentDevice(c_xSite), nBytesToKeep, c_xSite);
+    _FreeIdleAbove(_PoolOf(_CurrentDevice(c_xSite), ePool), nBytesToKeep, c_xSite);
 }
 
-void CResourceManager::SetIdleLimit(std::size_t nBytes)
+void CResourceManager::SetIdleLimit(std::size_t nBytes, EPool ePool)
 {
     static constexpr SThrowSite c_xSite = _Site("SetIdleLimit");
-    const int iDevice = _CurrentDevice(c_xSite);
+    const int iPool = _PoolOf(_CurrentDevice(c_xSite), ePool);
     auto pDevice = std::make_unique<SDevice>();
-    g_xPool.SetIdleLimit(iDevice, nBytes, pDevice);
-    _FreeIdleAbove(iDevice, nBytes, c_xSite);
+    g_xPool.SetIdleLimit(iPool, nBytes, pDevice);
+    _FreeIdleAbove(iPool, nBytes, c_xSite);
 }
 
 void CResourceManager::ForgetDevice(int iDevice)
 {
     CDroppedRecords xDropped;
     g_xPool.Forget(iDevice, xDropped);
+    g_xPool.Forget(HostPoolOf(iDevice), xDropped);
 }
 
 } // namespace Qx::GPU

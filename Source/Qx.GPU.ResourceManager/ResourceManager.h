@@ -25,7 +25,14 @@ struct SPoolStatistics
     friend bool operator==(const SPoolStatistics&, const SPoolStatistics&) noexcept = default;
 };
 
-/// The process's pool of device memory.
+/// Which of a device's two pools is meant.
+enum class EPool
+{
+    Device,    ///< its memory, pitched and linear
+    PageLocked ///< the host memory that was page-locked while the device was current
+};
+
+/// The process's pool of device memory, and of page-locked host memory for transfers to and from it.
 ///
 /// A block that is given back waits for the next request of exactly its device, kind and size. Images of a stream of
 /// frames ask for the same sizes over and over, so such a request is answered without a CUDA call, without rounding and
@@ -70,6 +77,13 @@ public:
     /// of the device runs.
     static QX_GPU_API CCudaMemoryResource& GetCudaMemory(std::size_t nSize);
 
+    /// Lends @p nSize bytes of page-locked host memory, which every device can copy from and to without a detour.
+    /// Contents are undefined. Otherwise as `GetCudaMemoryPitch`; it is the host that runs out of memory, and idle
+    /// blocks of this kind that are freed then.
+    ///
+    /// The memory is allocated while the current device is current, so it is gone when that device is reset.
+    static QX_GPU_API CCudaMemoryResource& GetPageLockedMemory(std::size_t nSize);
+
     /// Takes the block of @p xResource back and empties @p xResource (pointer null, the other fields stay).
     ///
     /// An empty resource is left alone. The block goes to the pool of the device that it came from, whichever device is
@@ -81,23 +95,25 @@ public:
     /// @param bFree true frees the block at once instead of keeping it for the next request
     static QX_GPU_API void ReleaseResource(CResource& xResource, bool bFree);
 
-    /// What the pool of @p iDevice holds; all zero for a device that was never used.
-    static QX_GPU_API SPoolStatistics GetStatistics(int iDevice);
+    /// What a pool of @p iDevice holds; all zero for a device that was never used.
+    static QX_GPU_API SPoolStatistics GetStatistics(int iDevice, EPool ePool = EPool::Device);
 
-    /// The same for the current device. Throws a `CQxCudaException` when there is none.
+    /// What the current device's memory pool holds. Throws a `CQxCudaException` when there is none.
     static QX_GPU_API SPoolStatistics GetStatistics();
 
-    /// Frees idle blocks of the current device, least recently used first, until at most @p nBytesToKeep remain. Throws
-    /// a `CQxCudaException` when a block cannot be freed; that block and those after it stay in the pool.
-    static QX_GPU_API void Trim(std::size_t nBytesToKeep);
+    /// Frees idle blocks of a pool of the current device, least recently used first, until at most @p nBytesToKeep
+    /// remain. Throws a `CQxCudaException` when a block cannot be freed; that block and those after it stay in the
+    /// pool.
+    static QX_GPU_API void Trim(std::size_t nBytesToKeep, EPool ePool = EPool::Device);
 
-    /// Bounds the idle bytes of the current device and trims to the bound as `Trim` does; when that throws the bound is
-    /// set nevertheless, and later releases free the surplus. Until this is called the bound is half of the device's
-    /// memory.
-    static QX_GPU_API void SetIdleLimit(std::size_t nBytes);
+    /// Bounds the idle bytes of a pool of the current device and trims to the bound as `Trim` does; when that throws
+    /// the bound is set nevertheless, and later releases free the surplus. Until this is called the bound is half of
+    /// the device's memory, and an eighth of the host's for page-locked memory, which the rest of the system goes
+    /// without.
+    static QX_GPU_API void SetIdleLimit(std::size_t nBytes, EPool ePool = EPool::Device);
 
-    /// Forgets every block of @p iDevice without a CUDA call, to be called after `cudaDeviceReset`, which has freed
-    /// them all, before the device is used again by any thread. References to its blocks are no longer valid.
+    /// Forgets every block of both pools of @p iDevice without a CUDA call, to be called after `cudaDeviceReset`, which
+    /// has freed them all, before the device is used again by any thread. References to its blocks are no longer valid.
     ///
     /// Blocks that are still lent may be given back as usual, which then only empties the resource. When the runtime
     /// places a new block at the address of such a one, nobody can tell which of the two a release means: the new block

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Core.Ex/QxImage.h"
+#include "Qx.Core.Ex/QxImageView.h"
 #include "Support/Chain.h"
 #include "VirtualSlot.h"
 
@@ -17,6 +18,7 @@ namespace
 
 using Qx::CQxImage;
 using Qx::CQxImageFormat;
+using Qx::CQxImageView;
 using Qx::EDataType;
 using Qx::EPixelType;
 using Qx::IImage;
@@ -134,6 +136,38 @@ TEST(Image, ImagesWithoutBytesAreLegal)
         EXPECT_EQ(xImage.GetDataPtr(), nullptr) << "the old buffer must be gone";
         EXPECT_EQ(CQxImage(xImage).GetFormat(), xFormat);
     }
+}
+
+TEST(ImageView, ShowsTheMemoryOfItsClientAndKeepsItsFormat)
+{
+    constexpr const char* c_pcFile = "Qx.Core.Ex/QxImageView";
+    unsigned char acPixels[30] = {};
+    CQxImageView xView(c_xSmall, acPixels);
+    IImage& xInterface = xView;
+    EXPECT_EQ(Qx::GetImageFormat(xInterface), c_xSmall);
+    EXPECT_EQ(xInterface.GetDataPtr(), acPixels);
+    EXPECT_EQ(std::as_const(xInterface).GetDataPtr(), acPixels);
+    EXPECT_TRUE(xInterface.Create(5, 3, EPixelType::RGB, EDataType::UShort));
+    EXPECT_TRUE(ThrowsChain([&] { xInterface.Create(5, 4, EPixelType::RGBA, EDataType::UByte); },
+                            {Plain("An image view cannot change its format from 5 x 3 'RGB' 'UShort' to 5 x 4 'RGBA' "
+                                   "'UByte'",
+                                   "Create", c_pcFile)}));
+    EXPECT_EQ(xView.GetFormat(), c_xSmall);
+
+    CQxImageView xReadOnly(c_xSmall, static_cast<const void*>(acPixels));
+    EXPECT_EQ(std::as_const(xReadOnly).GetDataPtr(), acPixels);
+    EXPECT_TRUE(
+        ThrowsChain([&] { xReadOnly.GetDataPtr(); }, {Plain("The image view is read-only", "GetDataPtr", c_pcFile)}));
+
+    EXPECT_TRUE(ThrowsChain([&] { CQxImageView(c_xSmall, static_cast<void*>(nullptr)); },
+                            {Plain("The pixel pointer is null", "CQxImageView", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain(
+        [&] {
+            CQxImageView({-1, 3, EDataType::UByte, EPixelType::Lum}, acPixels);
+        },
+        {Plain("Image dimensions are negative", "CQxImageView", c_pcFile)}));
+    CQxImageView xNothing({0, 3, EDataType::UByte, EPixelType::Lum}, static_cast<void*>(nullptr));
+    EXPECT_EQ(xNothing.GetDataPtr(), nullptr);
 }
 
 TEST(Image, ARefusedFormatChangesNothing)

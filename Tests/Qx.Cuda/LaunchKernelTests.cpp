@@ -1,7 +1,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <future>
 #include <set>
 #include <string>
 #include <thread>
@@ -19,6 +18,7 @@
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "Support/CudaChain.h"
 #include "Support/CudaRecorder.h"
+#include "Support/Stream.h"
 
 // A client's kernels, written once: this file is compiled by nvcc on the CUDA platform and as it is on the host.
 
@@ -76,51 +76,9 @@ private:
 };
 
 /// A stream that the default stream does not wait for.
-class CStream
+struct CStream : CStreamScope
 {
-public:
-    CStream() { EXPECT_EQ(cudaStreamCreateWithFlags(&m_pStream, cudaStreamNonBlocking), cudaSuccess); }
-    ~CStream() { EXPECT_EQ(cudaStreamDestroy(m_pStream), cudaSuccess); }
-    CStream(const CStream&) = delete;
-    CStream& operator=(const CStream&) = delete;
-    operator cudaStream_t() const { return m_pStream; }
-
-private:
-    cudaStream_t m_pStream = nullptr;
-};
-
-/// Keeps what is queued on a stream from now on waiting, until released or gone.
-class CHold
-{
-public:
-    explicit CHold(cudaStream_t pStream) : m_pStream(pStream)
-    {
-        EXPECT_EQ(
-            cudaLaunchHostFunc(
-                pStream, [](void* pGate) { static_cast<std::promise<void>*>(pGate)->get_future().wait(); }, &m_xGate),
-            cudaSuccess);
-    }
-    ~CHold()
-    {
-        Release();
-        // The host function must be done; what else the stream has met is for the test to say.
-        static_cast<void>(cudaStreamSynchronize(m_pStream));
-    }
-    CHold(const CHold&) = delete;
-    CHold& operator=(const CHold&) = delete;
-
-    void Release()
-    {
-        if (!std::exchange(m_bReleased, true))
-        {
-            m_xGate.set_value();
-        }
-    }
-
-private:
-    cudaStream_t m_pStream;
-    bool m_bReleased = false;
-    std::promise<void> m_xGate;
+    CStream() : CStreamScope(cudaStreamNonBlocking) {}
 };
 
 __global__ void CountPixels(SDeviceImageDesc2D xImage)
@@ -237,6 +195,7 @@ TEST(LaunchKernel, ReturnsAtOnceHavingConvertedAndCopiedItsArguments)
         EXPECT_EQ(cudaStreamQuery(xStream), cudaErrorNotReady);
         static_cast<void>(cudaGetLastError());
         xHold.Release();
+        EXPECT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
     }
     EXPECT_EQ(xValue.Read().front(), 222.0);
 }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Core/QxFormat.h"
+#include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "ScriptedRuntime.h"
 #include "Support/AllocationFault.h"
@@ -18,10 +19,12 @@ namespace
 {
 
 using Qx::CQxException;
+using Qx::CQxOutOfMemoryException;
 using Qx::GPU::CCudaMemoryPitchResource;
 using Qx::GPU::CCudaMemoryResource;
 using Qx::GPU::CResource;
 using Qx::GPU::CResourceManager;
+using Qx::GPU::EPool;
 using Qx::Test::CAllocationFault;
 using Qx::Test::CScriptedRuntime;
 using Qx::Test::ThrowsChain;
@@ -98,8 +101,8 @@ TEST_F(PoolScripted, LinearMemoryIsTheKindThatTheHostCanReadOnTheDevice)
         CScriptedRuntime::sm_iConcurrentManagedAccess = xCase.iConcurrent;
         CScriptedRuntime::sm_iIntegrated = xCase.iIntegrated;
         CCudaMemoryResource xLinear = CResourceManager::GetCudaMemory(100);
-        EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaDeviceGetAttribute", "cudaDeviceGetAttribute",
-                                                    "cudaMemGetInfo", xCase.pcAllocation}));
+        EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaDeviceGetAttribute",
+                                                    "cudaDeviceGetAttribute", xCase.pcAllocation}));
 
         CScriptedRuntime::Reset(m_iDevice);
         CCudaMemoryPitchResource xPitched = CResourceManager::GetCudaMemoryPitch(100, 2);
@@ -115,15 +118,60 @@ TEST_F(PoolScripted, LinearMemoryIsTheKindThatTheHostCanReadOnTheDevice)
     }
 }
 
+TEST_F(PoolScripted, PageLockedMemoryIsAPoolOfItsOwnThatGoesWithItsDevice)
+{
+    NextDevice();
+    CCudaMemoryResource xHost = CResourceManager::GetPageLockedMemory(100);
+    EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaHostAlloc"}));
+    CCudaMemoryResource xLinear = CResourceManager::GetCudaMemory(100);
+    void* const pHost = xHost.m_pDevice;
+    CResourceManager::ReleaseResource(xHost, false);
+    CResourceManager::ReleaseResource(xLinear, false);
+    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesIdle, 100U);
+    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, EPool::PageLocked).nBytesIdle, 100U);
+
+    CResourceManager::Trim(0);
+    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, EPool::PageLocked).nBlocksIdle, 1U);
+    xHost = CResourceManager::GetPageLockedMemory(100);
+    EXPECT_EQ(xHost.m_pDevice, pHost);
+    CResourceManager::SetIdleLimit(99, EPool::PageLocked);
+    CResourceManager::ReleaseResource(xHost, false);
+    EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
+
+    CScriptedRuntime::FailCall(2, cudaErrorMemoryAllocation, true);
+    try
+    {
+        CResourceManager::GetPageLockedMemory(200);
+        ADD_FAILURE() << "nothing was thrown";
+    }
+    catch (const CQxOutOfMemoryException& xException)
+    {
+        const std::string sExpected =
+            "Error allocating page-locked memory. Out of memory: requested 200 bytes, in use 0 "
+            "bytes in 0 blocks, idle 0 bytes in 0 blocks, Device ID: " +
+            std::to_string(m_iDevice);
+        EXPECT_EQ(xException.GetMessageText().ToCString(), sExpected);
+    }
+    CScriptedRuntime::Reset(m_iDevice);
+    xHost = CResourceManager::GetPageLockedMemory(100);
+    void* const pGone = xHost.m_pDevice;
+    CResourceManager::ForgetDevice(m_iDevice);
+    CResourceManager::ReleaseResource(xHost, false);
+    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, EPool::PageLocked).nBlocksIdle, 0U) << "memory that is gone";
+    ASSERT_EQ(cudaFreeHost(pGone), cudaSuccess);
+}
+
 TEST_F(PoolScripted, AnyFailingCallOfAFirstRequestLeavesNothingBehindAndIsRetried)
 {
-    const std::function<CResource&()> c_vRequests[] = {[]() -> CResource&
-                                                       { return CResourceManager::GetCudaMemory(9); },
-                                                       []() -> CResource&
-                                                       {
-                                                           return CResourceManager::GetCudaMemoryPitch(9, 9);
-                                                       }};
-    for (const auto& xRequest : c_vRequests)
+    const struct
+    {
+        std::function<CResource&()> Request;
+        EPool ePool;
+        int iAllocation; // the call that allocates, the last one
+    } c_vCases[] = {{[]() -> CResource& { return CResourceManager::GetCudaMemory(9); }, EPool::Device, 5},
+                    {[]() -> CResource& { return CResourceManager::GetCudaMemoryPitch(9, 9); }, EPool::Device, 5},
+                    {[]() -> CResource& { return CResourceManager::GetPageLockedMemory(9); }, EPool::PageLocked, 3}};
+    for (const auto& xCase : c_vCases)
     {
         for (const cudaError_t eError : {cudaErrorUnknown, cudaErrorMemoryAllocation})
         {
@@ -139,11 +187,11 @@ TEST_F(PoolScripted, AnyFailingCallOfAFirstRequestLeavesNothingBehindAndIsRetrie
                     CResource* pLent = nullptr;
                     try
                     {
-                        pLent = &xRequest();
+                        pLent = &xCase.Request();
                     }
                     catch (const CQxException& xException)
                     {
-                        const bool bOutOfMemory = iNth == 5 && eError == cudaErrorMemoryAllocation;
+                        const bool bOutOfMemory = iNth == xCase.iAllocation && eError == cudaErrorMemoryAllocation;
                         EXPECT_STREQ(xException.GetName().ToCString(),
                                      bOutOfMemory ? "Qx.OutOfMemoryException" : "Qx.CudaException");
                         EXPECT_STREQ(xException.GetFile().ToCString(), c_pcFile);
@@ -152,19 +200,22 @@ TEST_F(PoolScripted, AnyFailingCallOfAFirstRequestLeavesNothingBehindAndIsRetrie
                     }
                     bHasFailed = CScriptedRuntime::sm_bHasFailed;
                     // Only an allocation that is refused for lack of memory, once, is made up for.
-                    const bool bMadeUp = iNth == 5 && eError == cudaErrorMemoryAllocation && !bPersistent;
+                    const bool bMadeUp =
+                        iNth == xCase.iAllocation && eError == cudaErrorMemoryAllocation && !bPersistent;
                     ASSERT_EQ(pLent != nullptr, !bHasFailed || bMadeUp);
-                    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBlocksInUse, pLent != nullptr ? 1U : 0U);
-                    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).uMisses, pLent != nullptr ? 1U : 0U);
+                    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, xCase.ePool).nBlocksInUse,
+                              pLent != nullptr ? 1U : 0U);
+                    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, xCase.ePool).uMisses,
+                              pLent != nullptr ? 1U : 0U);
                     EXPECT_EQ(CScriptedRuntime::LiveBlocks(), pLent != nullptr ? 1U : 0U);
                     CScriptedRuntime::Reset(m_iDevice);
                     if (pLent == nullptr)
                     {
-                        pLent = &xRequest();
+                        pLent = &xCase.Request();
                     }
                     CResourceManager::ReleaseResource(*pLent, true);
                 }
-                EXPECT_EQ(iNth, 7) << "a first request makes another number of calls";
+                EXPECT_EQ(iNth, xCase.iAllocation + 2) << "a first request makes another number of calls";
             }
         }
     }

@@ -230,7 +230,7 @@ extern "C"
 
     cudaError_t cudaHostAlloc(void** ppBlock, std::size_t, unsigned int uFlags)
     {
-        return uFlags == cudaHostAllocMapped ? Qx::Test::_Allocate("cudaHostAlloc", ppBlock, true)
+        return uFlags == cudaHostAllocMapped || uFlags == cudaHostAllocPortable ? Qx::Test::_Allocate("cudaHostAlloc", ppBlock, true)
                                              : Qx::Test::_Fail(cudaErrorInvalidValue);
     }
 

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <set>
@@ -35,6 +36,8 @@ SState& _State()
     static SState* const s_pState = new SState;
     return *s_pState;
 }
+
+std::atomic<std::size_t> g_nRowPadding = 0;
 
 // The injected error that stands in front of the runtime's own last error.
 thread_local cudaError_t t_ePending = cudaSuccess;
@@ -147,6 +150,11 @@ cudaError_t _Untrack(const void* pBlock, TFree&& xFree)
 }
 
 } // namespace
+
+void CCudaRecorder::PadRows(std::size_t nBytes)
+{
+    g_nRowPadding = nBytes;
+}
 
 void CCudaRecorder::Reset()
 {
@@ -286,7 +294,7 @@ extern "C"
     QX_RECORD_ALLOCATION(cudaMalloc, (void** ppBlock, std::size_t nSize), ppBlock, ppBlock, nSize)
     QX_RECORD_ALLOCATION(cudaMallocPitch,
                          (void** ppBlock, std::size_t* pnPitch, std::size_t nWidth, std::size_t nHeight), ppBlock,
-                         ppBlock, pnPitch, nWidth, nHeight)
+                         ppBlock, pnPitch, nWidth + Qx::Test::g_nRowPadding, nHeight)
     QX_RECORD_ALLOCATION(cudaMallocManaged, (void** ppBlock, std::size_t nSize, unsigned int uFlags), ppBlock, ppBlock,
                          nSize, uFlags)
     QX_RECORD_ALLOCATION(cudaHostAlloc, (void** ppBlock, std::size_t nSize, unsigned int uFlags), ppBlock, ppBlock,

@@ -58,6 +58,10 @@ public:
     /// Drops a planned failure.
     static void ClearFailure();
 
+    /// Makes pitched blocks that are allocated from now on have rows of @p nBytes more than was asked for, so that
+    /// their pitch varies.
+    static void PadRows(std::size_t nBytes);
+
     /// Blocks that were allocated through the runtime and not freed.
     static std::size_t LiveAllocations();
 };

@@ -12,6 +12,7 @@ namespace Qx::Test
 
 int CPoolRecorder::sm_iGetPitch = 0;
 int CPoolRecorder::sm_iGetLinear = 0;
+int CPoolRecorder::sm_iGetPageLocked = 0;
 int CPoolRecorder::sm_iRelease = 0;
 std::size_t CPoolRecorder::sm_nWidth = 0;
 std::size_t CPoolRecorder::sm_nRows = 0;
@@ -53,6 +54,7 @@ void CPoolRecorder::Reset()
 {
     sm_iGetPitch = 0;
     sm_iGetLinear = 0;
+    sm_iGetPageLocked = 0;
     sm_iRelease = 0;
     sm_nWidth = 0;
     sm_nRows = 0;
@@ -84,6 +86,16 @@ CCudaMemoryResource& CResourceManager::GetCudaMemory(std::size_t nSize)
     static auto* const s_pReal =
         Test::_Next<CCudaMemoryResource&(std::size_t)>("_ZN2Qx3GPU16CResourceManager13GetCudaMemoryEm");
     ++CPoolRecorder::sm_iGetLinear;
+    CPoolRecorder::sm_nWidth = nSize;
+    Test::_Fail(CPoolRecorder::sm_eFailGet);
+    return s_pReal(nSize);
+}
+
+CCudaMemoryResource& CResourceManager::GetPageLockedMemory(std::size_t nSize)
+{
+    static auto* const s_pReal =
+        Test::_Next<CCudaMemoryResource&(std::size_t)>("_ZN2Qx3GPU16CResourceManager19GetPageLockedMemoryEm");
+    ++CPoolRecorder::sm_iGetPageLocked;
     CPoolRecorder::sm_nWidth = nSize;
     Test::_Fail(CPoolRecorder::sm_eFailGet);
     return s_pReal(nSize);

@@ -23,6 +23,7 @@ struct CPoolRecorder
 
     static int sm_iGetPitch;      ///< calls of `GetCudaMemoryPitch`
     static int sm_iGetLinear;     ///< calls of `GetCudaMemory`
+    static int sm_iGetPageLocked; ///< calls of `GetPageLockedMemory`
     static int sm_iRelease;       ///< calls of `ReleaseResource`
     static std::size_t sm_nWidth; ///< width or size of the last request in bytes
     static std::size_t sm_nRows;  ///< rows of the last pitched request

@@ -7,6 +7,7 @@ namespace
 {
 
 using Qx::GPU::CResourceManager;
+using Qx::GPU::EPool;
 using Qx::Test::CCudaRecorder;
 
 /// Every test starts with a clean record and an empty pool, and must leave no pending CUDA error and no allocation that
@@ -35,10 +36,13 @@ class CBalanceListener : public ::testing::EmptyTestEventListener
         EXPECT_EQ(cudaGetDeviceCount(&iDevices), cudaSuccess);
         for (int iDevice = 0; iDevice < iDevices; ++iDevice)
         {
-            EXPECT_EQ(CResourceManager::GetStatistics(iDevice).nBlocksInUse, 0U)
-                << "the test left blocks of device " << iDevice << " in use";
             EXPECT_EQ(cudaSetDevice(iDevice), cudaSuccess);
-            CResourceManager::Trim(0);
+            for (const EPool ePool : {EPool::Device, EPool::PageLocked})
+            {
+                EXPECT_EQ(CResourceManager::GetStatistics(iDevice, ePool).nBlocksInUse, 0U)
+                    << "the test left blocks of device " << iDevice << " in use";
+                CResourceManager::Trim(0, ePool);
+            }
         }
         EXPECT_EQ(cudaSetDevice(0), cudaSuccess);
         EXPECT_EQ(CCudaRecorder::LiveAllocations(), m_nLive) << "the test leaked device memory";

@@ -1,0 +1,172 @@
+#include <algorithm>
+#include <climits>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "ImagePlaces.h"
+#include "Support/CudaChain.h"
+#include "Support/CudaRecorder.h"
+#include "Support/PoolRecorder.h"
+#include "Support/Stream.h"
+
+namespace Qx::Test
+{
+
+namespace
+{
+
+constexpr const char* c_pcFile = "Source/Qx.Cuda/QxPageLockedImage";
+constexpr CQxImageFormat c_xFormat(37, 11, EDataType::UShort, EPixelType::LumA);
+constexpr CQxImageFormat c_xOtherFormat(5, 3, EDataType::UByte, EPixelType::RGB);
+const SLink c_xCreate = Plain("Error creating page-locked image", "Create", c_pcFile);
+
+static_assert(!std::is_copy_constructible_v<CQxPageLockedImage> && !std::is_copy_assignable_v<CQxPageLockedImage>);
+
+class PageLockedImage : public ::testing::Test
+{
+protected:
+    void SetUp() override { CPoolRecorder::Reset(); }
+    void TearDown() override { CPoolRecorder::Reset(); }
+
+    static std::size_t InUse() { return GPU::CResourceManager::GetStatistics(0, GPU::EPool::PageLocked).nBlocksInUse; }
+};
+
+TEST_F(PageLockedImage, BorrowsWhatItsFormatTakesAndMovesItOn)
+{
+    CQxPageLockedImage xImage;
+    EXPECT_EQ(xImage.GetDataPtr(), nullptr);
+    EXPECT_TRUE(xImage.Create(37, 11, EPixelType::LumA, EDataType::UShort));
+    EXPECT_EQ(CPoolRecorder::sm_nWidth, 37U * 11 * 4);
+    EXPECT_EQ(xImage.GetBufferSize(), 37U * 11 * 4);
+    EXPECT_EQ(GetImageFormat(xImage), c_xFormat);
+    cudaPointerAttributes xAttributes{};
+    ASSERT_EQ(cudaPointerGetAttributes(&xAttributes, xImage.GetDataPtr()), cudaSuccess);
+    EXPECT_EQ(xAttributes.type, cudaMemoryTypeHost);
+
+    void* const pPixels = xImage.GetDataPtr();
+    CPoolRecorder::Reset();
+    xImage.Create(c_xFormat);
+    EXPECT_EQ(CPoolRecorder::sm_iGetPageLocked + CPoolRecorder::sm_iRelease, 0);
+
+    CQxPageLockedImage xOther(c_xOtherFormat);
+    xOther = std::move(xImage);
+    EXPECT_EQ(xOther.GetDataPtr(), pPixels);
+    EXPECT_EQ(xOther.GetFormat(), c_xFormat);
+    EXPECT_EQ(xImage.GetDataPtr(), nullptr);
+    EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
+    EXPECT_EQ(xImage.GetBufferSize(), 0U);
+    EXPECT_EQ(InUse(), 1U);
+    CQxPageLockedImage& xSame = xOther;
+    xOther = std::move(xSame);
+    EXPECT_EQ(xOther.GetDataPtr(), pPixels);
+    CQxPageLockedImage xConstructed(std::move(xOther));
+    EXPECT_EQ(xConstructed.GetDataPtr(), pPixels);
+
+    // Nothing to hold takes no memory.
+    for (const CQxImageFormat& xFormat : {CQxImageFormat(0, INT_MAX, EDataType::Double, EPixelType::RGBA),
+                                          CQxImageFormat(3, 3, EDataType::Void, EPixelType::RGB)})
+    {
+        xConstructed.Create(c_xFormat);
+        xConstructed.Create(xFormat);
+        EXPECT_EQ(xConstructed.GetFormat(), xFormat);
+        EXPECT_EQ(xConstructed.GetDataPtr(), nullptr);
+        EXPECT_EQ(InUse(), 0U);
+    }
+}
+
+TEST_F(PageLockedImage, AFailureLeavesItUnchangedUntilItsMemoryHasGone)
+{
+    const struct
+    {
+        CQxImageFormat xFormat;
+        SLink xInner;
+    } c_vRefused[] = {
+        {{-1, 3, EDataType::UByte, EPixelType::Lum}, Plain("Image dimensions are negative", "Create", c_pcFile)},
+        {{INT_MAX, INT_MAX, EDataType::Double, EPixelType::RGBA}, Plain("Image is too large", "Create", c_pcFile)},
+        {{3, 3, EDataType::UByte, static_cast<EPixelType::ID>(1)},
+         Plain("Unknown pixel type", "GetComponentCount", "Qx.Core.Ex/QxImageFormat")}};
+    CQxPageLockedImage xImage(c_xFormat);
+    const void* const pPixels = xImage.GetDataPtr();
+    for (const auto& xCase : c_vRefused)
+    {
+        EXPECT_TRUE(ThrowsChain([&] { xImage.Create(xCase.xFormat); }, {c_xCreate, xCase.xInner}));
+        EXPECT_EQ(xImage.GetFormat(), c_xFormat);
+    }
+    CPoolRecorder::sm_eFailRelease = CPoolRecorder::EFailure::QxException;
+    const SLink xPool = Plain("pool failure", "Fail", "Pool");
+    EXPECT_TRUE(ThrowsChain([&] { xImage.Create(c_xOtherFormat); }, {c_xCreate, xPool}));
+    EXPECT_TRUE(ThrowsChain([&] { xImage.Release(); }, {xPool}));
+    EXPECT_EQ(xImage.GetFormat(), c_xFormat);
+    EXPECT_EQ(xImage.GetDataPtr(), pPixels);
+
+    for (const auto eFailure : {CPoolRecorder::EFailure::QxException, CPoolRecorder::EFailure::BadAlloc})
+    {
+        CPoolRecorder::Reset();
+        xImage.Create(c_xFormat);
+        CPoolRecorder::sm_eFailGet = eFailure;
+        if (eFailure == CPoolRecorder::EFailure::BadAlloc)
+        {
+            EXPECT_THROW(xImage.Create(c_xOtherFormat), std::bad_alloc);
+        }
+        else
+        {
+            EXPECT_TRUE(ThrowsChain([&] { xImage.Create(c_xOtherFormat); }, {c_xCreate, xPool}));
+        }
+        EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
+        EXPECT_EQ(xImage.GetDataPtr(), nullptr);
+    }
+}
+
+// Everything is queued while the stream waits, and happens in the order of the stream afterwards.
+TEST_F(PageLockedImage, QueuedTransfersReturnAtOnceAndKeepTheirOrder)
+{
+    const CQxImage xFirst = MakeImage(c_xFormat);
+    const CQxImage xSecond = MakeImage(c_xFormat, 2);
+    const CQxImage xZero(c_xFormat);
+    CQxPageLockedImage vHost[5];
+    for (CQxPageLockedImage& xHost : vHost)
+    {
+        xHost.Create(c_xFormat);
+    }
+    const auto Put = [](CQxPageLockedImage& xHost, const CQxImage& xImage)
+    {
+        std::memcpy(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize());
+    };
+    const auto Holds = [](const CQxPageLockedImage& xHost, const CQxImage& xImage)
+    {
+        return std::memcmp(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize()) == 0;
+    };
+    Put(vHost[0], xFirst);
+    Put(vHost[1], xSecond);
+    CQxDeviceImage2D x2D(xZero);
+    CQxDeviceImage1D x1D;
+    x1D.Create(xFirst);
+    const CStreamScope xStream(cudaStreamNonBlocking);
+    CHold xHold(xStream);
+    x2D.CreateAsync(&vHost[0], xStream);
+    x2D.CopyToAsync(&vHost[2], xStream);
+    x2D.SetZeroAsync(xStream);
+    x2D.CopyToAsync(&vHost[3], xStream);
+    x2D.CreateAsync(&vHost[1], xStream);
+    x2D.CopyToAsync(&vHost[4], xStream);
+    x1D.SetZeroAsync(xStream);
+    EXPECT_EQ(cudaStreamQuery(xStream), cudaErrorNotReady);
+    static_cast<void>(cudaGetLastError());
+    EXPECT_EQ(CCudaRecorder::Count("cudaStreamSynchronize") + CCudaRecorder::Count("cudaDeviceSynchronize"), 0U);
+
+    xHold.Release();
+    ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+    EXPECT_TRUE(Holds(vHost[2], xFirst));
+    EXPECT_TRUE(Holds(vHost[3], xZero));
+    EXPECT_TRUE(Holds(vHost[4], xSecond));
+    CQxImage xResult;
+    x1D.CopyTo(xResult);
+    EXPECT_TRUE(HaveSamePixels(xResult, xZero));
+}
+
+} // namespace
+
+} // namespace Qx::Test
