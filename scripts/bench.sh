@@ -62,7 +62,14 @@ for direction in $directions; do
         measure qx_image_benchmark "$direction-$size" "^$direction/$size/"
     done
 done
+for direction in UploadClient DownloadClient UploadQueued DownloadQueued 2DTo2D 2DTo1D 1DTo2D Upload1D Download1D 1DTo1D
+do
+    for size in 640x480 1920x1080; do
+        measure qx_image_benchmark "$direction-$size" "^$direction/$size/"
+    done
+done
 measure qx_image_benchmark Create "^Create/"
+measure qx_stream_benchmark Frames "^Frames/"
 measure qx_pool_benchmark Pool "^(Pool/Hit/|Runtime/)"
 measure qx_pool_benchmark Pool-in-turn "^Pool/HitInTurn/"
 if [ "$preset" = bench ]; then

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the demo programs and runs them on a picture: qx_roundtrip sends it host -> device -> device -> host, qx_develop
-# makes a camera's raw frame of it and develops that with kernels of its own. Runs on the GPU where the CUDA toolkit is
-# installed and a device answers, on the host stand-in anywhere else. Installs the Debian packages that are missing.
+# Builds the example programs and runs them on a picture: qx_roundtrip sends it host -> device -> device -> host,
+# qx_develop makes a camera's raw frame of it and develops that with kernels of its own, qx_framestream sharpens it as a
+# stream of frames. Runs on the GPU where the CUDA toolkit is installed and a device answers, on the host stand-in
+# anywhere else. Installs the Debian packages that are missing.
 #
 # usage: scripts/demo.sh [--help] [PICTURE]
 #
@@ -21,10 +22,12 @@ folder=$root/build/demo
 # shellcheck disable=SC2086
 need $build_packages $library_packages $example_packages
 mkdir -p "$folder"
-say "building qx_roundtrip and qx_develop"
+examples="qx_roundtrip qx_develop qx_framestream"
+say "building $examples"
+# shellcheck disable=SC2086
 {
     cmake --preset host -B "$folder" -DQX_PLATFORM=AUTO -DQX_BUILD_TESTS=OFF &&
-        cmake --build "$folder" --parallel "$(job_count)" --target qx_roundtrip qx_develop
+        cmake --build "$folder" --parallel "$(job_count)" --target $examples
 } >"$folder/build.log" 2>&1 || {
     cat "$folder/build.log" >&2
     die "the demo does not build" "to start afresh: rm -r build/demo"
@@ -52,12 +55,15 @@ if [ -z "$picture" ]; then
     fi
 fi
 
-say "running qx_roundtrip"
-"$folder/Examples/qx_roundtrip" ${picture:+"$picture"} -o "$folder/roundtrip.png" ||
-    die "the round trip failed" "the line above says why"
-say "running qx_develop"
-"$folder/Examples/qx_develop" ${picture:+"$picture"} -o "$folder/developed.png" -e "$folder/edges.png" ||
-    die "developing the raw frame failed" "the line above says why"
+# demo EXAMPLE ARGUMENTS...
+demo() {
+    say "running $1"
+    "$folder/Examples/$1" "${@:2}" || die "$1 failed" "the line above says why"
+}
+demo qx_roundtrip ${picture:+"$picture"} -o "$folder/roundtrip.png"
+demo qx_develop ${picture:+"$picture"} -o "$folder/developed.png" -e "$folder/edges.png"
+demo qx_framestream ${picture:+"$picture"} -o "$folder/sharpened.png"
 echo
 echo "The picture that came back lies in $folder/roundtrip.png,"
-echo "the developed one in $folder/developed.png, its edges in $folder/edges.png"
+echo "the developed one in $folder/developed.png, its edges in $folder/edges.png,"
+echo "the last sharpened frame in $folder/sharpened.png"

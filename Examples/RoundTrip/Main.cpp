@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -17,30 +16,17 @@ namespace
 using namespace Qx;
 using namespace Qx::Examples;
 
-constexpr SThrowSite c_xSite{"Examples/RoundTrip/Main", "main"};
 constexpr int c_iRounds = 10;
 constexpr const char* c_pcHelp = R"(usage: qx_roundtrip [INPUT] [-o OUTPUT.png]
 
-Uploads a picture to the device, copies it there into a second image, downloads that, compares every byte and
-writes it as PNG. Prints the platform, the image's format and pitch, the time of each step and the memory pool.
+Uploads a picture to the device, copies it there into packed rows and from them into a second image, downloads that,
+compares every byte and writes it as PNG. Prints the platform, the image's format and pitch, the time of each step and
+the memory pool.
 
   INPUT          PNG, JPEG, BMP, binary PGM or PPM; a test chart is drawn when it is left out
   -o OUTPUT.png  where the result goes (default: roundtrip.png)
   --help         this text
 )";
-
-struct SDeviceFree
-{
-    void operator()(void* pDevice) const { cudaFree(pDevice); }
-};
-
-// Plain device memory, as a decoder or another library would hand it over: packed rows, unknown to the pool.
-std::unique_ptr<void, SDeviceFree> _AllocateOnDevice(std::size_t nBytes)
-{
-    void* pDevice = nullptr;
-    CheckCuda(cudaMalloc(&pDevice, nBytes), c_xSite, "Error allocating device memory");
-    return std::unique_ptr<void, SDeviceFree>(pDevice);
-}
 
 void _RoundTrip(const SCommandLine& xLine)
 {
@@ -51,10 +37,9 @@ void _RoundTrip(const SCommandLine& xLine)
     const std::size_t nRowBytes = static_cast<std::size_t>(xFormat.iWidth * xFormat.GetBytesPerPixel());
     PrintPlatform();
 
-    const auto pPacked = _AllocateOnDevice(nBytes);
     CStepTimer xUpload("host -> device");
-    CStepTimer xPack("device -> packed buffer");
-    CStepTimer xCopy("packed buffer -> device");
+    CStepTimer xPack("device -> packed rows");
+    CStepTimer xCopy("packed rows -> device");
     CStepTimer xDownload("device -> host");
     std::size_t nPitch = 0;
     CQxImage xResult(xFormat);
@@ -62,18 +47,12 @@ void _RoundTrip(const SCommandLine& xLine)
     {
         // New images in every round, as for a stream of frames: from the second round on the pool has their memory.
         CQxDeviceImage2D xFirst;
+        CQxDeviceImage1D xPacked;
         CQxDeviceImage2D xSecond;
         xUpload.Run([&] { xFirst.Create(xPicture); });
-        // A raw upload reads packed rows, so the row padding of the image has to go first.
         nPitch = xFirst.GetDesc().nPitch;
-        xPack.Run(
-            [&]
-            {
-                CheckCuda(cudaMemcpy2D(pPacked.get(), nRowBytes, xFirst.GetDevicePointer(), nPitch, nRowBytes,
-                                       static_cast<std::size_t>(xFormat.iHeight), cudaMemcpyDeviceToDevice),
-                          c_xSite, "Error packing the image");
-            });
-        xCopy.Run([&] { xSecond.Create(xFormat, pPacked.get(), true); });
+        xPack.Run([&] { xFirst.CopyTo(xPacked); });
+        xCopy.Run([&] { xSecond.Create(xPacked); });
         std::memset(xResult.GetDataPtr(), 0xA5, nBytes); // nothing of the round before can pass for a result
         xDownload.Run([&] { xSecond.CopyTo(xResult); });
         if (std::memcmp(xPicture.GetDataPtr(), xResult.GetDataPtr(), nBytes) != 0)

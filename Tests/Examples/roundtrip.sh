@@ -8,7 +8,7 @@ prints '^usage: qx_roundtrip'
 
 run 0 -o chart.png
 prints '^image     1250 x 833, RGBA UByte, pitch [0-9]+ bytes for rows of 5000$'
-prints '^pool      18 hits, 2 misses, 0 blocks in use, 2 idle'
+prints '^pool      27 hits, 3 misses, 0 blocks in use, 3 idle'
 prints '^result    all 4165000 bytes are the same after 10 rounds; written to chart.png$'
 
 # The result is the picture: sent again, it comes out the same, from another format too.
