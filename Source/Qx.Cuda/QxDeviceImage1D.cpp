@@ -27,8 +27,8 @@ void _Copy(void* pTarget, const void* pSource, const CQxImageFormat& xFormat, cu
 
 CQxDeviceImage1D::CQxDeviceImage1D() noexcept = default;
 
-// Delegates, so that the destructor gives memory back that was borrowed before a failure.
-CQxDeviceImage1D::CQxDeviceImage1D(const CQxImageFormat& xFormat) : CQxDeviceImage1D()
+// Nothing can fail once the memory is borrowed, so there is nothing that a destructor would have to give back.
+CQxDeviceImage1D::CQxDeviceImage1D(const CQxImageFormat& xFormat)
 {
     Create(xFormat);
 }

@@ -1,4 +1,4 @@
-#include <vector>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -46,30 +46,50 @@ TEST_F(NoDevice, DeviceSelectionFailsWithTheRuntimesError)
                             {Failed("Error getting CUDA device ID", "GetDeviceID", "Qx.Cuda.Core/Cuda")}));
 }
 
-TEST_F(NoDevice, ImageCreationFailsThroughThePoolAndLeavesTheImageEmpty)
+TEST_F(NoDevice, ImagesCannotBeCreatedAndStayEmpty)
 {
-    CQxDeviceImage2D xImage;
     const CQxImageFormat xFormat(64, 48, EDataType::UByte, EPixelType::RGBA);
-    try
+    const CQxImage xHost(xFormat);
+    CQxDeviceImage2D x2D;
+    CQxDeviceImage1D x1D;
+    CQxPageLockedImage xPageLocked;
+    const struct
     {
-        xImage.Create(xFormat);
-        FAIL() << "nothing was thrown";
-    }
-    catch (const CQxException& xException)
+        std::function<void()> Create;
+        const char* pcMessage;
+        int iWrappers;
+    } c_vCases[] = {{[&] { x2D.Create(xFormat); }, "Error creating 2D CUDA device image", 1},
+                    {[&] { x2D.Create(xHost); }, "Error creating 2D CUDA device image", 2},
+                    {[&] { x2D.CreateAsync(&xHost, nullptr); }, "Error creating 2D CUDA device image", 2},
+                    {[&] { x1D.Create(xFormat); }, "Error creating 1D Image", 1},
+                    {[&] { x1D.Create(xHost); }, "Error creating 1D Image", 2},
+                    {[&] { xPageLocked.Create(xFormat); }, "Error creating page-locked image", 1}};
+    for (const auto& xCase : c_vCases)
     {
-        EXPECT_STREQ(xException.GetMessageText().ToCString(), "Error creating 2D CUDA device image");
-        const IException* pInner = xException.GetInnerException();
-        ASSERT_NE(pInner, nullptr);
-        EXPECT_EQ(pInner->GetInnerException(), nullptr);
-        EXPECT_TRUE(pInner->HasException(CQxCudaException::c_xGuid));
-        const auto* pCuda = dynamic_cast<const CQxCudaException*>(pInner);
-        ASSERT_NE(pCuda, nullptr);
-        EXPECT_EQ(pCuda->GetCudaError(), m_eError);
-        EXPECT_EQ(pCuda->GetDeviceID(), -1);
+        SCOPED_TRACE(xCase.pcMessage);
+        try
+        {
+            xCase.Create();
+            ADD_FAILURE() << "nothing was thrown";
+        }
+        catch (const CQxException& xException)
+        {
+            const IException* pLink = &xException;
+            for (int iWrapper = 0; iWrapper < xCase.iWrappers; ++iWrapper)
+            {
+                ASSERT_NE(pLink, nullptr);
+                EXPECT_STREQ(pLink->GetMessageText().ToCString(), xCase.pcMessage);
+                pLink = pLink->GetInnerException();
+            }
+            const auto* pCuda = dynamic_cast<const CQxCudaException*>(pLink);
+            ASSERT_NE(pCuda, nullptr);
+            EXPECT_EQ(pCuda->GetInnerException(), nullptr);
+            EXPECT_EQ(pCuda->GetCudaError(), m_eError);
+            EXPECT_EQ(pCuda->GetDeviceID(), -1);
+        }
     }
-    EXPECT_FALSE(xImage.IsValid());
-    EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
-    EXPECT_THROW(CQxDeviceImage2D{CQxImage(xFormat)}, CQxException);
+    EXPECT_FALSE(x2D.IsValid() || x1D.IsValid() || xPageLocked.GetDataPtr() != nullptr);
+    EXPECT_EQ(x2D.GetFormat(), CQxImageFormat{});
     EXPECT_EQ(CCudaRecorder::LiveAllocations(), 0U);
 }
 
