@@ -26,7 +26,8 @@ inline CQxImage MakeImage(const CQxImageFormat& xFormat, unsigned uSeed = 1)
 inline bool HaveSamePixels(const CQxImage& xLeft, const CQxImage& xRight)
 {
     return xLeft.GetFormat() == xRight.GetFormat() &&
-           std::memcmp(xLeft.GetDataPtr(), xRight.GetDataPtr(), xLeft.GetBufferSize()) == 0;
+           (xLeft.GetBufferSize() == 0 ||
+            std::memcmp(xLeft.GetDataPtr(), xRight.GetDataPtr(), xLeft.GetBufferSize()) == 0);
 }
 
 /// An image of a client: notes the calls that it gets, and throws from the one that it is told to.
@@ -159,7 +160,10 @@ struct SPlaces
             return xClient.m_xImage;
         case EPlace::PageLocked:
             xImage.Create(xPageLocked.GetFormat());
-            std::memcpy(xImage.GetDataPtr(), xPageLocked.GetDataPtr(), xImage.GetBufferSize());
+            if (xImage.GetBufferSize() != 0)
+            {
+                std::memcpy(xImage.GetDataPtr(), xPageLocked.GetDataPtr(), xImage.GetBufferSize());
+            }
             break;
         case EPlace::Image2D:
             x2D.CopyTo(xImage);
