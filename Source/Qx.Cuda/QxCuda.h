@@ -7,4 +7,5 @@
 #include "Qx.Cuda/QxCudaComp.h"
 #include "Qx.Cuda/QxCudaCompDebug.h"
 #include "Qx.Cuda/QxDeviceImage2D.h"
+#include "Qx.Cuda/QxDeviceMapping3D.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
