@@ -2,6 +2,7 @@
 # variable where there is no package registry.
 
 set(QX_GTEST_SOURCE_DIR "" CACHE PATH "GoogleTest's source folder; empty to use the installed package")
+set(QX_RAPIDCHECK_SOURCE_DIR "" CACHE PATH "RapidCheck's source folder; empty to use the installed package")
 set(QX_BENCHMARK_SOURCE_DIR "" CACHE PATH "Google Benchmark's source folder; empty to use the installed package")
 set(QX_STB_INCLUDE_DIR "" CACHE PATH "Folder of stb_image.h and stb_image_write.h; empty to search the system's")
 
@@ -26,6 +27,28 @@ macro(qx_require_gtest)
         endif()
     endif()
 endmacro()
+
+# qx_require_rapidcheck(): provides rapidcheck. By header and library: the package's CMake files define targets of one
+# build type only.
+function(qx_require_rapidcheck)
+    if(TARGET rapidcheck)
+        return()
+    endif()
+    if(QX_RAPIDCHECK_SOURCE_DIR)
+        _qx_add_source_folder(QX_RAPIDCHECK_SOURCE_DIR)
+        return()
+    endif()
+    find_path(QX_RAPIDCHECK_FOLDER NAMES rapidcheck.h)
+    find_library(QX_RAPIDCHECK_LIBRARY NAMES rapidcheck)
+    mark_as_advanced(QX_RAPIDCHECK_FOLDER QX_RAPIDCHECK_LIBRARY)
+    if(NOT QX_RAPIDCHECK_FOLDER OR NOT QX_RAPIDCHECK_LIBRARY)
+        message(FATAL_ERROR "The tests need RapidCheck: install librapidcheck-dev, or name its source folder with "
+                            "-DQX_RAPIDCHECK_SOURCE_DIR=..., or configure with -DQX_BUILD_TESTS=OFF")
+    endif()
+    add_library(rapidcheck INTERFACE IMPORTED GLOBAL)
+    target_include_directories(rapidcheck INTERFACE "${QX_RAPIDCHECK_FOLDER}")
+    target_link_libraries(rapidcheck INTERFACE "${QX_RAPIDCHECK_LIBRARY}")
+endfunction()
 
 # qx_require_benchmark(): provides benchmark::benchmark and benchmark::benchmark_main.
 macro(qx_require_benchmark)
