@@ -3,9 +3,10 @@
 # which is kept in build/gpu-report.txt. Needs g++, CMake, Ninja and the CUDA toolkit; installs nothing. What a machine
 # without a package registry lacks comes from folders:
 #
-# usage: scripts/gpu.sh [--gtest DIR] [--stb DIR] [--benchmark DIR] [--help]
+# usage: scripts/gpu.sh [--gtest DIR] [--rapidcheck DIR] [--stb DIR] [--benchmark DIR] [--help]
 #
 #   --gtest DIR      GoogleTest's sources, where the package is not installed
+#   --rapidcheck DIR RapidCheck's sources, likewise
 #   --stb DIR        the folder of stb_image.h and stb_image_write.h, where the package is not installed
 #   --benchmark DIR  Google Benchmark's sources; runs the benchmarks too
 #   --help           this text
@@ -15,8 +16,9 @@ arguments=()
 benchmark=""
 while [ $# -gt 0 ]; do
     case $1 in
-        --gtest | --stb | --benchmark) [ -d "${2:-}" ] || die "$1 needs an existing folder" "run '$0 --help'" ;;&
+        --gtest | --rapidcheck | --stb | --benchmark) [ -d "${2:-}" ] || die "$1 needs an existing folder" "run '$0 --help'" ;;&
         --gtest) arguments+=("-DQX_GTEST_SOURCE_DIR=$(realpath "$2")") && shift 2 ;;
+        --rapidcheck) arguments+=("-DQX_RAPIDCHECK_SOURCE_DIR=$(realpath "$2")") && shift 2 ;;
         --stb) arguments+=("-DQX_STB_INCLUDE_DIR=$(realpath "$2")") && shift 2 ;;
         --benchmark) benchmark=$(realpath "$2") && shift 2 ;;
         --help) usage && exit ;;

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <rapidcheck/gtest.h>
+#include <rapidcheck.h>
 
 #include "Qx.Cuda/QxCuda.h"
 #include "Support/AllocationFault.h"
@@ -394,7 +394,7 @@ Triple AnyTriple(const rc::Gen<float>& xFloat)
 
 // Whatever box, steps and point are: the point is refused, left alone, or moved by the value of its own cell, which is
 // found by counting. AddressSanitizer sees a read outside the block.
-RC_GTEST_PROP(DeviceMapping3DProperty, MapReadsNoCellButThePointsOwn, ())
+void _MapAnyPoints()
 {
     const auto xCount = rc::gen::inRange(1, 7);
     const Counts vCounts{*xCount, *xCount, *xCount};
@@ -466,7 +466,7 @@ struct SModel
     bool bReadable = false;
 };
 
-RC_GTEST_PROP(DeviceMapping3DProperty, AnySequenceOfOperationsAndFailuresIsWhatTheModelSays, ())
+void _RunAnySequence()
 {
     const CQxMapping3D axHosts[] = {MakeMapping({2, 3, 4}, 1.0F), MakeMapping({3, 2, 4}, 30.0F),
                                     MakeMapping({1, 1, 1}, 60.0F), MakeMapping({4, 2, 1}, 70.0F)};
@@ -476,8 +476,11 @@ RC_GTEST_PROP(DeviceMapping3DProperty, AnySequenceOfOperationsAndFailuresIsWhatT
     const auto vSteps = *rc::gen::container<std::vector<std::tuple<int, int, int, int, int>>>(
         rc::gen::tuple(rc::gen::inRange(0, 5), rc::gen::inRange<int>(FaultNone, FaultCount), rc::gen::inRange(0, 2),
                        rc::gen::inRange(0, 2), rc::gen::inRange(0, 4)));
-    for (const auto& [iOperation, iFault, iObject, iOther, iHost] : vSteps)
+    for (const auto& xStep : vSteps)
     {
+        const auto [iOperation, iFault, iObject, iOtherObject, iHostMapping] = xStep;
+        const int iOther = iOtherObject; // clang 14 captures no structured bindings
+        const int iHost = iHostMapping;
         CQxDeviceMapping3D& xDevice = axDevices[iObject];
         SModel& xModel = axModels[iObject];
         const bool bValid = xModel.iHost >= 0;
@@ -588,6 +591,16 @@ RC_GTEST_PROP(DeviceMapping3DProperty, AnySequenceOfOperationsAndFailuresIsWhatT
         }
         RC_ASSERT(GPU::CResourceManager::GetStatistics().nBlocksInUse == nInUse);
     }
+}
+
+TEST_F(DeviceMapping3D, MapReadsNoCellButThePointsOwn)
+{
+    EXPECT_TRUE(rc::check(_MapAnyPoints));
+}
+
+TEST_F(DeviceMapping3D, AnySequenceOfOperationsAndFailuresIsWhatTheModelSays)
+{
+    EXPECT_TRUE(rc::check(_RunAnySequence));
 }
 
 } // namespace
