@@ -70,6 +70,11 @@ do
 done
 measure qx_image_benchmark Create "^Create/"
 measure qx_stream_benchmark Frames "^Frames/"
+for count in 16 64 128; do
+    for step in Create Download Map; do
+        measure qx_mapping_benchmark "Mapping-$step-$count" "^Mapping/$step/$count/"
+    done
+done
 measure qx_pool_benchmark Pool "^(Pool/Hit/|Runtime/)"
 measure qx_pool_benchmark Pool-in-turn "^Pool/HitInTurn/"
 if [ "$preset" = bench ]; then

@@ -85,11 +85,7 @@ void CQxMapping3D::Create(float fMinimumX, float fMinimumY, float fMinimumZ, flo
         }
         m_vStore.swap(vStore);
     }
-    else if (pValues == nullptr)
-    {
-        std::fill(m_vStore.begin(), m_vStore.end(), 0.0F);
-    }
-    else if (pValues != m_vStore.data())
+    else if (pValues != nullptr && pValues != m_vStore.data())
     {
         std::copy_n(pValues, nCells, m_vStore.begin());
     }

@@ -62,13 +62,14 @@ public:
 
     QX_CORE_API virtual ~CQxMapping3D();
 
-    /// Gives the mapping a box and a grid and sets all values. The step sizes become extent / count in `float`
+    /// Gives the mapping a box and a grid and sets its values. The step sizes become extent / count in `float`
     /// arithmetic, 0 along an axis without cells. The name stays.
     ///
     /// A box without extent along an axis is accepted; no point lies inside it. A count of 0 is accepted too; there are
     /// no cells then. The mapping is unchanged after a failure.
     /// @param pValues one value per cell, of which a copy is made; may point to the values of this mapping; null sets
-    ///        all values to 0
+    ///        all values to 0, except that a mapping whose number of cells does not change keeps what it has, since it
+    ///        is about to be filled
     ///
     /// Throws, in this order, a `CQxException` "Mapping cell counts are negative", "Mapping extent is not finite" (also
     /// when it exceeds the range of `float`), "Mapping bounds are reversed" and "Mapping is too large" (for the address

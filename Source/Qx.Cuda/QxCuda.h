@@ -9,5 +9,6 @@
 #include "Qx.Cuda/QxCudaCompDebug.h"
 #include "Qx.Cuda/QxDeviceImage1D.h"
 #include "Qx.Cuda/QxDeviceImage2D.h"
+#include "Qx.Cuda/QxDeviceMapping3D.h"
 #include "Qx.Cuda/QxPageLockedImage.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
