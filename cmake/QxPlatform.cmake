@@ -52,9 +52,16 @@ add_library(Qx::CudaRuntime ALIAS QxCudaRuntime)
 set_target_properties(QxCudaRuntime PROPERTIES EXPORT_NAME CudaRuntime)
 if(QX_CHOSEN_PLATFORM STREQUAL "CUDA")
     find_package(CUDAToolkit REQUIRED)
-    # The kernels of examples and tests: embedded and server GPUs from Turing to Hopper, and by its PTX any later one.
+    # The kernels of examples and tests: embedded and server GPUs from Turing to Hopper, the newest that the toolkit
+    # knows, and by its PTX any later one.
     if(NOT DEFINED CMAKE_CUDA_ARCHITECTURES)
-        set(CMAKE_CUDA_ARCHITECTURES 75 87 90 CACHE STRING "GPU architectures that kernels are compiled for")
+        execute_process(COMMAND "${CUDAToolkit_NVCC_EXECUTABLE}" --list-gpu-arch OUTPUT_VARIABLE known ERROR_QUIET)
+        string(REGEX MATCHALL "[0-9]+" known "75 87 90 ${known}")
+        list(SORT known COMPARE NATURAL ORDER DESCENDING)
+        list(GET known 0 newest)
+        set(architectures 75 87 90 ${newest})
+        list(REMOVE_DUPLICATES architectures)
+        set(CMAKE_CUDA_ARCHITECTURES ${architectures} CACHE STRING "GPU architectures that kernels are compiled for")
     endif()
     if(NOT DEFINED CMAKE_CUDA_COMPILER AND CUDAToolkit_NVCC_EXECUTABLE)
         set(CMAKE_CUDA_COMPILER "${CUDAToolkit_NVCC_EXECUTABLE}")

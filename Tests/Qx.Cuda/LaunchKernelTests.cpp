@@ -460,28 +460,45 @@ TEST(LaunchKernel, KernelsReadTheDescriptionThatTheStreamWroteBeforeThem)
     }
 }
 
-TEST(LaunchKernel, KernelAndConstantMayLiveInALibraryThatIsLoadedLater)
+// A client's library with a constant and kernels of its own comes and goes, as often as it likes.
+TEST(LaunchKernel, ALibraryThatIsLoadedLaterBringsItsKernelsAndConstantsAndTakesThemAway)
 {
-    // Never unloaded, like a client's plug-in whose kernels may still be queued.
-    void* const pLibrary = dlopen(QX_KERNEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(pLibrary, nullptr) << dlerror();
-    const auto FillDescribed = reinterpret_cast<PFillDescribed>(dlsym(pLibrary, c_pcFillDescribed));
-    ASSERT_NE(FillDescribed, nullptr);
-    const CStream xStream;
-    for (const auto& [iWidth, iHeight] : {std::pair{100, 50}, {33, 2}})
+    for (int iRound = 0; iRound < 3; ++iRound)
     {
-        const CQxDeviceImage2D xImage(CQxImageFormat{iWidth, iHeight, EDataType::UByte, EPixelType::Lum});
-        FillDescribed(xImage, 7, xStream);
-        ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
-        CQxImage xHost;
-        xImage.CopyTo(xHost);
-        int iWrong = 0;
-        for (int iPixel = 0; iPixel < iWidth * iHeight; ++iPixel)
+        void* const pLibrary = dlopen(QX_KERNEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(pLibrary, nullptr) << dlerror();
+        const auto FillDescribed = reinterpret_cast<PFillDescribed>(dlsym(pLibrary, c_pcFillDescribed));
+        const auto Throw = reinterpret_cast<PThrow>(dlsym(pLibrary, c_pcThrow));
+        const auto KeepImage = reinterpret_cast<PKeepImage>(dlsym(pLibrary, c_pcKeepImage));
+        ASSERT_TRUE(FillDescribed != nullptr && Throw != nullptr && KeepImage != nullptr);
         {
-            const int iExpected = (7 + iPixel % iWidth + 3 * (iPixel / iWidth)) % 256;
-            iWrong += static_cast<const unsigned char*>(xHost.GetDataPtr())[iPixel] == iExpected ? 0 : 1;
+            const CStream xStream;
+            for (const auto& [iWidth, iHeight] : {std::pair{100, 50}, {33, 2}})
+            {
+                const CQxDeviceImage2D xImage(CQxImageFormat{iWidth, iHeight, EDataType::UByte, EPixelType::Lum});
+                FillDescribed(xImage, 7, xStream);
+                ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+                CQxImage xHost;
+                xImage.CopyTo(xHost);
+                int iWrong = 0;
+                for (int iPixel = 0; iPixel < iWidth * iHeight; ++iPixel)
+                {
+                    const int iExpected = (7 + iPixel % iWidth + 3 * (iPixel / iWidth)) % 256;
+                    iWrong += static_cast<const unsigned char*>(xHost.GetDataPtr())[iPixel] == iExpected ? 0 : 1;
+                }
+                EXPECT_EQ(iWrong, 0) << iWidth << " x " << iHeight;
+            }
         }
-        EXPECT_EQ(iWrong, 0) << iWidth << " x " << iHeight;
+        // Exceptions are the same types on both sides of the boundary.
+        CQxDeviceImage2D xImage;
+        EXPECT_TRUE(ThrowsChain([&] { Throw(xImage); },
+                                {Cuda("Error in the library", cudaErrorInvalidDevice, "Throw", "KernelLibrary")}));
+        EXPECT_THROW(Throw(xImage), CQxCudaException);
+        KeepImage();
+        EXPECT_EQ(GPU::CResourceManager::GetStatistics().nBlocksInUse, 1U);
+        ASSERT_EQ(dlclose(pLibrary), 0);
+        EXPECT_EQ(dlopen(QX_KERNEL_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is still loaded";
+        EXPECT_EQ(GPU::CResourceManager::GetStatistics().nBlocksInUse, 0U) << "its image is still there";
     }
 }
 
