@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "HostCudaTest.h"
+#include "RuntimeTest.h"
 
 namespace Qx::Test
 {
@@ -10,7 +10,7 @@ namespace Qx::Test
 namespace
 {
 
-class Events : public CHostCudaTest
+class Events : public CRuntimeTest
 {
 };
 
@@ -80,6 +80,7 @@ TEST_F(Events, NewRecordReplacesTheOldOne)
 
 TEST_F(Events, WaitingOrdersStreamsAlsoOfOtherDevices)
 {
+    QX_NEED_TWO_DEVICES();
     const CBlock xBlock(EMemory::Device, 64);
     for (const int iDevice : {0, 1})
     {
@@ -173,6 +174,7 @@ TEST_F(Events, ReplacedRecordLeavesNoTimeBehind)
 
 TEST_F(Events, ElapsedTimeRefusesWhatHasNoTime)
 {
+    QX_NEED_TWO_DEVICES();
     const CStreamScope hStream;
     const CEventScope hRecorded;
     const CEventScope hNever;
@@ -214,6 +216,7 @@ TEST_F(Events, ElapsedTimeRefusesWhatHasNoTime)
 
 TEST_F(Events, DeadAndForeignHandlesAreRefusedByEveryCall)
 {
+    QX_STAND_IN_ONLY("handles of destroyed objects are undefined");
     const CStreamScope hStream;
     cudaEvent_t hStale = nullptr;
     ASSERT_EQ(cudaEventCreate(&hStale), cudaSuccess);
@@ -253,7 +256,9 @@ TEST_F(Events, CreationChecksItsFlags)
         {8, cudaErrorInvalidValue},
         {0x80000000U, cudaErrorInvalidValue},
         {cudaEventInterprocess, cudaErrorInvalidValue},
+#ifdef QX_HOSTCUDA
         {cudaEventInterprocess | cudaEventDisableTiming, cudaErrorNotSupported},
+#endif
     };
     for (const auto& xCase : vCases)
     {
@@ -261,6 +266,7 @@ TEST_F(Events, CreationChecksItsFlags)
     }
     ExpectFailure(cudaEventCreate(nullptr), cudaErrorInvalidValue);
     EXPECT_EQ(hEvent, nullptr);
+#ifdef QX_HOSTCUDA
     HostCuda::SStatistics xStatistics;
     {
         const CEventScope hFirst;
@@ -270,6 +276,7 @@ TEST_F(Events, CreationChecksItsFlags)
     }
     EXPECT_EQ(HostCuda::GetStatistics(0, xStatistics), cudaSuccess);
     EXPECT_EQ(xStatistics.nEventCount, 0U);
+#endif
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "HostCudaTest.h"
+#include "RuntimeTest.h"
 
 namespace Qx::Test
 {
@@ -9,7 +9,7 @@ namespace Qx::Test
 namespace
 {
 
-class Copies : public CHostCudaTest
+class Copies : public CRuntimeTest
 {
 };
 
@@ -166,6 +166,7 @@ TEST_F(Copies, LinearCopiesAndMemsetsStayWithinTheBlock)
 
 TEST_F(Copies, PageableMemoryMustNotRunIntoABlock)
 {
+    QX_STAND_IN_ONLY("the runtime does not look where pageable memory ends");
     // The block begins where a copy that claims to read pageable memory has not ended yet.
     const CBlock xTarget(EMemory::Device, 4096);
     const CBlock xBlock(EMemory::Device, 4096);
@@ -288,6 +289,7 @@ TEST_F(Copies, RowsArriveAndPaddingIsNotTouched)
     void* pMemory = nullptr;
     std::size_t nPitch = 0;
     ASSERT_EQ(cudaMallocPitch(&pMemory, &nPitch, c_nWidth, c_nRows), cudaSuccess);
+    ASSERT_EQ(cudaMemset(pMemory, 0xCD, nPitch * c_nRows), cudaSuccess);
     const auto vBytes = MakeBytes(c_nWidth * c_nRows);
     ASSERT_EQ(cudaMemcpy2D(pMemory, nPitch, vBytes.data(), c_nWidth, c_nWidth, c_nRows, cudaMemcpyHostToDevice),
               cudaSuccess);
@@ -324,6 +326,7 @@ TEST_F(Copies, RowsArriveAndPaddingIsNotTouched)
 
 TEST_F(Copies, OverlappingLinearCopiesKeepTheSource)
 {
+    QX_STAND_IN_ONLY("undefined");
     const auto vBytes = MakeBytes(1024);
     for (const auto& [nTarget, nSource] : {std::pair<std::size_t, std::size_t>{0, 100}, {100, 0}, {50, 50}})
     {
@@ -342,6 +345,7 @@ TEST_F(Copies, OverlappingLinearCopiesKeepTheSource)
 
 TEST_F(Copies, FreedBlocksAreRefused)
 {
+    QX_STAND_IN_ONLY("undefined");
     void* pMemory = nullptr;
     unsigned char vHost[16] = {};
     ASSERT_EQ(cudaMalloc(&pMemory, 16), cudaSuccess);
@@ -353,6 +357,7 @@ TEST_F(Copies, FreedBlocksAreRefused)
 
 TEST_F(Copies, BlocksOfOtherDevicesAreReached)
 {
+    QX_NEED_TWO_DEVICES();
     const CBlock xHere(EMemory::Device, 64);
     ASSERT_EQ(cudaSetDevice(1), cudaSuccess);
     const CBlock xThere(EMemory::Device, 64);

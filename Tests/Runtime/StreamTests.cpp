@@ -5,7 +5,7 @@
 #include <numeric>
 #include <thread>
 
-#include "HostCudaTest.h"
+#include "RuntimeTest.h"
 
 namespace Qx::Test
 {
@@ -13,7 +13,7 @@ namespace Qx::Test
 namespace
 {
 
-class Streams : public CHostCudaTest
+class Streams : public CRuntimeTest
 {
 };
 
@@ -71,12 +71,13 @@ TEST_F(Streams, AsyncCallsReturnBeforeTheWorkIsDone)
     const CStreamScope hCreated;
     const CBlock xBlock(EMemory::Device, 1024);
     const CBlock xPinned(EMemory::PageLocked, 1024);
+    const CBlock xResult(EMemory::PageLocked, 1024); // with pageable memory the call may wait
     const auto vBytes = MakeBytes(1024);
     xPinned.Write(vBytes);
     for (const cudaStream_t hStream : {static_cast<cudaStream_t>(hCreated), cudaStream_t{}, cudaStreamLegacy})
     {
         xBlock.Write(std::vector<unsigned char>(1024, 0));
-        std::vector<unsigned char> vResult(1024, 1);
+        xResult.Write(std::vector<unsigned char>(1024, 1));
         {
             CHold xHold(hStream);
             EXPECT_EQ(cudaMemcpyAsync(xBlock.Get(), xPinned.Get(), 512, cudaMemcpyHostToDevice, hStream), cudaSuccess);
@@ -85,11 +86,10 @@ TEST_F(Streams, AsyncCallsReturnBeforeTheWorkIsDone)
                 cudaSuccess);
             EXPECT_EQ(cudaMemsetAsync(xBlock.Get(768), 7, 128, hStream), cudaSuccess);
             EXPECT_EQ(cudaMemset2DAsync(xBlock.Get(896), 64, 8, 64, 2, hStream), cudaSuccess);
-            EXPECT_EQ(cudaMemcpyAsync(vResult.data(), xBlock.Get(), 1024, cudaMemcpyDeviceToHost, hStream),
-                      cudaSuccess);
+            EXPECT_EQ(cudaMemcpyAsync(xResult.Get(), xBlock.Get(), 1024, cudaMemcpyDeviceToHost, hStream), cudaSuccess);
             EXPECT_EQ(cudaStreamQuery(hStream), cudaErrorNotReady);
             xHold.Await();
-            EXPECT_EQ(vResult, std::vector<unsigned char>(1024, 1));
+            EXPECT_EQ(std::count(xResult.Get(), xResult.Get(1024), 1), 1024);
             xHold.Release();
             EXPECT_EQ(cudaStreamSynchronize(hStream), cudaSuccess);
             EXPECT_EQ(cudaStreamQuery(hStream), cudaSuccess);
@@ -97,12 +97,13 @@ TEST_F(Streams, AsyncCallsReturnBeforeTheWorkIsDone)
         auto vExpected = vBytes;
         std::fill(vExpected.begin() + 768, vExpected.begin() + 896, 7);
         std::fill(vExpected.begin() + 896, vExpected.end(), 8);
-        EXPECT_EQ(vResult, vExpected);
+        EXPECT_EQ(xResult.Read(), vExpected);
     }
 }
 
 TEST_F(Streams, PageableSourcesOfAsyncCopiesAreReadWhenTheWorkRuns)
 {
+    QX_STAND_IN_ONLY("when the runtime reads pageable memory is its own choice");
     const CStreamScope hStream;
     const CBlock xBlock(EMemory::Device, 4);
     unsigned char vSource[4] = {1, 1, 1, 1};
@@ -139,6 +140,7 @@ TEST_F(Streams, LegacyStreamWaitsForBlockingStreamsAndTheyForIt)
 
 TEST_F(Streams, HeldLegacyStreamHoldsBlockingStreamsOfItsDeviceOnly)
 {
+    QX_NEED_TWO_DEVICES();
     const CStreamScope hBlocking;
     const CStreamScope hFree(cudaStreamNonBlocking);
     CTrace xTrace;
@@ -195,6 +197,7 @@ TEST_F(Streams, SynchronousCallsWaitTheirTurnOnTheLegacyStream)
          {
              return cudaMemcpy2D(xBlock.Get(), 8, vHost, 8, 8, 8, cudaMemcpyHostToDevice);
          }},
+#ifdef QX_HOSTCUDA // where memsets wait as well
         {"cudaMemset",
          [&]
          {
@@ -205,6 +208,7 @@ TEST_F(Streams, SynchronousCallsWaitTheirTurnOnTheLegacyStream)
          {
              return cudaMemset2D(xBlock.Get(), 8, 0, 8, 8);
          }},
+#endif
         {"cudaStreamSynchronize",
          [&]
          {
@@ -269,6 +273,7 @@ TEST_F(Streams, DeviceSynchronizeWaitsForAllStreams)
 
 TEST_F(Streams, DestroyedStreamFinishesItsWorkAndIsRefused)
 {
+    QX_STAND_IN_ONLY("handles of destroyed streams are undefined");
     cudaStream_t hStream = nullptr;
     ASSERT_EQ(cudaStreamCreate(&hStream), cudaSuccess);
     CTrace xTrace;
@@ -277,9 +282,11 @@ TEST_F(Streams, DestroyedStreamFinishesItsWorkAndIsRefused)
     EXPECT_EQ(cudaStreamDestroy(hStream), cudaSuccess);
     ExpectFailure(cudaStreamDestroy(hStream), cudaErrorInvalidResourceHandle);
     ExpectFailure(cudaStreamQuery(hStream), cudaErrorInvalidResourceHandle);
+#ifdef QX_HOSTCUDA
     HostCuda::SStatistics xStatistics;
     EXPECT_EQ(HostCuda::GetStatistics(0, xStatistics), cudaSuccess);
     EXPECT_EQ(xStatistics.nStreamCount, 0U);
+#endif
     // Its place is not given to a new stream while it still has work.
     const CStreamScope hNew;
     EXPECT_NE(static_cast<cudaStream_t>(hNew), hStream);
@@ -292,6 +299,7 @@ TEST_F(Streams, DestroyedStreamFinishesItsWorkAndIsRefused)
 
 TEST_F(Streams, ManyShortLivedStreamsDoTheirWork)
 {
+    QX_STAND_IN_ONLY("the runtime uses handles again");
     std::vector<cudaStream_t> vSeen;
     CTrace xTrace;
     for (int iTime = 0; iTime < 200; ++iTime)
@@ -318,6 +326,7 @@ TEST_F(Streams, ManyShortLivedStreamsDoTheirWork)
 
 TEST_F(Streams, DeadAndForeignHandlesAreRefusedByEveryCall)
 {
+    QX_STAND_IN_ONLY("handles of destroyed streams are undefined");
     const CBlock xBlock(EMemory::Device, 64);
     const CEventScope hEvent;
     unsigned char vHost[64] = {};
@@ -370,6 +379,7 @@ TEST_F(Streams, DeadAndForeignHandlesAreRefusedByEveryCall)
 
 TEST_F(Streams, StreamsOfOtherDevicesAreUsedFromAnywhere)
 {
+    QX_NEED_TWO_DEVICES();
     const CStreamScope hStream; // of device 0
     const CBlock xBlock(EMemory::Device, 64);
     ASSERT_EQ(cudaSetDevice(1), cudaSuccess);
