@@ -80,6 +80,10 @@ measure qx_pool_benchmark Pool-in-turn "^Pool/HitInTurn/"
 if [ "$preset" = bench ]; then
     measure qx_kernel_benchmark Kernel "^Kernel/Demosaic/"
     measure qx_kernel_benchmark Wait "^Kernel/Wait/"
+else
+    for step in Allocate Upload Download Copy; do
+        measure qx_device_benchmark "Device-$step" "^Device/$step/"
+    done
 fi
 
 # count DIRECTION SIDE WIDTH HEIGHT CALLS: the instructions of a process that makes so many calls. Symbols are bound
@@ -88,8 +92,9 @@ count() {
     LD_BIND_NOW=1 valgrind --tool=callgrind --callgrind-out-file=/dev/null \
         "$programs/qx_transfer_calls" "$1" "$2" "$3" "$4" "$5" 2>&1 | sed -n 's/.*Collected : \([0-9]*\).*/\1/p'
 }
-goals=Benchmarks/goals.txt
+goals=build/$preset/goals.txt
 clock=cpu_time
+elsewhere='Device/'
 instructions=build/$preset/instructions.csv
 : >"$instructions"
 if [ "$preset" = bench ]; then
@@ -107,9 +112,9 @@ if [ "$preset" = bench ]; then
     done
 else
     clock=real_time
-    goals=build/$preset/goals.txt
-    grep -vE ':instructions|Kernel/' Benchmarks/goals.txt >"$goals"
+    elsewhere=':instructions|Kernel/'
 fi
+grep -vE "$elsewhere" Benchmarks/goals.txt >"$goals"
 
 say "verdict"
 awk -v clock="$clock" -f Benchmarks/judge.awk "$goals" "$instructions" build/"$preset"/measured-*.csv | tee "$report"

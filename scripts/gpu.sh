@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the cuda preset on a machine with a GPU, runs every test on the device and the demo, and prints one report,
-# which is kept in build/gpu-report.txt. Needs g++, CMake, Ninja and the CUDA toolkit; installs nothing. What a machine
-# without a package registry lacks comes from folders:
+# Builds the cuda preset on a machine with a GPU, runs every test on the device, the memory-heavy ones once more under
+# compute-sanitizer, and every example, and prints one report, which is kept in build/gpu-report.txt. Needs g++, CMake,
+# Ninja and the CUDA toolkit with compute-sanitizer; installs nothing. What a machine without a package registry lacks
+# comes from folders:
 #
 # usage: scripts/gpu.sh [--gtest DIR] [--rapidcheck DIR] [--stb DIR] [--benchmark DIR] [--help]
 #
@@ -37,11 +38,30 @@ outcome=0
 # In a shell of its own, so that the report is written whatever the tests say. One test at a time: they count what the
 # device holds.
 (test_jobs=1 run_tests cuda) || outcome=1
-say "running the demo"
-{
-    build/cuda/Examples/qx_roundtrip -o build/gpu-roundtrip.png &&
-        build/cuda/Examples/qx_develop -o build/gpu-developed.png -e build/gpu-edges.png
-} >build/gpu-demo.txt 2>&1 || outcome=1
+
+# What reads and writes much device memory once more under the toolkit's memory checker. API errors are what many of
+# these tests are about, so they are not counted; the tool's own summary proves that it ran.
+say "checking memory"
+sanitizer=$(dirname "$nvcc")/compute-sanitizer
+checked="DeviceImage*:ImageTransfer*:PageLockedImage*:LaunchKernel*:-*AFaultIsReported*"
+memory=not-run
+if [ -x "$sanitizer" ] || sanitizer=$(command -v compute-sanitizer); then
+    "$sanitizer" --tool memcheck --report-api-errors no --error-exitcode 86 \
+        build/cuda/Tests/Qx.Cuda/Qx.Cuda.Tests --gtest_filter="$checked" >build/gpu-memory.txt 2>&1 || outcome=1
+    memory=$(grep -o 'ERROR SUMMARY: .*' build/gpu-memory.txt | tail -1) || memory=not-run
+fi
+[ "$memory" = "ERROR SUMMARY: 0 errors" ] || outcome=1
+echo "compute-sanitizer: $memory"
+
+say "running the examples"
+: >build/gpu-examples.txt
+for program in build/cuda/Examples/qx_*; do
+    [ -x "$program" ] || continue
+    name=$(basename "$program")
+    mkdir -p "build/gpu-examples/$name"
+    echo "$name:" >>build/gpu-examples.txt
+    (cd "build/gpu-examples/$name" && "$root/$program") 2>&1 | sed 's/^/  /' >>build/gpu-examples.txt || outcome=1
+done
 if [ -n "$benchmark" ]; then
     scripts/bench.sh --cuda --benchmark "$benchmark" || outcome=1
 fi
@@ -50,9 +70,11 @@ fi
     echo "device and driver: $(nvidia-smi --query-gpu=name,driver_version,memory.total --format=csv,noheader | head -1)"
     echo "toolkit: $("$nvcc" --version 2>&1 | sed -n 's/.*release .*, V//p')"
     grep -E '^[0-9]+% tests passed' build/cuda-tests.log || echo "no test ran"
+    grep -E '\*\*\*Skipped' build/cuda-tests.log | sed 's/^/  /' || true
     sed -n '/The following tests FAILED/,$p' build/cuda-tests.log
-    echo "demo:"
-    sed 's/^/  /' build/gpu-demo.txt
+    echo "compute-sanitizer: $memory"
+    echo "examples:"
+    sed 's/^/  /' build/gpu-examples.txt
     [ -z "$benchmark" ] || { echo "benchmarks:" && grep -E '^(ratio|value) ' build/bench-cuda/report.txt; } || true
 } >"$report"
 say "report"
