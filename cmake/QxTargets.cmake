@@ -36,7 +36,8 @@ function(qx_add_library target)
     add_library(${target} SHARED ${ARG_SOURCES})
     string(REGEX REPLACE "^Qx" "" short "${target}")
     add_library(Qx::${short} ALIAS ${target})
-    set_target_properties(${target} PROPERTIES OUTPUT_NAME "${ARG_OUTPUT}" EXPORT_NAME "${short}")
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME "${ARG_OUTPUT}" EXPORT_NAME "${short}"
+                          INSTALL_RPATH "$ORIGIN")
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${QX_SOURCE_ROOT}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)

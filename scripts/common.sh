@@ -54,7 +54,7 @@ need() {
 # What every build needs, and what tests, examples and benchmarks need besides.
 readonly build_packages="g++ cmake ninja-build"
 readonly library_packages="libtbb-dev"
-readonly test_packages="libgtest-dev librapidcheck-dev"
+readonly test_packages="libgtest-dev librapidcheck-dev pkg-config"
 readonly example_packages="libstb-dev"
 readonly benchmark_packages="libbenchmark-dev"
 

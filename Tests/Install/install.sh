@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Installs the build into an empty prefix, moves that, and builds and runs a client against it, by CMake and by
+# pkg-config; then makes the Debian package and looks into it.
+#   install.sh CMAKE BUILD-FOLDER HOST|CUDA COMPILER
+set -euo pipefail
+cmake=$1 build=$2 platform=$3 compiler=$4
+here=$(cd "$(dirname "$0")" && pwd)
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+fail() { echo "FAILED: $*" >&2 && exit 1; }
+
+# runs COMMAND...: the client works, or says that no device answers where the platform needs one.
+runs() {
+    local code=0 output
+    output=$("$@") || code=$?
+    echo "$output"
+    [ "$code $output" = "0 same" ] || { [ "$platform" = CUDA ] && [ "$code" -eq 3 ]; } || fail "the client ended with $code"
+}
+
+"$cmake" --install "$build" --prefix "$folder/first" >/dev/null
+mkdir "$folder/moved"
+mv "$folder/first" "$folder/moved/prefix"
+prefix=$folder/moved/prefix
+config=$(find "$prefix" -name QxCudaConfig.cmake)
+[ -n "$config" ] || fail "no CMake package was installed"
+grep -rl "$folder/first\|$build" "$prefix" --include=*.cmake --include=*.pc --include=*.h && fail "an installed file names a folder of the build"
+
+"$cmake" -S "$here/client" -B "$folder/client" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
+"$cmake" --build "$folder/client" >/dev/null
+runs "$folder/client/client"
+for version in 3 5; do
+    "$cmake" "$folder/client" -DCLIENT_WANTS=$version >/dev/null 2>&1 && fail "a client that wants version $version was served"
+done
+
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name qx-cuda.pc)")
+export PKG_CONFIG_PATH
+# shellcheck disable=SC2046
+"$compiler" -std=c++20 "$here/client/Main.cpp" -o "$folder/by-pkg-config" $(pkg-config --cflags --libs qx-cuda)
+libraries=$(pkg-config --variable=libdir qx-cuda)
+runs env LD_LIBRARY_PATH="$libraries:${LD_LIBRARY_PATH:-}" "$folder/by-pkg-config"
+
+if command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null; then
+    "$(dirname "$cmake")/cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$folder/package" >"$folder/cpack.log" 2>&1 ||
+        { cat "$folder/cpack.log" >&2 && fail "no Debian package was made"; }
+    package=$(find "$folder/package" -maxdepth 1 -name 'qx-cuda_*.deb')
+    contents=$(dpkg-deb --contents "$package")
+    for wanted in 'libQx\.Cuda\.4\.0\.[a-z0-9]*\.so$' 'include/Qx\.Cuda/QxCuda\.h$' 'QxCudaConfig\.cmake$' 'qx-cuda\.pc$'; do
+        grep -Eq "$wanted" <<<"$contents" || fail "the Debian package lacks $wanted"
+    done
+    dpkg-deb --field "$package" Depends | grep -q libc6 || fail "the Debian package does not say what it needs"
+    echo "package $(basename "$package") needs $(dpkg-deb --field "$package" Depends)"
+fi
