@@ -1,9 +1,9 @@
 #pragma once
 
-#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ inline SLink Plain(const char* pcMessage, const char* pcFunction, const char* pc
 }
 
 /// Compares a whole chain, outermost link first.
-inline ::testing::AssertionResult IsChain(const IException& xException, std::initializer_list<SLink> vExpected)
+inline ::testing::AssertionResult IsChain(const IException& xException, const std::vector<SLink>& vExpected)
 {
     std::ostringstream sFault;
     const IException* pLink = &xException;
@@ -70,7 +70,7 @@ inline ::testing::AssertionResult IsChain(const IException& xException, std::ini
 /// Runs @p xBody, which must throw a `CQxException` with exactly the given chain:
 /// `EXPECT_TRUE(ThrowsChain([&] { xImage.SetZero(); }, {Plain("...", "SetZero", c_pcFile), ...}));`
 template <typename TBody>
-::testing::AssertionResult ThrowsChain(TBody&& xBody, std::initializer_list<SLink> vExpected)
+::testing::AssertionResult ThrowsChain(TBody&& xBody, const std::vector<SLink>& vExpected)
 {
     try
     {
