@@ -404,6 +404,7 @@ cublasStatus_t _Asum(cublasHandle_t hHandle, int iCount, const T* pX, int iStep,
                      {
                          return bAny ? SRoutines<T>::c_pAsum(iCount, pX, iStep) : T{};
                      };
+                     CDevice& xDevice = *xContext.pDevice;
                      COperands xOperands(xContext);
                      if (bAny)
                      {
@@ -412,6 +413,24 @@ cublasStatus_t _Asum(cublasHandle_t hHandle, int iCount, const T* pX, int iStep,
                      if (xContext.eMode == CUBLAS_POINTER_MODE_DEVICE)
                      {
                          return _Enqueue(xContext, xOperands.Add(pResult, sizeof(T)), [=] { *pResult = Sum(); });
+                     }
+                     if (!xOperands.AreInside())
+                     {
+                         return CUBLAS_STATUS_INVALID_VALUE;
+                     }
+                     if (xContext.hStream == nullptr || xContext.hStream == cudaStreamLegacy)
+                     {
+                         // The caller waits anyway, so it does the work itself when the stream comes to it.
+                         const CLegacyTurn xTurn(xDevice);
+                         xOperands.Unlock();
+                         xTurn.Await();
+                         const cublasStatus_t eStatus = _Status(xDevice.GetFault());
+                         if (eStatus == CUBLAS_STATUS_SUCCESS)
+                         {
+                             const CExitGate::CPass xPass;
+                             *pResult = Sum();
+                         }
+                         return eStatus;
                      }
                      // Shared with the work, which may outlive this call when the wait fails.
                      const auto pSum = std::make_shared<T>();
