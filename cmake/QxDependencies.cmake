@@ -4,6 +4,7 @@
 set(QX_GTEST_SOURCE_DIR "" CACHE PATH "GoogleTest's source folder; empty to use the installed package")
 set(QX_RAPIDCHECK_SOURCE_DIR "" CACHE PATH "RapidCheck's source folder; empty to use the installed package")
 set(QX_BENCHMARK_SOURCE_DIR "" CACHE PATH "Google Benchmark's source folder; empty to use the installed package")
+set(QX_EIGEN_INCLUDE_DIR "" CACHE PATH "Folder that holds Eigen/Dense; empty to search the system's")
 set(QX_STB_INCLUDE_DIR "" CACHE PATH "Folder of stb_image.h and stb_image_write.h; empty to search the system's")
 
 # _qx_add_source_folder(<cache variable>): adds the folder that the variable names, without its own tests and warnings.
@@ -77,4 +78,19 @@ function(qx_require_stb)
     endif()
     add_library(QxStb INTERFACE)
     target_include_directories(QxStb SYSTEM INTERFACE "${QX_STB_FOLDER}")
+endfunction()
+
+# qx_require_eigen(): provides QxEigen, the folder of Eigen's headers, whose warnings are not ours.
+function(qx_require_eigen)
+    if(TARGET QxEigen)
+        return()
+    endif()
+    find_path(QX_EIGEN_FOLDER NAMES Eigen/Dense HINTS "${QX_EIGEN_INCLUDE_DIR}" PATH_SUFFIXES eigen3)
+    mark_as_advanced(QX_EIGEN_FOLDER)
+    if(NOT QX_EIGEN_FOLDER)
+        message(FATAL_ERROR "The examples need Eigen: install libeigen3-dev, or name the folder that holds Eigen/Dense "
+                            "with -DQX_EIGEN_INCLUDE_DIR=..., or configure with -DQX_BUILD_EXAMPLES=OFF")
+    endif()
+    add_library(QxEigen INTERFACE)
+    target_include_directories(QxEigen SYSTEM INTERFACE "${QX_EIGEN_FOLDER}")
 endfunction()

@@ -1,5 +1,5 @@
 # Chooses what stands behind the CUDA calls: the toolkit's runtime or the host stand-in. Everything above links
-# Qx::CudaRuntime and is compiled from the same lines for both.
+# Qx::CudaRuntime, and Qx::CudaBlas for cuBLAS, and is compiled from the same lines for both.
 
 set(QX_PLATFORM "AUTO" CACHE STRING "CUDA (the toolkit's runtime), HOST (the stand-in) or AUTO")
 set_property(CACHE QX_PLATFORM PROPERTY STRINGS AUTO HOST CUDA)
@@ -83,7 +83,15 @@ if(QX_CHOSEN_PLATFORM STREQUAL "CUDA")
 else()
     target_link_libraries(QxCudaRuntime INTERFACE QxHostCuda)
 endif()
-install(TARGETS QxCudaRuntime EXPORT QxCudaTargets)
+# cuBLAS is a library of its own in the toolkit; the stand-in has it inside.
+add_library(QxCudaBlas INTERFACE)
+add_library(Qx::CudaBlas ALIAS QxCudaBlas)
+set_target_properties(QxCudaBlas PROPERTIES EXPORT_NAME CudaBlas)
+target_link_libraries(QxCudaBlas INTERFACE QxCudaRuntime)
+if(QX_CHOSEN_PLATFORM STREQUAL "CUDA")
+    target_link_libraries(QxCudaBlas INTERFACE CUDA::cublas)
+endif()
+install(TARGETS QxCudaRuntime QxCudaBlas EXPORT QxCudaTargets)
 
 string(TOLOWER "${CMAKE_SYSTEM_PROCESSOR}" processor)
 if(processor MATCHES "^(aarch64|arm64)$")

@@ -53,9 +53,9 @@ need() {
 
 # What every build needs, and what tests, examples and benchmarks need besides.
 readonly build_packages="g++ cmake ninja-build"
-readonly library_packages="libtbb-dev"
+readonly library_packages="libtbb-dev libopenblas-dev"
 readonly test_packages="libgtest-dev librapidcheck-dev pkg-config"
-readonly example_packages="libstb-dev"
+readonly example_packages="libstb-dev libeigen3-dev"
 readonly benchmark_packages="libbenchmark-dev"
 
 # build PRESET [CMAKE-ARGUMENTS...]: configures and builds a preset; the output is shown when it fails.

@@ -9,6 +9,7 @@ namespace Qx::HostCuda
 /// What a handle stands for. The value makes the handle an odd number, which no object has as its address.
 enum class EHandle : std::uintptr_t
 {
+    Blas = 1,
     Stream = 3,
     Event = 5,
     Array = 7

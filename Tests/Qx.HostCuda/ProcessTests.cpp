@@ -2,6 +2,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include <cublas_v2.h>
+
 #include "HostCudaTest.h"
 
 // What can only be seen from outside a process, or in one that starts afresh: every test runs in a child.
@@ -193,8 +195,33 @@ struct SLateClient
     std::abort();
 }
 
+[[noreturn]] void ExitWhileComputing(int iMilliseconds)
+{
+    constexpr int c_iOrder = 700;
+    const float fOne = 1;
+    float* pMatrix = nullptr;
+    cublasHandle_t hHandle = nullptr;
+    cudaStream_t hStream = nullptr;
+    cudaMalloc(reinterpret_cast<void**>(&pMatrix), 2 * c_iOrder * c_iOrder * sizeof(float));
+    cudaMemset(pMatrix, 0, 2 * c_iOrder * c_iOrder * sizeof(float));
+    cudaStreamCreate(&hStream);
+    cublasCreate(&hHandle);
+    cublasSetStream(hHandle, hStream);
+    for (int iCall = 0; iCall < 100; ++iCall)
+    {
+        cublasSsyrk(hHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, c_iOrder, c_iOrder, &fOne, pMatrix, c_iOrder, &fOne,
+                    pMatrix + c_iOrder * c_iOrder, c_iOrder);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(iMilliseconds));
+    std::exit(0);
+}
+
 TEST_F(ProcessDeathTest, ExitNeitherHangsNorCrashes)
 {
+    for (const int iMilliseconds : {0, 3, 7, 20})
+    {
+        EXPECT_EXIT(ExitWhileComputing(iMilliseconds), ::testing::ExitedWithCode(0), "^$");
+    }
     EXPECT_EXIT((LeaveEverything(), std::exit(0)), ::testing::ExitedWithCode(0), "");
     EXPECT_EXIT(ExitWithLateClient(), ::testing::ExitedWithCode(0), "");
     EXPECT_EXIT(ExitOnAnotherThread(), ::testing::ExitedWithCode(0), "");

@@ -1,5 +1,6 @@
 #include "RuntimeFacts.h"
 
+#include <cublas_v2.h>
 #include <cuda_runtime_api.h>
 
 #include <type_traits>
@@ -77,6 +78,29 @@ static_assert(std::is_same_v<decltype(cudaEventRecord), cudaError_t(cudaEvent_t,
 static_assert(std::is_same_v<decltype(cudaEventSynchronize), cudaError_t(cudaEvent_t)>);
 static_assert(std::is_same_v<decltype(cudaEventQuery), cudaError_t(cudaEvent_t)>);
 static_assert(std::is_same_v<decltype(cudaEventElapsedTime), cudaError_t(float*, cudaEvent_t, cudaEvent_t)>);
+static_assert(std::is_same_v<decltype(cublasCreate), cublasStatus_t(cublasHandle_t*)>);
+static_assert(std::is_same_v<decltype(cublasDestroy), cublasStatus_t(cublasHandle_t)>);
+static_assert(std::is_same_v<decltype(cublasSetStream), cublasStatus_t(cublasHandle_t, cudaStream_t)>);
+static_assert(std::is_same_v<decltype(cublasGetStream), cublasStatus_t(cublasHandle_t, cudaStream_t*)>);
+static_assert(std::is_same_v<decltype(cublasSetPointerMode), cublasStatus_t(cublasHandle_t, cublasPointerMode_t)>);
+static_assert(std::is_same_v<decltype(cublasGetPointerMode), cublasStatus_t(cublasHandle_t, cublasPointerMode_t*)>);
+static_assert(std::is_same_v<decltype(cublasGetStatusName), const char*(cublasStatus_t)>);
+static_assert(std::is_same_v<decltype(cublasGetStatusString), const char*(cublasStatus_t)>);
+template <typename T>
+using Asum = cublasStatus_t(cublasHandle_t, int, const T*, int, T*);
+template <typename T>
+using Gemv = cublasStatus_t(cublasHandle_t, cublasOperation_t, int, int, const T*, const T*, int, const T*, int,
+                            const T*, T*, int);
+template <typename T>
+using Syrk = cublasStatus_t(cublasHandle_t, cublasFillMode_t, cublasOperation_t, int, int, const T*, const T*, int,
+                            const T*, T*, int);
+static_assert(std::is_same_v<decltype(cublasSasum), Asum<float>>);
+static_assert(std::is_same_v<decltype(cublasDasum), Asum<double>>);
+static_assert(std::is_same_v<decltype(cublasSgemv), Gemv<float>>);
+static_assert(std::is_same_v<decltype(cublasDgemv), Gemv<double>>);
+static_assert(std::is_same_v<decltype(cublasSsyrk), Syrk<float>>);
+static_assert(std::is_same_v<decltype(cublasDsyrk), Syrk<double>>);
+static_assert(std::is_same_v<cublasHandle_t, cublasContext*>);
 
 // Default arguments.
 static_assert(std::is_same_v<cudaError_t, decltype(cudaMallocManaged(nullptr, 1))>);
@@ -339,6 +363,28 @@ std::vector<SFact> QX_FACTS()
         QX_FACT(cudaEventWaitDefault),
         QX_FACT(reinterpret_cast<std::intptr_t>(cudaStreamLegacy)),
         QX_FACT(reinterpret_cast<std::intptr_t>(cudaStreamPerThread)),
+        QX_FACT(CUBLAS_STATUS_SUCCESS),
+        QX_FACT(CUBLAS_STATUS_NOT_INITIALIZED),
+        QX_FACT(CUBLAS_STATUS_ALLOC_FAILED),
+        QX_FACT(CUBLAS_STATUS_INVALID_VALUE),
+        QX_FACT(CUBLAS_STATUS_ARCH_MISMATCH),
+        QX_FACT(CUBLAS_STATUS_MAPPING_ERROR),
+        QX_FACT(CUBLAS_STATUS_EXECUTION_FAILED),
+        QX_FACT(CUBLAS_STATUS_INTERNAL_ERROR),
+        QX_FACT(CUBLAS_STATUS_NOT_SUPPORTED),
+        QX_FACT(CUBLAS_STATUS_LICENSE_ERROR),
+        QX_FACT(CUBLAS_FILL_MODE_LOWER),
+        QX_FACT(CUBLAS_FILL_MODE_UPPER),
+        QX_FACT(CUBLAS_FILL_MODE_FULL),
+        QX_FACT(CUBLAS_OP_N),
+        QX_FACT(CUBLAS_OP_T),
+        QX_FACT(CUBLAS_OP_C),
+        QX_FACT(CUBLAS_OP_HERMITAN),
+        QX_FACT(CUBLAS_OP_CONJG),
+        QX_FACT(CUBLAS_POINTER_MODE_HOST),
+        QX_FACT(CUBLAS_POINTER_MODE_DEVICE),
+        QX_FACT(sizeof(cublasStatus_t)),
+        QX_FACT(sizeof(cublasOperation_t)),
         QX_FACT(sizeof(cudaError_t)),
         QX_FACT(sizeof(cudaChannelFormatDesc)),
         QX_FACT(offsetof(cudaChannelFormatDesc, w)),

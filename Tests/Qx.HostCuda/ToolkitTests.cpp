@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <cublas_v2.h>
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 
@@ -24,27 +25,43 @@ TEST(Toolkit, ValuesAndLayoutsOfTheHeadersAreTheSame)
     }
 }
 
-TEST(Toolkit, NamesAndTextsOfAllErrorsAreTheSame)
+/// Compares the texts of the codes below `iCodes` with those of a library of the toolkit, which is loaded beside the
+/// stand-in, whose calls of the same names stay in place.
+/// @return how many of the codes have a name
+template <typename TCode>
+int CompareTexts(const char* pcLibrary, const char* pcName, const char* pcString, const char* (*pName)(TCode),
+                 const char* (*pString)(TCode), const char* pcUnknown, int iCodes)
 {
-    // Loaded beside the stand-in, whose calls of the same names stay in place.
-    void* const pRuntime = dlopen(QX_TOOLKIT_RUNTIME, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-    ASSERT_NE(pRuntime, nullptr) << dlerror();
-    using PText = const char* (*)(cudaError_t);
-    const auto GetName = reinterpret_cast<PText>(dlsym(pRuntime, "cudaGetErrorName"));
-    const auto GetString = reinterpret_cast<PText>(dlsym(pRuntime, "cudaGetErrorString"));
-    ASSERT_NE(GetName, nullptr);
-    ASSERT_NE(GetString, nullptr);
-    ASSERT_NE(GetName, &cudaGetErrorName);
-    int iKnown = 0;
-    for (int iError = 0; iError < 1024; ++iError)
+    void* const pLibrary = dlopen(pcLibrary, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+    if (pLibrary == nullptr)
     {
-        const auto eError = static_cast<cudaError_t>(iError);
-        EXPECT_STREQ(cudaGetErrorName(eError), GetName(eError)) << iError;
-        EXPECT_STREQ(cudaGetErrorString(eError), GetString(eError)) << iError;
-        iKnown += std::strcmp(GetName(eError), "unrecognized error code") != 0 ? 1 : 0;
+        ADD_FAILURE() << dlerror();
+        return 0;
     }
-    EXPECT_EQ(iKnown, 133);
-    dlclose(pRuntime);
+    using PText = const char* (*)(int);
+    const auto GetName = reinterpret_cast<PText>(dlsym(pLibrary, pcName));
+    const auto GetString = reinterpret_cast<PText>(dlsym(pLibrary, pcString));
+    EXPECT_NE(reinterpret_cast<void*>(GetName), reinterpret_cast<void*>(pName));
+    int iKnown = 0;
+    for (int iCode = 0; iCode < iCodes; ++iCode)
+    {
+        const auto eCode = static_cast<TCode>(iCode);
+        EXPECT_STREQ(pName(eCode), GetName(iCode)) << iCode;
+        EXPECT_STREQ(pString(eCode), GetString(iCode)) << iCode;
+        iKnown += std::strcmp(GetName(iCode), pcUnknown) != 0 ? 1 : 0;
+    }
+    dlclose(pLibrary);
+    return iKnown;
+}
+
+TEST(Toolkit, NamesAndTextsOfAllCodesAreTheSame)
+{
+    EXPECT_EQ(CompareTexts(QX_TOOLKIT_RUNTIME, "cudaGetErrorName", "cudaGetErrorString", &cudaGetErrorName,
+                           &cudaGetErrorString, "unrecognized error code", 1024),
+              133);
+    EXPECT_EQ(CompareTexts(QX_TOOLKIT_BLAS, "cublasGetStatusName", "cublasGetStatusString", &cublasGetStatusName,
+                           &cublasGetStatusString, "unrecognized status", 32),
+              10);
 }
 
 } // namespace

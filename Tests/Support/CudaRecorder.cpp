@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <initializer_list>
 #include <mutex>
 #include <set>
 #include <type_traits>
@@ -87,6 +88,16 @@ bool _ShouldFail(const char* pcName, cudaError_t& eError)
     return true;
 }
 
+void _Append(const char* pcName, std::initializer_list<std::uint64_t> vArguments, cudaError_t eResult)
+{
+    SState& xState = _State();
+    const std::lock_guard xLock(xState.xMutex);
+    if (!xState.bPaused)
+    {
+        xState.vCalls.push_back({pcName, vArguments, eResult});
+    }
+}
+
 template <typename TReal, typename... TArguments>
 cudaError_t _Record(const char* pcName, TReal* pReal, TArguments... xArguments)
 {
@@ -111,12 +122,23 @@ cudaError_t _Record(const char* pcName, TReal* pReal, TArguments... xArguments)
             t_ePending = cudaSuccess;
         }
     }
-    const std::lock_guard xLock(xState.xMutex);
-    if (!xState.bPaused)
-    {
-        xState.vCalls.push_back({pcName, {_Value(xArguments)...}, eResult});
-    }
+    _Append(pcName, {_Value(xArguments)...}, eResult);
     return eResult;
+}
+
+template <typename TReal, typename... TArguments>
+cublasStatus_t _RecordBlas(const char* pcName, TReal&& xReal, TArguments... xArguments)
+{
+    SState& xState = _State();
+    cudaError_t eResult = cudaSuccess;
+    bool bFail = false;
+    {
+        const std::lock_guard xLock(xState.xMutex);
+        bFail = _ShouldFail(pcName, eResult);
+    }
+    const cublasStatus_t eStatus = bFail ? CUBLAS_STATUS_EXECUTION_FAILED : xReal();
+    _Append(pcName, {_Value(xArguments)...}, eStatus == CUBLAS_STATUS_SUCCESS ? cudaSuccess : cudaErrorUnknown);
+    return eStatus;
 }
 
 cudaError_t _Track(cudaError_t eResult, const void* const* ppBlock)
@@ -340,6 +362,29 @@ extern "C"
     QX_RECORD(cudaEventSynchronize, (cudaEvent_t pEvent), pEvent)
     QX_RECORD(cudaStreamSynchronize, (cudaStream_t pStream), pStream)
 
+#define QX_RECORD_BLAS(name, parameters, arguments, ...)                                                               \
+    cublasStatus_t name parameters                                                                                     \
+    {                                                                                                                  \
+        static auto* const s_pReal = Qx::Test::_Next<decltype(name)>(#name);                                           \
+        return Qx::Test::_RecordBlas(                                                                                  \
+            #name, [&] { return s_pReal arguments; }, __VA_ARGS__);                                                    \
+    }
+#define QX_RECORD_BLAS_TYPE(type, gemv, syrk, asum)                                                                    \
+    QX_RECORD_BLAS(gemv,                                                                                               \
+                   (cublasHandle_t hHandle, cublasOperation_t eTrans, int iRows, int iCols, const type* pAlpha,        \
+                    const type* pA, int iLda, const type* pX, int iIncX, const type* pBeta, type* pY, int iIncY),      \
+                   (hHandle, eTrans, iRows, iCols, pAlpha, pA, iLda, pX, iIncX, pBeta, pY, iIncY), hHandle, eTrans,    \
+                   iRows, iCols, *pAlpha, pA, iLda, pX, iIncX, *pBeta, pY, iIncY)                                      \
+    QX_RECORD_BLAS(syrk,                                                                                               \
+                   (cublasHandle_t hHandle, cublasFillMode_t eFill, cublasOperation_t eTrans, int iOrder, int iInner,  \
+                    const type* pAlpha, const type* pA, int iLda, const type* pBeta, type* pC, int iLdc),              \
+                   (hHandle, eFill, eTrans, iOrder, iInner, pAlpha, pA, iLda, pBeta, pC, iLdc), hHandle, eFill,        \
+                   eTrans, iOrder, iInner, *pAlpha, pA, iLda, *pBeta, pC, iLdc)                                        \
+    QX_RECORD_BLAS(asum, (cublasHandle_t hHandle, int iCount, const type* pX, int iIncX, type* pResult),               \
+                   (hHandle, iCount, pX, iIncX, pResult), hHandle, iCount, pX, iIncX, pResult)
+    QX_RECORD_BLAS_TYPE(float, cublasSgemv_v2, cublasSsyrk_v2, cublasSasum_v2)
+    QX_RECORD_BLAS_TYPE(double, cublasDgemv_v2, cublasDsyrk_v2, cublasDasum_v2)
+
     // The device's blocks are gone with it.
     cudaError_t cudaDeviceReset()
     {
@@ -358,8 +403,7 @@ extern "C"
         const cudaError_t eReal = s_pReal();
         const cudaError_t eResult = Qx::Test::t_ePending != cudaSuccess ? Qx::Test::t_ePending : eReal;
         Qx::Test::t_ePending = cudaSuccess;
-        const std::lock_guard xLock(Qx::Test::_State().xMutex);
-        Qx::Test::_State().vCalls.push_back({"cudaGetLastError", {}, eResult});
+        Qx::Test::_Append("cudaGetLastError", {}, eResult);
         return eResult;
     }
 
@@ -372,16 +416,14 @@ extern "C"
     const char* cudaGetErrorName(cudaError_t eError)
     {
         static auto* const s_pReal = Qx::Test::_Next<decltype(cudaGetErrorName)>("cudaGetErrorName");
-        const std::lock_guard xLock(Qx::Test::_State().xMutex);
-        Qx::Test::_State().vCalls.push_back({"cudaGetErrorName", {static_cast<std::uint64_t>(eError)}, cudaSuccess});
+        Qx::Test::_Append("cudaGetErrorName", {static_cast<std::uint64_t>(eError)}, cudaSuccess);
         return s_pReal(eError);
     }
 
     const char* cudaGetErrorString(cudaError_t eError)
     {
         static auto* const s_pReal = Qx::Test::_Next<decltype(cudaGetErrorString)>("cudaGetErrorString");
-        const std::lock_guard xLock(Qx::Test::_State().xMutex);
-        Qx::Test::_State().vCalls.push_back({"cudaGetErrorString", {static_cast<std::uint64_t>(eError)}, cudaSuccess});
+        Qx::Test::_Append("cudaGetErrorString", {static_cast<std::uint64_t>(eError)}, cudaSuccess);
         return s_pReal(eError);
     }
 }

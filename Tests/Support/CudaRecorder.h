@@ -5,21 +5,25 @@
 #include <string>
 #include <vector>
 
-#include <cuda_runtime_api.h>
+#include <cublas_v2.h>
 
 namespace Qx::Test
 {
 
-/// One call of the CUDA runtime as the program's libraries made it.
+/// One call of the CUDA runtime or of cuBLAS as the program's libraries made it.
 struct SCudaCall
 {
     std::string sName;                     ///< "cudaMemcpy2D"
     std::vector<std::uint64_t> vArguments; ///< in order; pointers and handles by value, signed ones sign-extended
-    cudaError_t eResult;
+    cudaError_t eResult;                   ///< of cuBLAS: cudaErrorUnknown for any status but success
 };
 
 /// Stands between the program's libraries and the CUDA runtime: the program defines the runtime's calls itself, counts
 /// them and forwards them to the next definition, which is the real runtime or the stand-in.
+///
+/// The products and sums of cuBLAS are treated alike: a planned failure makes them return
+/// CUBLAS_STATUS_EXECUTION_FAILED whatever the error, and leaves the last CUDA error alone. Their factors alpha and
+/// beta, which lie on the host, are recorded by value in place of their addresses.
 ///
 /// Calls that only ask about errors (`cudaGetLastError`, `cudaPeekAtLastError`, `cudaGetErrorName`,
 /// `cudaGetErrorString`) are recorded but cannot be made to fail. All operations may be called from any thread.

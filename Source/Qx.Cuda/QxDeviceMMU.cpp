@@ -1,0 +1,98 @@
+#include "Qx.Cuda/QxDeviceMMU.h"
+
+#include "Qx.Cuda.Core/QxCudaException.h"
+
+namespace Qx
+{
+
+namespace
+{
+
+constexpr const char* c_pcFile = "Source/Qx.Cuda/QxDeviceMMU";
+
+// Running out of memory reads the same whatever was to be allocated; the function in the exception tells it apart.
+[[noreturn, gnu::cold]] void _ThrowFull(const SThrowSite& xSite, int iLine = __builtin_LINE())
+{
+    ThrowOutOfMemory(xSite, "Error allocating CUDA memory. Out of memory", iLine);
+}
+
+void _CheckAllocation(cudaError eResult, const SThrowSite& xSite, const char* pcMessage, int iLine = __builtin_LINE())
+{
+    if (eResult == cudaErrorMemoryAllocation) [[unlikely]]
+    {
+        _ThrowFull(xSite, iLine);
+    }
+    CheckCuda(eResult, xSite, pcMessage, iLine);
+}
+
+} // namespace
+
+void* CQxDeviceMMU::QxCudaMalloc(std::size_t nCount, std::size_t nElementSize)
+{
+    constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMalloc"};
+    std::size_t nByteCount = 0;
+    if (__builtin_mul_overflow(nCount, nElementSize, &nByteCount)) [[unlikely]]
+    {
+        _ThrowFull(c_xSite);
+    }
+    void* pMemory = nullptr;
+    _CheckAllocation(cudaMalloc(&pMemory, nByteCount), c_xSite, "Error allocating CUDA memory");
+    return pMemory;
+}
+
+void* CQxDeviceMMU::QxCudaMallocPitch(std::size_t& nPitch, std::size_t nWidth, std::size_t nHeight)
+{
+    void* pMemory = nullptr;
+    _CheckAllocation(cudaMallocPitch(&pMemory, &nPitch, nWidth, nHeight), {c_pcFile, "QxCudaMallocPitch"},
+                     "Error allocating CUDA memory");
+    return pMemory;
+}
+
+cudaArray* CQxDeviceMMU::QxCudaMallocArray(const cudaChannelFormatDesc& xDesc, std::size_t nWidth, std::size_t nHeight)
+{
+    constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMallocArray"};
+    cudaArray* pArray = nullptr;
+    const cudaError eResult = cudaMallocArray(&pArray, &xDesc, nWidth, nHeight, cudaArraySurfaceLoadStore);
+    if (eResult == cudaErrorInvalidChannelDescriptor) [[unlikely]]
+    {
+        CQxString sMessage("Error allocating CUDA array memory. Invalid channel descriptor ");
+        Throw(c_xSite, sMessage << ToString(xDesc));
+    }
+    _CheckAllocation(eResult, c_xSite, "Error allocating CUDA array memory");
+    return pArray;
+}
+
+void CQxDeviceMMU::QxCudaFree(void* pMemory)
+{
+    CheckCuda(cudaFree(pMemory), {c_pcFile, "QxCudaFree"}, "Error freeing CUDA memory");
+}
+
+void CQxDeviceMMU::QxCudaFreeArray(cudaArray* pArray)
+{
+    CheckCuda(cudaFreeArray(pArray), {c_pcFile, "QxCudaFreeArray"}, "Error freeing CUDA array memory");
+}
+
+CQxString CQxDeviceMMU::ToString(const cudaChannelFormatDesc& xDesc)
+{
+    const auto GetKind = [&]
+    {
+        switch (xDesc.f)
+        {
+        case cudaChannelFormatKindSigned:
+            return "Signed)";
+        case cudaChannelFormatKindUnsigned:
+            return "Unsigned)";
+        case cudaChannelFormatKindFloat:
+            return "Float)";
+        case cudaChannelFormatKindNone:
+            return "None)";
+        default:
+            return "Unknown)";
+        }
+    };
+    CQxString sText("(x: ");
+    sText << xDesc.x << ", y: " << xDesc.y << ", z: " << xDesc.z << ", w: " << xDesc.w << ", f: " << GetKind();
+    return sText;
+}
+
+} // namespace Qx
