@@ -1,8 +1,9 @@
 # shellcheck shell=bash
-# What the tests of the example programs share; sourced with the program as $1. Every test works in a folder of its own.
+# What the tests of the example programs share; sourced with the program as $1 and, in a cross-build, the
+# emulator's command after it. Every test works in a folder of its own.
 set -u
-program=$1
-name=$(basename "$program")
+program=("${@:2}" "$1")
+name=$(basename "$1")
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder" || exit 1
@@ -19,7 +20,7 @@ run() {
     local expected=$1
     shift
     label="$*"
-    "$program" "$@" >stdout 2>stderr
+    "${program[@]}" "$@" >stdout 2>stderr
     local code=$?
     [ "$code" -eq "$expected" ] || fail "'$label' ended with $code instead of $expected"
 }
@@ -62,7 +63,7 @@ refuses_bad_input() {
     [ "${inputs:-one}" = many ] || refuses 2 "one argument too many: 'text.png'" colours.ppm text.png
 
     label='standard output that is full'
-    "$program" >/dev/full 2>stderr && fail "$label went unnoticed"
+    "${program[@]}" >/dev/full 2>stderr && fail "$label went unnoticed"
     : >stdout
     grep -q 'cannot write to standard output' stderr || fail "$label was not named"
 }
