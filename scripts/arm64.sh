@@ -15,7 +15,7 @@ done
 
 readonly triplet=aarch64-linux-gnu
 readonly sysroot=$root/build/arm64-sysroot
-readonly sysroot_packages="libc6-dev libstdc++-12-dev libopenblas-dev $library_packages $test_packages $example_packages"
+readonly sysroot_packages="libc6-dev libstdc++-12-dev $library_packages $test_packages $example_packages"
 
 # unpack_sysroot PACKAGE...: the ARM packages with all they depend on, from the system's own sources of packages. A
 # package database of our own makes apt resolve them as for a bare ARM system, without being root.

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Everything that the stand-in declares is in the list of facts that is compared with the toolkit.
-#   every-declaration.sh LIBRARY INCLUDE-FOLDER FACTS
+#   every-declaration.sh NM LIBRARY INCLUDE-FOLDER FACTS
 set -euo pipefail
-library=$1 headers=$2 facts=$3
+nm=$1 library=$2 headers=$3 facts=$4
 checked=0
 missing=0
 
@@ -16,7 +16,7 @@ in_facts() {
         }
     done
 }
-in_facts function 'decltype\(%s\)' < <(nm -D --defined-only "$library" | awk '$2 == "T" { print $3 }' |
+in_facts function 'decltype\(%s\)' < <("$nm" -D --defined-only "$library" | awk '$2 == "T" { print $3 }' |
     grep -E '^(cuda|cublas)[A-Z]' | sed 's/_v2$//' | sort -u)
 in_facts enumerator '\\b%s\\b' < <(grep -ohE '\b(cuda|CUBLAS_)[A-Za-z0-9_]+ *= *[0-9x]+' "$headers"/*.h | sed 's/ *=.*//' | sort -u)
 in_facts constant '\\b%s\\b' < <(grep -ohE '^#define +(cuda|CUBLAS_)[A-Za-z0-9_]+ +[(0-9]' "$headers"/*.h | awk '{ print $2 }' | sort -u)
