@@ -1,4 +1,5 @@
 #include <functional>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,8 @@ namespace
 {
 
 constexpr const char* c_pcImage = "Source/Qx.Cuda/QxDeviceImage2D";
+
+SDeviceImageDesc2D g_xSymbol;
 
 // Whatever the runtime says where nothing answers: no driver, or no device.
 class NoDevice : public ::testing::Test
@@ -46,39 +49,76 @@ TEST_F(NoDevice, DeviceSelectionFailsWithTheRuntimesError)
                             {Failed("Error getting CUDA device ID", "GetDeviceID", "Qx.Cuda.Core/Cuda")}));
 }
 
-TEST_F(NoDevice, ImagesCannotBeCreatedAndStayEmpty)
+// Every operation that needs a device: how often it wraps the failure, and by what, outermost first.
+TEST_F(NoDevice, EveryOperationFailsWithItsOwnChainAndLeavesNothingBehind)
 {
     const CQxImageFormat xFormat(64, 48, EDataType::UByte, EPixelType::RGBA);
     const CQxImage xHost(xFormat);
+    const CQxVector<float> xHostVector(4);
+    const CQxMatrix<double> xHostMatrix(2, 3);
+    CQxMapping3D xHostMapping;
+    xHostMapping.Create(0, 0, 0, 1, 1, 1, 2, 2, 2, nullptr);
     CQxDeviceImage2D x2D;
     CQxDeviceImage1D x1D;
     CQxPageLockedImage xPageLocked;
+    CQxCudaDeviceVector<float> xVector;
+    CQxCudaDeviceMatrix<double> xMatrix;
+    CQxDeviceMapping3D xMapping;
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(xFormat, 32, 2);
+    std::size_t nPitch = 0;
+    constexpr const char* c_pc2D = "Error creating 2D CUDA device image";
+    constexpr const char* c_pc1D = "Error creating 1D Image";
+    constexpr const char* c_pcBlock = "Error allocating memory block on the device";
     const struct
     {
-        std::function<void()> Create;
-        const char* pcMessage;
-        int iWrappers;
-    } c_vCases[] = {{[&] { x2D.Create(xFormat); }, "Error creating 2D CUDA device image", 1},
-                    {[&] { x2D.Create(xHost); }, "Error creating 2D CUDA device image", 2},
-                    {[&] { x2D.CreateAsync(&xHost, nullptr); }, "Error creating 2D CUDA device image", 2},
-                    {[&] { x1D.Create(xFormat); }, "Error creating 1D Image", 1},
-                    {[&] { x1D.Create(xHost); }, "Error creating 1D Image", 2},
-                    {[&] { xPageLocked.Create(xFormat); }, "Error creating page-locked image", 1}};
+        const char* pcName;
+        std::function<void()> Run;
+        std::vector<const char*> vWrappers;
+    } c_vCases[] = {{"2D Create", [&] { x2D.Create(xFormat); }, {c_pc2D}},
+                    {"2D upload", [&] { x2D.Create(xHost); }, {c_pc2D, c_pc2D}},
+                    {"2D queued upload", [&] { x2D.CreateAsync(&xHost, nullptr); }, {c_pc2D, c_pc2D}},
+                    {"2D description", [&] { x2D.CopyDescriptionToCudaConstAsync(g_xSymbol, nullptr); }, {}},
+                    {"1D Create", [&] { x1D.Create(xFormat); }, {c_pc1D}},
+                    {"1D upload", [&] { x1D.Create(xHost); }, {c_pc1D, c_pc1D}},
+                    {"1D SetZero", [&] { x1D.SetZero(); }, {}},
+                    {"1D SetZeroAsync", [&] { x1D.SetZeroAsync(nullptr); }, {}},
+                    {"page-locked Create", [&] { xPageLocked.Create(xFormat); }, {"Error creating page-locked image"}},
+                    {"vector Set",
+                     [&] { xVector.Set(xHostVector); },
+                     {"Error copying host vector to device", "Error copying to device", c_pcBlock}},
+                    {"vector Resize", [&] { xVector.Resize(4); }, {"Error resizing device vector", c_pcBlock}},
+                    {"matrix Set",
+                     [&] { xMatrix.Set(xHostMatrix); },
+                     {"Error copying host matrix to device", "Error copying to device", c_pcBlock}},
+                    {"matrix Resize", [&] { xMatrix.Resize(2, 3); }, {"Error allocating device matrix ", c_pcBlock}},
+                    {"mapping Create", [&] { xMapping.Create(xHostMapping); }, {"Error creating device mapping"}},
+                    {"mapping SetZero", [&] { xMapping.SetZero(); }, {"Error setting mapping values to zero"}},
+                    {"QxCudaMalloc", [] { CQxDeviceMMU::QxCudaMalloc(1, 4); }, {}},
+                    {"QxCudaMallocPitch", [&] { CQxDeviceMMU::QxCudaMallocPitch(nPitch, 4, 4); }, {}},
+                    {"QxCudaMallocArray",
+                     [] {
+                         CQxDeviceMMU::QxCudaMallocArray({8, 0, 0, 0, cudaChannelFormatKindUnsigned}, 4, 4);
+                     },
+                     {}},
+                    {"pool, pitched", [] { GPU::CResourceManager::GetCudaMemoryPitch(4, 4); }, {}},
+                    {"pool, linear", [] { GPU::CResourceManager::GetCudaMemory(4); }, {}},
+                    {"pool, page-locked", [] { GPU::CResourceManager::GetPageLockedMemory(4); }, {}}};
     for (const auto& xCase : c_vCases)
     {
-        SCOPED_TRACE(xCase.pcMessage);
+        SCOPED_TRACE(xCase.pcName);
         try
         {
-            xCase.Create();
+            xCase.Run();
             ADD_FAILURE() << "nothing was thrown";
         }
         catch (const CQxException& xException)
         {
             const IException* pLink = &xException;
-            for (int iWrapper = 0; iWrapper < xCase.iWrappers; ++iWrapper)
+            for (const char* pcWrapper : xCase.vWrappers)
             {
                 ASSERT_NE(pLink, nullptr);
-                EXPECT_STREQ(pLink->GetMessageText().ToCString(), xCase.pcMessage);
+                EXPECT_STREQ(pLink->GetMessageText().ToCString(), pcWrapper);
                 pLink = pLink->GetInnerException();
             }
             const auto* pCuda = dynamic_cast<const CQxCudaException*>(pLink);
@@ -87,8 +127,13 @@ TEST_F(NoDevice, ImagesCannotBeCreatedAndStayEmpty)
             EXPECT_EQ(pCuda->GetCudaError(), m_eError);
             EXPECT_EQ(pCuda->GetDeviceID(), -1);
         }
+        static_cast<void>(cudaGetLastError());
     }
-    EXPECT_FALSE(x2D.IsValid() || x1D.IsValid() || xPageLocked.GetDataPtr() != nullptr);
+    // Its report asks for more, so what the exception records is not the failure that it began with.
+    EXPECT_THROW(xComp.Begin("Kernel", nullptr), CQxCudaException);
+    static_cast<void>(cudaGetLastError());
+    EXPECT_FALSE(x2D.IsValid() || x1D.IsValid() || xPageLocked.GetDataPtr() != nullptr || xVector.IsValid() ||
+                 xMatrix.IsValid() || xMapping.IsValid());
     EXPECT_EQ(x2D.GetFormat(), CQxImageFormat{});
     EXPECT_EQ(CCudaRecorder::LiveAllocations(), 0U);
 }
