@@ -1,5 +1,6 @@
 #include "Qx.HostCuda/Devices.h"
 #include "Qx.HostCuda/Memory.h"
+#include "Qx.HostCuda/Sanitizer.h"
 
 #include <algorithm>
 #include <atomic>
@@ -162,6 +163,14 @@ public:
     };
 
 private:
+    CHandles()
+    {
+#if defined(QX_HOSTCUDA_TSAN)
+        // ThreadSanitizer does not see how OpenBLAS orders its own threads and would report each result as a race.
+        openblas_set_num_threads(1);
+#endif
+    }
+
     std::mutex m_xMutex;
     std::deque<SSlot> m_vSlots;
 };
