@@ -1,5 +1,6 @@
 #include "Qx.HostCuda/Devices.h"
 #include "Qx.HostCuda/Memory.h"
+#include "Qx.HostCuda/Sanitizer.h"
 
 #include <algorithm>
 #include <atomic>
@@ -162,6 +163,14 @@ public:
     };
 
 private:
+    CHandles()
+    {
+#if defined(QX_HOSTCUDA_TSAN)
+        // ThreadSanitizer does not see how OpenBLAS orders its own threads and would report each result as a race.
+        openblas_set_num_threads(1);
+#endif
+    }
+
     std::mutex m_xMutex;
     std::deque<SSlot> m_vSlots;
 };
@@ -190,21 +199,15 @@ cublasStatus_t _Call(cublasHandle_t hHandle, F&& Function) noexcept
     }
 }
 
-/// Bytes from the first to the last element of vectors, negative distances included, and of matrices.
-template <typename T>
-std::size_t _VectorSpan(int iCount, int iStep) noexcept
+/// Elements from the first to the last one of a vector, which may run backwards, and of a matrix.
+std::uint64_t _VectorSpan(int iCount, int iStep) noexcept
 {
-    return (static_cast<std::size_t>(iCount - 1) * static_cast<std::size_t>(std::abs(static_cast<long long>(iStep))) +
-            1) *
-           sizeof(T);
+    return static_cast<std::uint64_t>(std::abs((iCount - 1LL) * iStep)) + 1;
 }
 
-template <typename T>
-std::size_t _MatrixSpan(int iRows, int iCols, int iLeading) noexcept
+std::uint64_t _MatrixSpan(int iRows, int iCols, int iLeading) noexcept
 {
-    return (static_cast<std::size_t>(iCols - 1) * static_cast<std::size_t>(iLeading) +
-            static_cast<std::size_t>(iRows)) *
-           sizeof(T);
+    return static_cast<std::uint64_t>((iCols - 1LL) * iLeading + iRows);
 }
 
 /// The memory of one call, all of which has to be the device's. Holds the registry's read lock, so that nobody frees it
@@ -214,11 +217,13 @@ class COperands
 public:
     explicit COperands(const SContext& xContext) : m_xDevice(*xContext.pDevice), m_xLock(CMemory::Get().Read()) {}
 
-    COperands& Add(const void* pMemory, std::size_t nSpan)
+    /// So many elements; their bytes may be more than 64 bits count.
+    template <typename T>
+    COperands& Add(const T* pMemory, std::uint64_t nCount)
     {
         const auto uBegin = reinterpret_cast<std::uintptr_t>(pMemory);
         const SBlock* const pBlock = CMemory::Get().Find(uBegin);
-        if (pBlock == nullptr || nSpan > pBlock->uBase + pBlock->nSize - uBegin)
+        if (pBlock == nullptr || nCount > (pBlock->uBase + pBlock->nSize - uBegin) / sizeof(T))
         {
             m_bInside = false;
             return *this;
@@ -231,7 +236,7 @@ public:
     template <typename T>
     COperands& AddScalar(const SContext& xContext, const T* pScalar)
     {
-        return xContext.eMode == CUBLAS_POINTER_MODE_DEVICE ? Add(pScalar, sizeof(T)) : *this;
+        return xContext.eMode == CUBLAS_POINTER_MODE_DEVICE ? Add(pScalar, 1) : *this;
     }
 
     [[nodiscard]] bool AreInside() const noexcept { return m_bInside; }
@@ -327,9 +332,9 @@ cublasStatus_t _Gemv(cublasHandle_t hHandle, cublasOperation_t eTrans, int iRows
                          return CUBLAS_STATUS_SUCCESS;
                      }
                      COperands xOperands(xContext);
-                     xOperands.Add(pMatrix, _MatrixSpan<T>(iRows, iCols, iLeading))
-                         .Add(pX, _VectorSpan<T>(eTrans == CUBLAS_OP_N ? iCols : iRows, iStepX))
-                         .Add(pY, _VectorSpan<T>(eTrans == CUBLAS_OP_N ? iRows : iCols, iStepY))
+                     xOperands.Add(pMatrix, _MatrixSpan(iRows, iCols, iLeading))
+                         .Add(pX, _VectorSpan(eTrans == CUBLAS_OP_N ? iCols : iRows, iStepX))
+                         .Add(pY, _VectorSpan(eTrans == CUBLAS_OP_N ? iRows : iCols, iStepY))
                          .AddScalar(xContext, pAlpha)
                          .AddScalar(xContext, pBeta);
                      return _Enqueue(xContext, xOperands,
@@ -369,9 +374,9 @@ cublasStatus_t _Syrk(cublasHandle_t hHandle, cublasFillMode_t eFill, cublasOpera
                      COperands xOperands(xContext);
                      if (iInner != 0)
                      {
-                         xOperands.Add(pMatrix, _MatrixSpan<T>(iRows, iCols, iLeading));
+                         xOperands.Add(pMatrix, _MatrixSpan(iRows, iCols, iLeading));
                      }
-                     xOperands.Add(pResult, _MatrixSpan<T>(iOrder, iOrder, iLeadingResult))
+                     xOperands.Add(pResult, _MatrixSpan(iOrder, iOrder, iLeadingResult))
                          .AddScalar(xContext, pAlpha)
                          .AddScalar(xContext, pBeta);
                      return _Enqueue(xContext, xOperands,
@@ -408,11 +413,11 @@ cublasStatus_t _Asum(cublasHandle_t hHandle, int iCount, const T* pX, int iStep,
                      COperands xOperands(xContext);
                      if (bAny)
                      {
-                         xOperands.Add(pX, _VectorSpan<T>(iCount, iStep));
+                         xOperands.Add(pX, _VectorSpan(iCount, iStep));
                      }
                      if (xContext.eMode == CUBLAS_POINTER_MODE_DEVICE)
                      {
-                         return _Enqueue(xContext, xOperands.Add(pResult, sizeof(T)), [=] { *pResult = Sum(); });
+                         return _Enqueue(xContext, xOperands.Add(pResult, 1), [=] { *pResult = Sum(); });
                      }
                      if (!xOperands.AreInside())
                      {

@@ -227,6 +227,7 @@ TEST_F(Blas, AnswersBadArgumentsWithoutDoingAnything)
     cublasHandle_t hNext = nullptr; // in the place of the dead one
     ASSERT_EQ(cublasCreate(&hNext), CUBLAS_STATUS_SUCCESS);
     float fSum = 7;
+    double dSum = 7;
     const std::pair<cublasStatus_t, cublasStatus_t> vCases[]{
         {cublasCreate(nullptr), c_eValue},
         {cublasDestroy(nullptr), c_eHandle},
@@ -261,6 +262,8 @@ TEST_F(Blas, AnswersBadArgumentsWithoutDoingAnything)
         {cublasSasum(m_hHandle, 33, pX, 2, &fSum), c_eValue},
         {cublasSasum(m_hHandle, 1, vHost, 1, &fSum), c_eValue}, // no device memory
         {cublasSasum(m_hHandle, INT32_MAX, pX, INT32_MAX, &fSum), c_eValue},
+        // 2^61 + 9 elements, whose bytes counted in 64 bits are 72.
+        {cublasDasum(m_hHandle, 1073807363, reinterpret_cast<const double*>(pX), 2147352580, &dSum), c_eValue},
         {Gemv(CUBLAS_OP_N, 8, 9, 8, 1, 1, pA, pX, pY), c_eValue},
         {Gemv(CUBLAS_OP_N, 2, 2, 2, 64, 1, pA, pX, pY), c_eValue},
         {Gemv(CUBLAS_OP_N, 2, 2, 2, 1, -64, pA, pX, pY), c_eValue},
