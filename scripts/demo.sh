@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds the example programs and runs them on a picture: qx_roundtrip sends it host -> device -> device -> host,
 # qx_develop makes a camera's raw frame of it and develops that with kernels of its own, qx_framestream sharpens it as a
-# stream of frames, qx_heightcorrection takes it for a height map and corrects that. Runs on the GPU where the CUDA
-# toolkit is installed and a device answers, on the host stand-in anywhere else. Installs the Debian packages that are
-# missing.
+# stream of frames, qx_heightcorrection takes it for a height map and corrects that; qx_leastsquares fits a colour
+# correction. Runs on the GPU where the CUDA toolkit is installed and a device answers, on the host stand-in anywhere
+# else. Installs the Debian packages that are missing.
 #
 # usage: scripts/demo.sh [--help] [PICTURE]
 #
@@ -23,7 +23,7 @@ folder=$root/build/demo
 # shellcheck disable=SC2086
 need $build_packages $library_packages $example_packages
 mkdir -p "$folder"
-examples="qx_roundtrip qx_develop qx_framestream qx_heightcorrection"
+examples="qx_roundtrip qx_develop qx_framestream qx_heightcorrection qx_leastsquares"
 say "building $examples"
 # shellcheck disable=SC2086
 {
@@ -65,6 +65,7 @@ demo qx_roundtrip ${picture:+"$picture"} -o "$folder/roundtrip.png"
 demo qx_develop ${picture:+"$picture"} -o "$folder/developed.png" -e "$folder/edges.png"
 demo qx_framestream ${picture:+"$picture"} -o "$folder/sharpened.png"
 demo qx_heightcorrection ${picture:+"$picture"} -b "$folder/heights.png" -o "$folder/corrected.png"
+demo qx_leastsquares
 echo
 echo "The picture that came back lies in $folder/roundtrip.png,"
 echo "the developed one in $folder/developed.png, its edges in $folder/edges.png,"

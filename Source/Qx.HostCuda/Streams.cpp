@@ -51,7 +51,20 @@ bool CStream::IsDone(std::uint64_t uTicket) const noexcept
 
 void CStream::Wait(std::uint64_t uTicket) const noexcept
 {
-    m_xDoneSignal.Wait([&] { return IsDone(uTicket); });
+    if (IsDone(uTicket))
+    {
+        return;
+    }
+    m_xDoneSignal.Wait(
+        [&]
+        {
+            std::uint64_t uFirst = m_uFirstAwaited.load(std::memory_order_seq_cst);
+            while (uTicket < uFirst &&
+                   !m_uFirstAwaited.compare_exchange_weak(uFirst, uTicket, std::memory_order_seq_cst))
+            {
+            }
+            return m_uDone.load(std::memory_order_seq_cst) >= uTicket; // see _Publish
+        });
 }
 
 void CStream::_StartThread(CDevice& xDevice)
@@ -117,8 +130,14 @@ void CStream::_WorkOff(CDevice& xDevice) noexcept
 
 void CStream::_Publish(std::uint64_t uTicket) noexcept
 {
-    m_uDone.store(uTicket, std::memory_order_release);
-    m_xDoneSignal.Notify();
+    // Either this sees who waits, or who waits sees this. Waking somebody for every piece of work before the one that
+    // is awaited would cost more than small work does.
+    m_uDone.store(uTicket, std::memory_order_seq_cst);
+    if (uTicket >= m_uFirstAwaited.load(std::memory_order_seq_cst))
+    {
+        m_uFirstAwaited.store(UINT64_MAX, std::memory_order_seq_cst);
+        m_xDoneSignal.Notify(); // those who wait for later work note it again
+    }
 }
 
 void CStream::_Close() noexcept

@@ -109,6 +109,7 @@ private:
     SNode* m_pHead; ///< the node last worked off
 
     std::atomic<std::uint64_t> m_uDone{0};
+    mutable std::atomic<std::uint64_t> m_uFirstAwaited{UINT64_MAX}; // no later than the first ticket that is awaited
     std::atomic<bool> m_bClosed{false};
     std::atomic<bool> m_bThreadGone{false};
     CSignal m_xIssuedSignal;
