@@ -42,6 +42,9 @@ function(qx_add_library target)
         $<BUILD_INTERFACE:${QX_SOURCE_ROOT}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
+    target_link_options(${target} PRIVATE "-Wl,--version-script=${QX_SOURCE_ROOT}/../cmake/exports.map")
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${QX_SOURCE_ROOT}/../cmake/exports.map")
+    set_property(GLOBAL APPEND PROPERTY QX_PUBLIC_HEADERS ${ARG_HEADERS})
     # An undefined symbol must fail this link, not the client's.
     if(NOT QX_SANITIZE)
         target_link_options(${target} PRIVATE -Wl,--no-undefined)

@@ -4,27 +4,35 @@
 # Ninja and the CUDA toolkit with compute-sanitizer; installs nothing. What a machine without a package registry lacks
 # comes from folders:
 #
-# usage: scripts/gpu.sh [--gtest DIR] [--rapidcheck DIR] [--stb DIR] [--benchmark DIR] [--help]
+# usage: scripts/gpu.sh [--gtest DIR] [--rapidcheck DIR] [--stb DIR] [--eigen DIR] [--benchmark DIR] [--help]
 #
-#   --gtest DIR      GoogleTest's sources, where the package is not installed
-#   --rapidcheck DIR RapidCheck's sources, likewise
-#   --stb DIR        the folder of stb_image.h and stb_image_write.h, where the package is not installed
-#   --benchmark DIR  Google Benchmark's sources; runs the benchmarks too
-#   --help           this text
+#   --gtest DIR       GoogleTest's sources, where the package is not installed
+#   --rapidcheck DIR  RapidCheck's sources, likewise
+#   --stb DIR         the folder of stb_image.h and stb_image_write.h, likewise
+#   --eigen DIR       the folder of Eigen/Dense, likewise
+#   --benchmark DIR   Google Benchmark's sources; runs the benchmarks too
+#   --help            this text
 . "$(dirname "$0")/common.sh"
 
 arguments=()
 benchmark=""
 while [ $# -gt 0 ]; do
     case $1 in
-        --gtest | --rapidcheck | --stb | --benchmark) [ -d "${2:-}" ] || die "$1 needs an existing folder" "run '$0 --help'" ;;&
-        --gtest) arguments+=("-DQX_GTEST_SOURCE_DIR=$(realpath "$2")") && shift 2 ;;
-        --rapidcheck) arguments+=("-DQX_RAPIDCHECK_SOURCE_DIR=$(realpath "$2")") && shift 2 ;;
-        --stb) arguments+=("-DQX_STB_INCLUDE_DIR=$(realpath "$2")") && shift 2 ;;
-        --benchmark) benchmark=$(realpath "$2") && shift 2 ;;
+        --gtest) variable=QX_GTEST_SOURCE_DIR ;;
+        --rapidcheck) variable=QX_RAPIDCHECK_SOURCE_DIR ;;
+        --stb) variable=QX_STB_INCLUDE_DIR ;;
+        --eigen) variable=QX_EIGEN_INCLUDE_DIR ;;
+        --benchmark) variable="" ;;
         --help) usage && exit ;;
         *) unknown_option "$1" ;;
     esac
+    [ -d "${2:-}" ] || die "$1 needs an existing folder" "run '$0 --help'"
+    if [ -n "$variable" ]; then
+        arguments+=("-D$variable=$(realpath "$2")")
+    else
+        benchmark=$(realpath "$2")
+    fi
+    shift 2
 done
 for tool in g++ cmake ninja; do
     command -v "$tool" >/dev/null || die "$tool is not installed" "install it, then run this again"
