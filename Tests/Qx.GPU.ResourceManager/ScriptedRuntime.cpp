@@ -230,8 +230,9 @@ extern "C"
 
     cudaError_t cudaHostAlloc(void** ppBlock, std::size_t, unsigned int uFlags)
     {
-        return uFlags == cudaHostAllocMapped || uFlags == cudaHostAllocPortable ? Qx::Test::_Allocate("cudaHostAlloc", ppBlock, true)
-                                             : Qx::Test::_Fail(cudaErrorInvalidValue);
+        return uFlags == cudaHostAllocMapped || uFlags == cudaHostAllocPortable
+                   ? Qx::Test::_Allocate("cudaHostAlloc", ppBlock, true)
+                   : Qx::Test::_Fail(cudaErrorInvalidValue);
     }
 
     cudaError_t cudaFree(void* pBlock)
