@@ -28,6 +28,7 @@ grep -rl "$folder/first\|$build" "$prefix" --include=*.cmake --include=*.pc --in
 "$cmake" -S "$here/client" -B "$folder/client" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
 "$cmake" --build "$folder/client" >/dev/null
 runs "$folder/client/client"
+runs "$folder/client/client_test"
 for version in 3 5; do
     "$cmake" "$folder/client" -DCLIENT_WANTS=$version >/dev/null 2>&1 && fail "a client that wants version $version was served"
 done

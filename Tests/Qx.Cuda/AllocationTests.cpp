@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Cuda/QxCuda.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/AllocationCounter.h"
-#include "Support/CudaRecorder.h"
 
 namespace Qx::Test
 {

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Cuda/QxCudaComp.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 
 namespace Qx::Test
 {

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Cuda.Core/Cuda.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 
 namespace Qx::Test
 {

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "ImagePlaces.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 #include "Support/PoolRecorder.h"
 
 namespace Qx::Test

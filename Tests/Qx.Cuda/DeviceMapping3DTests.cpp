@@ -16,9 +16,9 @@
 #include <rapidcheck.h>
 
 #include "Qx.Cuda/QxCuda.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/AllocationFault.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 #include "Support/PoolRecorder.h"
 #include "Support/Sweep.h"
 

@@ -7,8 +7,8 @@
 #include <rapidcheck.h>
 
 #include "ImagePlaces.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 #include "Support/PoolRecorder.h"
 #include "Support/Sweep.h"
 

@@ -15,9 +15,9 @@
 #include "Qx.Cuda/QxCudaComp.h"
 #include "Qx.Cuda/QxDeviceImage2D.h"
 #include "Qx.Cuda/QxLaunchKernel.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 #include "Support/Stream.h"
 
 // A client's kernels, written once: this file is compiled by nvcc on the CUDA platform and as it is on the host.

@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Cuda/QxCuda.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 #include "Support/Sweep.h"
 
 namespace Qx::Test

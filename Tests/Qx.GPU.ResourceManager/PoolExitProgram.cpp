@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
-#include "Support/CudaRecorder.h"
 
 namespace
 {

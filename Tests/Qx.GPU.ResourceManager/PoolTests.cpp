@@ -14,9 +14,9 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Core/QxFormat.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "Support/CudaChain.h"
-#include "Support/CudaRecorder.h"
 #include "Support/Sweep.h"
 #ifdef QX_HOSTCUDA
 #include "Qx.HostCuda/HostCuda.h"

@@ -206,7 +206,7 @@ TEST_F(Blas, AnswersBadArgumentsWithoutDoingAnything)
     auto& [pA, pX, pY] = m_vBlocks;
     constexpr auto c_eValue = CUBLAS_STATUS_INVALID_VALUE;
     constexpr auto c_eHandle = CUBLAS_STATUS_NOT_INITIALIZED;
-    float vHost[64]{};
+    [[maybe_unused]] float vHost[64]{}; // for what the stand-in refuses besides
     const auto Gemv = [&](int iTrans, int iRows, int iCols, int iLda, int iStepX, int iStepY, const float* pMatrix,
                           const float* pVector, float* pResult)
     {
@@ -221,13 +221,13 @@ TEST_F(Blas, AnswersBadArgumentsWithoutDoingAnything)
     };
     cublasHandle_t hDead = nullptr;
     cudaStream_t hStream = nullptr;
-    cublasPointerMode_t eMode = CUBLAS_POINTER_MODE_HOST;
+    [[maybe_unused]] cublasPointerMode_t eMode = CUBLAS_POINTER_MODE_HOST;
     ASSERT_EQ(cublasCreate(&hDead), CUBLAS_STATUS_SUCCESS);
     ASSERT_EQ(cublasDestroy(hDead), CUBLAS_STATUS_SUCCESS);
     cublasHandle_t hNext = nullptr; // in the place of the dead one
     ASSERT_EQ(cublasCreate(&hNext), CUBLAS_STATUS_SUCCESS);
     float fSum = 7;
-    double dSum = 7;
+    [[maybe_unused]] double dSum = 7;
     const std::pair<cublasStatus_t, cublasStatus_t> vCases[]{
         {cublasCreate(nullptr), c_eValue},
         {cublasDestroy(nullptr), c_eHandle},

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Core/QxException.h"
-#include "Support/CudaRecorder.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 
 namespace Qx::Test
 {

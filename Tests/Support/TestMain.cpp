@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
-#include "Support/CudaRecorder.h"
 
 namespace
 {

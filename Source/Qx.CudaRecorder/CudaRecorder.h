@@ -18,8 +18,8 @@ struct SCudaCall
     cudaError_t eResult;                   ///< of cuBLAS: cudaErrorUnknown for any status but success
 };
 
-/// Stands between the program's libraries and the CUDA runtime: the program defines the runtime's calls itself, counts
-/// them and forwards them to the next definition, which is the real runtime or the stand-in.
+/// For tests. Stands between the program's libraries and the CUDA runtime: the program defines the runtime's calls
+/// itself, counts them and forwards them to the next definition, which is the real runtime or the stand-in.
 ///
 /// The products and sums of cuBLAS are treated alike: a planned failure makes them return
 /// CUBLAS_STATUS_EXECUTION_FAILED whatever the error, and leaves the last CUDA error alone. Their factors alpha and
@@ -46,7 +46,7 @@ public:
     /// How many of them were calls of @p pcName.
     static std::size_t Count(const char* pcName);
 
-    /// The last of them of that name; fails the test when there is none.
+    /// The last of them of that name. Throws `std::out_of_range` when there is none.
     static SCudaCall Last(const char* pcName);
 
     /// Makes the @p iNth (from 1) of the calls from now on fail with @p eError instead of being forwarded; the error

@@ -1,4 +1,4 @@
-#include "Support/CudaRecorder.h"
+#include "Qx.CudaRecorder/CudaRecorder.h"
 
 #include <dlfcn.h>
 
@@ -8,9 +8,8 @@
 #include <initializer_list>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <type_traits>
-
-#include <gtest/gtest.h>
 
 namespace Qx::Test
 {
@@ -225,8 +224,7 @@ SCudaCall CCudaRecorder::Last(const char* pcName)
         std::find_if(vCalls.rbegin(), vCalls.rend(), [&](const SCudaCall& xCall) { return xCall.sName == pcName; });
     if (xFound == vCalls.rend())
     {
-        ADD_FAILURE() << "no call of " << pcName << " was recorded";
-        return {pcName, std::vector<std::uint64_t>(16), cudaErrorUnknown};
+        throw std::out_of_range("no call of " + std::string(pcName) + " was recorded");
     }
     return *xFound;
 }
