@@ -28,7 +28,8 @@ def source_pieces(path):
     """The pieces of all literals of a source file, in their order."""
     text = path.read_text()
     # Comments and literals in one go, so that neither is looked for inside the other.
-    text = re.sub(r'//[^\n]*|/\*.*?\*/|' + LITERAL, lambda m: m.group(0) if m.group(0)[0] == '"' else "", text, flags=re.S)
+    comments_and_literals = re.compile(r"//[^\n]*|/\*.*?\*/|" + LITERAL, re.S)
+    text = comments_and_literals.sub(lambda match: match.group(0) if match.group(0)[0] == '"' else "", text)
     text = re.sub(r"#\s*include[^\n]*|static_assert\([^;]*;", "", text)
     text = re.sub(r'"\s*\n\s*"', "", text)  # adjacent literals are one
     found = []
