@@ -55,6 +55,8 @@ need() {
 readonly build_packages="g++ cmake ninja-build"
 readonly library_packages="libtbb-dev libopenblas-dev"
 readonly test_packages="libgtest-dev librapidcheck-dev pkg-config"
+# What checks the pages; not in the list above, of which the ARM build has the libraries fetched.
+readonly page_packages="python3"
 readonly example_packages="libstb-dev libeigen3-dev"
 readonly benchmark_packages="libbenchmark-dev"
 

@@ -19,7 +19,7 @@ for option in "$@"; do
 done
 
 # shellcheck disable=SC2086
-need $build_packages $library_packages $test_packages $example_packages
+need $build_packages $library_packages $test_packages $page_packages $example_packages
 
 report=""
 for preset in $presets; do

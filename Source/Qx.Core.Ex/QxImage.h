@@ -20,13 +20,13 @@ public:
     /// them has to be thrown.
     virtual bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) = 0;
 
-    virtual void Reserved1() {}
-    virtual void Reserved2() {}
-    virtual void Reserved3() {}
-    virtual void Reserved4() {}
-    virtual void Reserved5() {}
-    virtual void Reserved6() {}
-    virtual void Reserved7() {}
+    virtual void Reserved1() {} ///< not called
+    virtual void Reserved2() {} ///< not called
+    virtual void Reserved3() {} ///< not called
+    virtual void Reserved4() {} ///< not called
+    virtual void Reserved5() {} ///< not called
+    virtual void Reserved6() {} ///< not called
+    virtual void Reserved7() {} ///< not called
 
     /// Width and height in pixels.
     virtual void GetSize(int& iWidth, int& iHeight) const = 0;
@@ -81,7 +81,9 @@ public:
 
     /// A copy with a buffer of its own. Throws `std::bad_alloc` when there is no memory for it.
     QX_CORE_API CQxImage(const CQxImage& xOther);
+    /// Takes the buffer over; @p xOther is empty afterwards.
     QX_CORE_API CQxImage(CQxImage&& xOther) noexcept;
+    /// Copies or moves, depending on the argument; a failed copy leaves this image as it was.
     QX_CORE_API CQxImage& operator=(CQxImage xOther) noexcept;
     QX_CORE_API virtual ~CQxImage();
 

@@ -4,6 +4,7 @@
 
 #include "Qx.Core/QxException.h"
 
+/// Image types and the interface of images, whose layout is part of the binary interface. `Qx` has their names too.
 namespace Qx::Interop::Runtime28
 {
 
@@ -11,6 +12,7 @@ namespace Qx::Interop::Runtime28
 /// same meaning.
 struct EDataType
 {
+    /// The data types.
     enum ID : std::uint32_t
     {
         Void = 0,
@@ -37,6 +39,7 @@ struct EDataType
 /// meaning.
 struct EPixelType
 {
+    /// The pixel types.
     enum ID : std::uint32_t
     {
         None = 0,

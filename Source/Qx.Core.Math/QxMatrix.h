@@ -91,6 +91,7 @@ public:
 
     /// The element of row @p nRow and column @p nCol, which must exist; not checked.
     T& operator()(std::uint64_t nRow, std::uint64_t nCol) noexcept { return m_pData[nRow * m_nCols + nCol]; }
+    /// The same for reading.
     const T& operator()(std::uint64_t nRow, std::uint64_t nCol) const noexcept
     {
         return m_pData[nRow * m_nCols + nCol];

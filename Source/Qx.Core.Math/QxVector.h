@@ -69,6 +69,7 @@ public:
 
     /// Element @p nIndex, which must be below `GetSize()`; not checked.
     T& operator[](std::size_t nIndex) noexcept { return m_pData[nIndex]; }
+    /// The same for reading.
     const T& operator[](std::size_t nIndex) const noexcept { return m_pData[nIndex]; }
 
 private:

@@ -9,6 +9,7 @@
 #include "Qx.Core/QxGuid.h"
 #include "Qx.Core/QxString.h"
 
+/// The interface of exceptions, whose layout is part of the binary interface. `Qx` has its names too.
 namespace Qx::Interop::Runtime31
 {
 
@@ -71,11 +72,13 @@ public:
     /// Owns a clone of @p xException.
     explicit CExceptionSafePointer(const IException& xException) : m_pException(xException.Clone()) {}
 
+    /// Owns a clone of what @p xOther owns.
     CExceptionSafePointer(const CExceptionSafePointer& xOther)
         : m_pException(xOther.m_pException != nullptr ? xOther.m_pException->Clone() : nullptr)
     {
     }
     CExceptionSafePointer(CExceptionSafePointer&&) noexcept = default;
+    /// Takes over what the argument, a copy or a moved pointer, owns.
     CExceptionSafePointer& operator=(CExceptionSafePointer xOther) noexcept
     {
         m_pException.swap(xOther.m_pException);
@@ -137,20 +140,20 @@ public:
     QX_CORE_API const char* what() const noexcept override;
 
 protected:
-    CGuid m_xGuid;
-    CQxString m_sName;
-    CQxString m_sMessage;
-    CQxString m_sFile;
-    CQxString m_sFunction;
-    int m_iLine;
-    CExceptionSafePointer m_xInner;
+    CGuid m_xGuid;                  ///< what `GetGUID` returns
+    CQxString m_sName;              ///< what `GetName` returns
+    CQxString m_sMessage;           ///< what `GetMessageText` and `what` return
+    CQxString m_sFile;              ///< what `GetFile` returns
+    CQxString m_sFunction;          ///< what `GetFunction` returns
+    int m_iLine;                    ///< what `GetLine` returns
+    CExceptionSafePointer m_xInner; ///< what `GetInnerException` returns
 };
 
 /// Where an operation throws: the source file that its exceptions record and its plain name. Both are literals.
 struct SThrowSite
 {
-    const char* pcFile;
-    const char* pcFunction;
+    const char* pcFile;     ///< the source file
+    const char* pcFunction; ///< the operation, without its class
 };
 
 /// Throws a `CQxException` for a failed argument or state check, after its `SetExceptionData`.

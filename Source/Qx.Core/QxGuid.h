@@ -6,6 +6,7 @@
 
 #include "Qx.Core/QxExport.h"
 
+/// Identifiers, whose layout is part of the binary interface. `Qx` has their name too.
 namespace Qx::Interop::Runtime30
 {
 

@@ -5,6 +5,7 @@
 
 #include "Qx.Core/QxExport.h"
 
+/// The classes of the SDK.
 namespace Qx
 {
 

@@ -36,11 +36,8 @@ public:
 
     CQxCudaException(const CQxCudaException&) = default;
     CQxCudaException(CQxCudaException&&) noexcept = default;
-    CQxCudaException& operator=(const CQxCudaException& xOther)
-    {
-        // Copied first, so that running out of memory leaves this exception whole.
-        return *this = CQxCudaException(xOther);
-    }
+    /// Copies first and then takes the copy over, so that a failed copy leaves this exception as it was.
+    CQxCudaException& operator=(const CQxCudaException& xOther) { return *this = CQxCudaException(xOther); }
     CQxCudaException& operator=(CQxCudaException&&) noexcept = default;
 
     IException* Clone() const override { return new CQxCudaException(*this); }

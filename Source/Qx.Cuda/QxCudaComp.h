@@ -66,6 +66,7 @@ public:
     /// @param pcKernel the kernel's name for the report; null counts as empty
     /// @param pStream not used
     QX_CUDA_API void Begin(const char* pcKernel, cudaStream_t pStream);
+    /// The same.
     QX_CUDA_API void Begin(CQxString sKernel, cudaStream_t pStream);
 
     /// Waits on the calling thread for all work queued on @p pStream so far, the kernel included.
@@ -77,6 +78,7 @@ public:
     /// names it. A launch that the runtime refused is the caller's to notice: its error stays pending.
     /// @param pStream the stream of the launch
     QX_CUDA_API void End(const char* pcKernel, cudaStream_t pStream);
+    /// The same.
     QX_CUDA_API void End(CQxString sKernel, cudaStream_t pStream);
 
     /// Makes the launch report: the message, the kernel's name, the description of the error, the configuration and the

@@ -34,8 +34,8 @@ enum class EKind : std::uint32_t
 struct SItem
 {
     std::int32_t aiPosition[4] = {}; ///< such as the pixel, the channel and the thread
-    bool bFlag = false;
-    float afValue[9] = {};
+    bool bFlag = false;              ///< such as whether the pixel was clipped
+    float afValue[9] = {};           ///< such as intermediate results
 };
 
 static_assert(sizeof(SItem) == 56 && alignof(SItem) == 4 && std::is_trivially_copyable_v<SItem>);

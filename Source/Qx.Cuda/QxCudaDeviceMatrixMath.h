@@ -52,6 +52,7 @@ public:
     {
         _Mult(xMatrix, xVector, xResult, &cublasSgemv_v2, "CUBLAS error in cublasSgemv_v2");
     }
+    /// The same for `double`.
     void Mult(const CQxCudaDeviceMatrix<double>& xMatrix, const CQxCudaDeviceVector<double>& xVector,
               CQxCudaDeviceVector<double>& xResult)
     {
@@ -73,6 +74,7 @@ public:
     {
         _MultWithTranspose(xMatrix, xResult, &cublasSsyrk_v2, "CUBLAS error in cublasSsyrk_v2");
     }
+    /// The same for `double`.
     void MultWithTranspose(const CQxCudaDeviceMatrix<double>& xMatrix, CQxCudaDeviceMatrix<double>& xResult)
     {
         _MultWithTranspose(xMatrix, xResult, &cublasDsyrk_v2, "CUBLAS error in cublasDsyrk_v2");
@@ -88,6 +90,7 @@ public:
     {
         return _SumAbs(xVector, &cublasSasum_v2, "CLUBLAS error: cublasSasum_v2");
     }
+    /// The same for `double`.
     double SumAbs(const CQxCudaDeviceVector<double>& xVector)
     {
         return _SumAbs(xVector, &cublasDasum_v2, "CLUBLAS error: cublasDasum_v2");

@@ -17,8 +17,10 @@ namespace Qx
 template <auto Kernel>
 struct SKernel
 {
+    /// The kernel's address.
     constexpr operator decltype(Kernel)() const noexcept { return Kernel; }
 
+    /// Calls the kernel for one thread.
     template <typename... TArguments>
     void operator()(TArguments&&... xArguments) const
     {

@@ -4,6 +4,7 @@
 
 #include "Qx.Core/QxExport.h"
 
+/// The pools of memory.
 namespace Qx::GPU
 {
 

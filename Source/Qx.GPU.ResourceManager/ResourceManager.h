@@ -22,6 +22,7 @@ struct SPoolStatistics
     std::uint64_t uTrimmedBlocks = 0; ///< idle blocks given back to the device
     std::uint64_t uTrimmedBytes = 0;  ///< bytes of them
 
+    /// True when all fields agree.
     friend bool operator==(const SPoolStatistics&, const SPoolStatistics&) noexcept = default;
 };
 

@@ -33,9 +33,10 @@ inline constexpr std::size_t c_nMemoryKindCount = 5;
 /// Live allocations of one kind.
 struct SMemoryUse
 {
-    std::size_t nBlockCount = 0;
-    std::size_t nByteCount = 0; ///< pitched blocks with their padding
+    std::size_t nBlockCount = 0; ///< blocks
+    std::size_t nByteCount = 0;  ///< their bytes; pitched blocks with their padding
 
+    /// True when both counts agree.
     bool operator==(const SMemoryUse&) const = default;
 };
 
@@ -44,12 +45,13 @@ struct SStatistics
 {
     std::array<SMemoryUse, c_nMemoryKindCount> vMemory; ///< indexed by EMemoryKind
     SMemoryUse xTotal;                                  ///< sum over the kinds
-    std::size_t nStreamCount = 0;
-    std::size_t nEventCount = 0;
+    std::size_t nStreamCount = 0;                       ///< streams
+    std::size_t nEventCount = 0;                        ///< events
 
     /// The entry of one kind.
     const SMemoryUse& operator[](EMemoryKind eKind) const { return vMemory[static_cast<std::size_t>(eKind)]; }
 
+    /// True when all counts agree.
     bool operator==(const SStatistics&) const = default;
 };
 

@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""Holds the pages against the project.
+
+  check.py errors ROOT   Docs/errors.md lists the messages that the libraries throw: all of them, no others, each in the
+                         section of its source file
+  check.py links ROOT    every relative link of a page leads to a file
+"""
+import pathlib
+import re
+import sys
+
+# Where messages come from. The stand-in has none of its own: it answers with error codes.
+LIBRARIES = ["Qx.Core", "Qx.Core.Ex", "Qx.Core.Math", "Qx.Cuda.Core", "Qx.GPU.ResourceManager", "Qx.Cuda"]
+
+LITERAL = r'"((?:[^"\\\n]|\\.)*)"'
+CONVERSION = r"%[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t)?[a-zA-Z]"
+
+
+def pieces(text):
+    """The parts of a message between what is inserted, without spaces and punctuation at their ends. A part of a single
+    word tells nothing: it may be a name."""
+    parts = re.split(r"\.\.\.|" + CONVERSION, text)
+    parts = [re.sub(r"^\W+|\W+$", "", re.sub(r"\s+", " ", part)) for part in parts]
+    return [part for part in parts if " " in part]
+
+
+def source_pieces(path):
+    """The pieces of all literals of a source file, in their order."""
+    text = path.read_text()
+    # Comments and literals in one go, so that neither is looked for inside the other.
+    comments_and_literals = re.compile(r"//[^\n]*|/\*.*?\*/|" + LITERAL, re.S)
+    text = comments_and_literals.sub(lambda match: match.group(0) if match.group(0)[0] == '"' else "", text)
+    text = re.sub(r"#\s*include[^\n]*|static_assert\([^;]*;", "", text)
+    text = re.sub(r'"\s*\n\s*"', "", text)  # adjacent literals are one
+    found = []
+    for literal in re.findall(LITERAL, text):
+        found += pieces(literal.replace("\\n", "\n").replace('\\"', '"'))
+    return found
+
+
+def is_in_order(wanted, found):
+    rest = iter(found)
+    return all(piece in rest for piece in wanted)
+
+
+def check_errors(root):
+    failures = []
+    sources = {}
+    for library in LIBRARIES:
+        for path in sorted((root / "Source" / library).iterdir()):
+            if path.suffix in (".h", ".cpp"):
+                sources.setdefault(f"{library}/{path.stem}", []).extend(source_pieces(path))
+
+    # A section of the page names its source files, and the rows of its table of messages begin with them.
+    entries = {}
+    files = []
+    is_table = False
+    for number, line in enumerate((root / "Docs/errors.md").read_text().splitlines(), 1):
+        if line.startswith("#"):
+            files = []
+        elif line.startswith("In `"):
+            files = re.findall(r"`(Qx.+?)`", line)
+            failures += [f"line {number}: there is no source file {file}" for file in files if file not in sources]
+        elif line.startswith("| Message |"):
+            is_table = True
+        elif not line.startswith("|"):
+            is_table = False
+        elif is_table and (row := re.match(r"\| (`+)(.+?)\1 \|", line)):
+            wanted = pieces(row.group(2))
+            origin = [file for file in files if wanted and is_in_order(wanted, sources.get(file, []))]
+            if not origin:
+                failures.append(f"line {number}: no message of {' and '.join(files) or 'any file'}: {row.group(2)}")
+            for file in origin:
+                entries.setdefault(file, set()).update(wanted)
+
+    count = 0
+    for file, found in sources.items():
+        for piece in dict.fromkeys(found):
+            count += 1
+            if piece not in entries.get(file, ()):
+                failures.append(f"{file}: the page lacks '{piece}'")
+    print(f"{count} texts in {sum(map(bool, sources.values()))} source files")
+    return failures if count > 100 else failures + ["hardly any message was found in the sources"]
+
+
+def check_links(root):
+    failures = []
+    count = 0
+    for page in [*root.glob("*.md"), *root.glob("Docs/**/*.md")]:
+        text = re.sub(r"^```.*?^```", "", page.read_text(), flags=re.S | re.M)
+        for link in re.findall(r"\]\(([^)\s]+)\)", text):
+            if re.match(r"[a-z]+:", link):
+                continue
+            count += 1
+            # Nor may it name a heading, which Doxygen does not find in another page.
+            if not (page.parent / link).exists():
+                failures.append(f"{page.relative_to(root)}: there is no {link}")
+    print(f"{count} links")
+    return failures if count > 10 else failures + ["hardly any link was found in the pages"]
+
+
+def main():
+    check = {"errors": check_errors, "links": check_links}[sys.argv[1]]
+    failures = check(pathlib.Path(sys.argv[2]))
+    for failure in failures:
+        print(failure)
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
