@@ -18,7 +18,7 @@ need doxygen
 # The public headers are those that are installed, but for the stand-in's copies of the toolkit's (.../include/...).
 headers=$(grep -ohE '\bQx\.[A-Za-z.]+/[A-Za-z0-9]+\.h\b' Source/CMakeLists.txt Source/Qx.HostCuda/CMakeLists.txt | sort -u)
 [ "$(wc -l <<<"$headers")" -gt 20 ] || die "the public headers were not found" "see HEADERS in Source/CMakeLists.txt"
-pages=$(ls README.md CHANGELOG.md Docs/*.md)
+pages=$(ls README.md CHANGELOG.md CONTRIBUTING.md Docs/*.md)
 
 folder=$root/build/reference
 log=$root/build/reference.log

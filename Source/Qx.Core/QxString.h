@@ -51,11 +51,10 @@ public:
     }
 
     /// Appends @p iValue as a signed decimal and returns this text.
-    CQxString& operator<<(int iValue)
-    {
-        m_sText += std::to_string(iValue);
-        return *this;
-    }
+    ///
+    /// Not inline: the standard library's conversion has a table that exists once in a process, and a client's library
+    /// that brings it could never be unloaded.
+    CQxString& operator<<(int iValue);
 
     /// The text with its terminating zero; owned by this object and valid until it is changed or destroyed.
     const char* ToCString() const noexcept { return m_sText.c_str(); }

@@ -2,10 +2,10 @@
 
 #include <climits>
 #include <cstdint>
-#include <string>
 
 #include <cublas_v2.h>
 
+#include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda/QxCudaDeviceMatrix.h"
 #include "Qx.Cuda/QxCudaDeviceVector.h"
 
@@ -130,7 +130,9 @@ private:
     {
         if (nCount > INT_MAX)
         {
-            Throw(xSite, ("Count " + std::to_string(nCount) + " is too large for CUBLAS").c_str());
+            char acMessage[64];
+            sprintf_s(acMessage, "Count %llu is too large for CUBLAS", static_cast<unsigned long long>(nCount));
+            Throw(xSite, acMessage);
         }
         return static_cast<int>(nCount);
     }

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <string>
 #include <type_traits>
 #include <utility>
 
 #include <cuda_runtime.h>
 
+#include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.Cuda/QxCudaComp.h"
 
@@ -31,16 +31,10 @@ struct SKernel
 /// Throws what `LaunchKernel` throws; apart from it, because it is the same for every kernel.
 [[noreturn, gnu::cold, gnu::noinline]] inline void _ThrowLaunch(const dim3& xGrid, const dim3& xBlock)
 {
-    std::string sMessage = "Error launching kernel with grid ";
-    const auto Append = [&](const dim3& xCount)
-    {
-        sMessage.append("[").append(std::to_string(xCount.x)).append(", ");
-        sMessage.append(std::to_string(xCount.y)).append(", ").append(std::to_string(xCount.z)).append("]");
-    };
-    Append(xGrid);
-    sMessage.append(" and block ");
-    Append(xBlock);
-    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, sMessage.c_str());
+    char acMessage[160];
+    sprintf_s(acMessage, "Error launching kernel with grid [%u, %u, %u] and block [%u, %u, %u]", xGrid.x, xGrid.y,
+              xGrid.z, xBlock.x, xBlock.y, xBlock.z);
+    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, acMessage);
 }
 
 /// Launches a client's kernel, from one source for every platform: `LaunchKernel<Sharpen>(xGrid, xBlock, pStream,
