@@ -43,7 +43,7 @@ CQxImage::CQxImage(const CQxImage& xOther) : CQxImage(xOther.m_xFormat)
 }
 
 CQxImage::CQxImage(CQxImage&& xOther) noexcept
-    : m_xFormat(std::exchange(xOther.m_xFormat, CQxImageFormat{})),
+    : CQxFormattedImage(std::exchange(xOther.m_xFormat, CQxImageFormat{})),
       m_pData(std::exchange(xOther.m_pData, nullptr)),
       m_nBytes(std::exchange(xOther.m_nBytes, 0))
 {

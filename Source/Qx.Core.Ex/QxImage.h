@@ -69,8 +69,41 @@ inline CQxImageFormat GetImageFormat(const IImage& xImage)
 /// throw for its types, and a `CQxException` "Image is too large" when the count does not fit the address space.
 QX_CORE_API std::size_t GetPackedByteCount(const CQxImageFormat& xFormat, const SThrowSite& xSite);
 
+/// An image that keeps its format: what all images of this library have in common.
+class QX_EXPORT_TYPE CQxFormattedImage : public IImage
+{
+public:
+    /// Width and height of the format.
+    void GetSize(int& iWidth, int& iHeight) const override
+    {
+        iWidth = m_xFormat.iWidth;
+        iHeight = m_xFormat.iHeight;
+    }
+
+    /// Pixel type and data type of the format.
+    void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override
+    {
+        ePixelType = m_xFormat.ePixelType;
+        eDataType = m_xFormat.eDataType;
+    }
+
+    /// The format; all zero when empty.
+    const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
+
+protected:
+    /// An empty image.
+    CQxFormattedImage() = default;
+    /// An image that begins with a format.
+    explicit CQxFormattedImage(const CQxImageFormat& xFormat) noexcept : m_xFormat(xFormat) {}
+    CQxFormattedImage(const CQxFormattedImage&) = default;
+    CQxFormattedImage& operator=(const CQxFormattedImage&) = default;
+    ~CQxFormattedImage() = default;
+
+    CQxImageFormat m_xFormat{}; ///< set by the derived class together with the memory
+};
+
 /// A host image: a format and a buffer of packed pixel rows that it owns. One thread uses it at a time.
-class QX_EXPORT_TYPE CQxImage : public IImage
+class QX_EXPORT_TYPE CQxImage : public CQxFormattedImage
 {
 public:
     /// An empty image: all-zero format, no buffer.
@@ -97,29 +130,13 @@ public:
     /// The same through the interface; always returns true.
     QX_CORE_API bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) override;
 
-    void GetSize(int& iWidth, int& iHeight) const override
-    {
-        iWidth = m_xFormat.iWidth;
-        iHeight = m_xFormat.iHeight;
-    }
-
-    void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override
-    {
-        ePixelType = m_xFormat.ePixelType;
-        eDataType = m_xFormat.eDataType;
-    }
-
     void* GetDataPtr() override { return m_pData; }
     const void* GetDataPtr() const override { return m_pData; }
-
-    /// The format; all zero when empty.
-    const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
 
     /// Bytes of the buffer: what the format takes, counted in 64 bits.
     std::size_t GetBufferSize() const noexcept { return m_nBytes; }
 
 private:
-    CQxImageFormat m_xFormat{};
     unsigned char* m_pData = nullptr;
     std::size_t m_nBytes = 0;
 };

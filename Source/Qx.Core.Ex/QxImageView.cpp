@@ -17,7 +17,7 @@ CQxString& operator<<(CQxString& sText, const CQxImageFormat& xFormat)
 } // namespace
 
 CQxImageView::CQxImageView(const CQxImageFormat& xFormat, const void* pPixels)
-    : m_xFormat(xFormat), m_pPixels(pPixels), m_pWritable(nullptr)
+    : CQxFormattedImage(xFormat), m_pPixels(pPixels), m_pWritable(nullptr)
 {
     constexpr SThrowSite c_xSite{c_pcFile, "CQxImageView"};
     if (GetPackedByteCount(xFormat, c_xSite) != 0 && pPixels == nullptr)

@@ -8,7 +8,7 @@ namespace Qx
 /// Host memory that somebody else owns, as an image: for uploads from and downloads into a buffer that a client already
 /// has, without a copy. The memory must hold packed rows and outlive the view; it is neither copied nor freed. Views
 /// are copied freely, all of them onto the same memory.
-class QX_EXPORT_TYPE CQxImageView final : public IImage
+class QX_EXPORT_TYPE CQxImageView final : public CQxFormattedImage
 {
 public:
     /// A view of @p pPixels, which holds as many bytes as `GetPackedByteCount` counts for the format.
@@ -24,29 +24,13 @@ public:
     /// cannot change its format from ... to ..." that names both, and stays as it was.
     QX_CORE_API bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) override;
 
-    void GetSize(int& iWidth, int& iHeight) const override
-    {
-        iWidth = m_xFormat.iWidth;
-        iHeight = m_xFormat.iHeight;
-    }
-
-    void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override
-    {
-        ePixelType = m_xFormat.ePixelType;
-        eDataType = m_xFormat.eDataType;
-    }
-
     /// The memory for writing. Throws a `CQxException` "The image view is read-only" when it was given for reading.
     QX_CORE_API void* GetDataPtr() override;
 
     /// The memory for reading.
     const void* GetDataPtr() const override { return m_pPixels; }
 
-    /// The format, which never changes.
-    const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
-
 private:
-    CQxImageFormat m_xFormat;
     const void* m_pPixels;
     void* m_pWritable; ///< the same memory, or null when it is read-only
 };

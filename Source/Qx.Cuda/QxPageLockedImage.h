@@ -15,7 +15,7 @@ namespace Qx
 ///
 /// An image must stay alive and keep its format until the transfers that were queued with it are done; giving its
 /// memory back does not wait for them. One thread uses an image at a time.
-class QX_EXPORT_TYPE CQxPageLockedImage final : public IImage
+class QX_EXPORT_TYPE CQxPageLockedImage final : public CQxFormattedImage
 {
 public:
     /// An empty image: all-zero format, no memory; makes no CUDA call.
@@ -55,29 +55,13 @@ public:
     /// Throws what the pool throws when it refuses the memory; the image is unchanged then.
     QX_CUDA_API void Release();
 
-    void GetSize(int& iWidth, int& iHeight) const override
-    {
-        iWidth = m_xFormat.iWidth;
-        iHeight = m_xFormat.iHeight;
-    }
-
-    void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override
-    {
-        ePixelType = m_xFormat.ePixelType;
-        eDataType = m_xFormat.eDataType;
-    }
-
     void* GetDataPtr() override { return m_xResource.m_pDevice; }
     const void* GetDataPtr() const override { return m_xResource.m_pDevice; }
-
-    /// The format; all zero when empty.
-    const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
 
     /// Bytes of the pixels: what the format takes, counted in 64 bits.
     std::size_t GetBufferSize() const noexcept { return m_nBytes; }
 
 private:
-    CQxImageFormat m_xFormat{};
     std::size_t m_nBytes = 0;
     GPU::CCudaMemoryResource m_xResource;
 };
