@@ -183,7 +183,8 @@ void CQxDeviceMapping3D::Map(float& fX, float& fY, float& fZ)
     }
     // Below 2^30, as every grid is. The block is never smaller than the grid; tested all the same, because nothing
     // else stands between a point and foreign memory.
-    const auto nIndex = static_cast<std::size_t>(iZ * (m_vCounts[0] * m_vCounts[1]) + iX * m_vCounts[1] + iY);
+    const int iIndex = iZ * (m_vCounts[0] * m_vCounts[1]) + iX * m_vCounts[1] + iY;
+    const auto nIndex = static_cast<std::size_t>(iIndex);
     if (nIndex >= m_xResource.m_nSize / sizeof(float))
     {
         return;

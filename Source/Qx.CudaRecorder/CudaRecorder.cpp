@@ -367,6 +367,7 @@ extern "C"
         return Qx::Test::_RecordBlas(                                                                                  \
             #name, [&] { return s_pReal arguments; }, __VA_ARGS__);                                                    \
     }
+// NOLINTBEGIN(bugprone-macro-parentheses): a type does not stand in parentheses
 #define QX_RECORD_BLAS_TYPE(type, gemv, syrk, asum)                                                                    \
     QX_RECORD_BLAS(gemv,                                                                                               \
                    (cublasHandle_t hHandle, cublasOperation_t eTrans, int iRows, int iCols, const type* pAlpha,        \
@@ -380,6 +381,7 @@ extern "C"
                    eTrans, iOrder, iInner, *pAlpha, pA, iLda, *pBeta, pC, iLdc)                                        \
     QX_RECORD_BLAS(asum, (cublasHandle_t hHandle, int iCount, const type* pX, int iIncX, type* pResult),               \
                    (hHandle, iCount, pX, iIncX, pResult), hHandle, iCount, pX, iIncX, pResult)
+    // NOLINTEND(bugprone-macro-parentheses)
     QX_RECORD_BLAS_TYPE(float, cublasSgemv_v2, cublasSsyrk_v2, cublasSasum_v2)
     QX_RECORD_BLAS_TYPE(double, cublasDgemv_v2, cublasDsyrk_v2, cublasDasum_v2)
 
