@@ -6,12 +6,7 @@
 # usage: scripts/arm64.sh [--help]
 . "$(dirname "$0")/common.sh"
 
-for option in "$@"; do
-    case $option in
-        --help) usage && exit ;;
-        *) unknown_option "$option" ;;
-    esac
-done
+only_help "$@"
 
 readonly triplet=aarch64-linux-gnu
 readonly sysroot=$root/build/arm64-sysroot

@@ -20,6 +20,12 @@ usage() { sed -n '2,/^[^#]/{/^#/!d;s/^# \{0,1\}//;p}' "$script"; }
 
 unknown_option() { die "unknown option '$1'" "run '$0 --help' for the options"; }
 
+# only_help OPTION...: for scripts that have no other option.
+only_help() {
+    [ $# -eq 0 ] || [ "$1" = --help ] || unknown_option "$1"
+    [ $# -eq 0 ] || { usage && exit; }
+}
+
 job_count() { nproc 2>/dev/null || echo 2; }
 
 # missing PACKAGE...: those of the Debian packages that are not installed.

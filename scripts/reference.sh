@@ -6,12 +6,7 @@
 # usage: scripts/reference.sh [--help]
 . "$(dirname "$0")/common.sh"
 
-for option in "$@"; do
-    case $option in
-        --help) usage && exit ;;
-        *) unknown_option "$option" ;;
-    esac
-done
+only_help "$@"
 
 need doxygen
 
