@@ -2,6 +2,7 @@
 
 #include "DevelopRaw/Kernels.h"
 
+#include "Common/DevicePixels.h"
 #include "Qx.Cuda/QxLaunchKernel.h"
 
 namespace Qx::Examples
@@ -9,17 +10,6 @@ namespace Qx::Examples
 
 namespace
 {
-
-struct SPixel
-{
-    unsigned char uRed, uGreen, uBlue, uAlpha;
-};
-
-template <typename T>
-__device__ T& _At(const SDeviceImageDesc2D& xImage, int x, int y)
-{
-    return reinterpret_cast<T*>(static_cast<char*>(xImage.pData) + static_cast<std::uint64_t>(y) * xImage.nPitch)[x];
-}
 
 // Mirrors at the first and last pixel, which keeps the colour of the sensor's pattern; clamps in images too small for
 // that.
@@ -32,7 +22,7 @@ __device__ int _Mirror(int i, int iCount)
 template <typename T>
 __device__ T _AtMirrored(const SDeviceImageDesc2D& xImage, int x, int y)
 {
-    return _At<T>(xImage, _Mirror(x, xImage.xFormat.iWidth), _Mirror(y, xImage.xFormat.iHeight));
+    return At<T>(xImage, _Mirror(x, xImage.xFormat.iWidth), _Mirror(y, xImage.xFormat.iHeight));
 }
 
 __device__ unsigned char _ToByte(float fSample)
@@ -46,29 +36,29 @@ __device__ unsigned char _ToByte(float fSample)
 // Bayer-patterned color images", ICASSP 2004), whose coefficients are eighths.
 __global__ void GreenKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen)
 {
-    const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
-    const int y = static_cast<int>(blockIdx.y);
-    if (x >= xRaw.xFormat.iWidth || y >= xRaw.xFormat.iHeight)
+    int x = 0;
+    int y = 0;
+    if (!FindPixel(xRaw, x, y))
     {
         return;
     }
-    const auto At = [&](int iDx, int iDy)
+    const auto Sample = [&](int iDx, int iDy)
     {
         return static_cast<float>(_AtMirrored<unsigned short>(xRaw, x + iDx, y + iDy));
     };
-    const float fNear = At(-1, 0) + At(1, 0) + At(0, -1) + At(0, 1);
-    const float fFar = At(-2, 0) + At(2, 0) + At(0, -2) + At(0, 2);
+    const float fNear = Sample(-1, 0) + Sample(1, 0) + Sample(0, -1) + Sample(0, 1);
+    const float fFar = Sample(-2, 0) + Sample(2, 0) + Sample(0, -2) + Sample(0, 2);
     const bool bGreen = (x + y) % 2 != 0;
-    _At<float>(xGreen, x, y) = bGreen ? At(0, 0) : (4.0F * At(0, 0) + 2.0F * fNear - fFar) / 8.0F;
+    At<float>(xGreen, x, y) = bGreen ? Sample(0, 0) : (4.0F * Sample(0, 0) + 2.0F * fNear - fFar) / 8.0F;
 }
 
 // The other colours: their difference from green varies slowly, so it is what is interpolated.
 __global__ void ColourKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen, SDeviceImageDesc2D xPicture,
                              CudaDebug::SParameter xDebug, CudaDebug::EKind eKind)
 {
-    const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
-    const int y = static_cast<int>(blockIdx.y);
-    if (x >= xRaw.xFormat.iWidth || y >= xRaw.xFormat.iHeight)
+    int x = 0;
+    int y = 0;
+    if (!FindPixel(xRaw, x, y))
     {
         return;
     }
@@ -79,16 +69,16 @@ __global__ void ColourKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen,
     };
     const bool bRedRow = y % 2 == 0;
     const bool bGreen = (x + y) % 2 != 0;
-    const float fGreen = _At<float>(xGreen, x, y);
+    const float fGreen = At<float>(xGreen, x, y);
     // Of the colour that this row of the sensor has beside green, and of the other one.
     const float fOfRow = fGreen + (bGreen ? (Difference(-1, 0) + Difference(1, 0)) / 2.0F : Difference(0, 0));
     const float fOfOther =
         fGreen + (bGreen ? (Difference(0, -1) + Difference(0, 1)) / 2.0F
                          : (Difference(-1, -1) + Difference(1, -1) + Difference(-1, 1) + Difference(1, 1)) / 4.0F);
-    _At<SPixel>(xPicture, x, y) = {_ToByte(bRedRow ? fOfRow : fOfOther), _ToByte(fGreen),
-                                   _ToByte(bRedRow ? fOfOther : fOfRow), 255};
+    At<SPixel>(xPicture, x, y) = {_ToByte(bRedRow ? fOfRow : fOfOther), _ToByte(fGreen),
+                                  _ToByte(bRedRow ? fOfOther : fOfRow), 255};
 
-    const int iSample = _At<unsigned short>(xRaw, x, y);
+    const int iSample = At<unsigned short>(xRaw, x, y);
     if (eKind == c_eReportClipped && iSample >= c_iWhite)
     {
         const int iSlot = atomicAdd(xDebug.pCounter, 1);
@@ -109,9 +99,9 @@ __constant__ SDeviceImageDesc2D c_xSource;
 // Sobel's operator on the brightness.
 __global__ void EdgeKernel(SDeviceImageDesc2D xEdges)
 {
-    const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
-    const int y = static_cast<int>(blockIdx.y);
-    if (x >= xEdges.xFormat.iWidth || y >= xEdges.xFormat.iHeight)
+    int x = 0;
+    int y = 0;
+    if (!FindPixel(xEdges, x, y))
     {
         return;
     }
@@ -130,7 +120,7 @@ __global__ void EdgeKernel(SDeviceImageDesc2D xEdges)
     }
     const float fStrength = sqrtf(fAcross * fAcross + fDown * fDown);
     const auto uGrey = static_cast<unsigned char>(fStrength > 255.0F ? 255.0F : fStrength);
-    _At<SPixel>(xEdges, x, y) = {uGrey, uGrey, uGrey, 255};
+    At<SPixel>(xEdges, x, y) = {uGrey, uGrey, uGrey, 255};
 }
 
 } // namespace

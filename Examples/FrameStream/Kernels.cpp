@@ -2,6 +2,7 @@
 
 #include "FrameStream/Kernels.h"
 
+#include "Common/DevicePixels.h"
 #include "Qx.Cuda/QxLaunchKernel.h"
 
 namespace Qx::Examples
@@ -10,41 +11,32 @@ namespace Qx::Examples
 namespace
 {
 
-struct SPixel
+// Three times as far from the mean m of the four neighbours: m + 3 (c - m) = (6 c - n) / 2, where n is their sum.
+__device__ unsigned char _Sharpen(int iCentre, int iNeighbours)
 {
-    unsigned char auChannels[4];
-};
-
-__device__ SPixel& _At(const SDeviceImageDesc2D& xImage, int x, int y)
-{
-    return reinterpret_cast<SPixel*>(static_cast<char*>(xImage.pData) +
-                                     static_cast<std::uint64_t>(y) * xImage.nPitch)[x];
+    const int iSharp = (6 * iCentre - iNeighbours) / 2;
+    return static_cast<unsigned char>(iSharp < 0 ? 0 : (iSharp > 255 ? 255 : iSharp));
 }
 
 __global__ void SharpenKernel(SDeviceImageDesc2D xFrame, SDeviceImageDesc2D xResult)
 {
-    const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
-    const int y = static_cast<int>(blockIdx.y);
-    const int iWidth = xFrame.xFormat.iWidth;
-    const int iHeight = xFrame.xFormat.iHeight;
-    if (x >= iWidth || y >= iHeight)
+    int x = 0;
+    int y = 0;
+    if (!FindPixel(xFrame, x, y))
     {
         return;
     }
-    const SPixel xCentre = _At(xFrame, x, y);
-    const SPixel xLeft = _At(xFrame, x > 0 ? x - 1 : x, y);
-    const SPixel xRight = _At(xFrame, x + 1 < iWidth ? x + 1 : x, y);
-    const SPixel xAbove = _At(xFrame, x, y > 0 ? y - 1 : y);
-    const SPixel xBelow = _At(xFrame, x, y + 1 < iHeight ? y + 1 : y);
-    SPixel xSharp = xCentre; // with its alpha
-    for (int iChannel = 0; iChannel < 3; ++iChannel)
-    {
-        const int iMean4 = xLeft.auChannels[iChannel] + xRight.auChannels[iChannel] + xAbove.auChannels[iChannel] +
-                           xBelow.auChannels[iChannel];
-        const int iSharp = (6 * xCentre.auChannels[iChannel] - iMean4) / 2;
-        xSharp.auChannels[iChannel] = static_cast<unsigned char>(iSharp < 0 ? 0 : (iSharp > 255 ? 255 : iSharp));
-    }
-    _At(xResult, x, y) = xSharp;
+    const SPixel xCentre = At<SPixel>(xFrame, x, y);
+    const SPixel xLeft = At<SPixel>(xFrame, x > 0 ? x - 1 : x, y);
+    const SPixel xRight = At<SPixel>(xFrame, x + 1 < xFrame.xFormat.iWidth ? x + 1 : x, y);
+    const SPixel xAbove = At<SPixel>(xFrame, x, y > 0 ? y - 1 : y);
+    const SPixel xBelow = At<SPixel>(xFrame, x, y + 1 < xFrame.xFormat.iHeight ? y + 1 : y);
+    At<SPixel>(xResult, x, y) = {
+        _Sharpen(xCentre.uRed, xLeft.uRed + xRight.uRed + xAbove.uRed + xBelow.uRed),
+        _Sharpen(xCentre.uGreen, xLeft.uGreen + xRight.uGreen + xAbove.uGreen + xBelow.uGreen),
+        _Sharpen(xCentre.uBlue, xLeft.uBlue + xRight.uBlue + xAbove.uBlue + xBelow.uBlue),
+        xCentre.uAlpha,
+    };
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "HeightCorrection/Kernels.h"
 
+#include "Common/DevicePixels.h"
 #include "Qx.Cuda/QxLaunchKernel.h"
 
 namespace Qx::Examples
@@ -15,12 +16,6 @@ namespace Qx::Examples
 
 namespace
 {
-
-__device__ float& _At(const SDeviceImageDesc2D& xImage, int x, int y)
-{
-    return reinterpret_cast<float*>(static_cast<char*>(xImage.pData) +
-                                    static_cast<std::uint64_t>(y) * xImage.nPitch)[x];
-}
 
 // The index of the cell along an axis, -1 when the coordinate is in none. Only quotients that an int holds are
 // converted.
@@ -33,13 +28,13 @@ __device__ int _CellIndex(const SMappingDesc& xMapping, int iAxis, float fCoordi
 
 __global__ void CorrectionKernel(SDeviceImageDesc2D xMeasured, SDeviceImageDesc2D xCorrected, SMappingDesc xMapping)
 {
-    const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
-    const int y = static_cast<int>(blockIdx.y);
-    if (x >= xMeasured.xFormat.iWidth || y >= xMeasured.xFormat.iHeight)
+    int x = 0;
+    int y = 0;
+    if (!FindPixel(xMeasured, x, y))
     {
         return;
     }
-    const float afPoint[3] = {static_cast<float>(x) + 0.5F, static_cast<float>(y) + 0.5F, _At(xMeasured, x, y)};
+    const float afPoint[3] = {static_cast<float>(x) + 0.5F, static_cast<float>(y) + 0.5F, At<float>(xMeasured, x, y)};
     int aiIndex[3] = {};
     bool bInCell = true;
     for (int iAxis = 0; iAxis < 3; ++iAxis)
@@ -52,7 +47,7 @@ __global__ void CorrectionKernel(SDeviceImageDesc2D xMeasured, SDeviceImageDesc2
     const int iCell = aiIndex[2] * (aiCounts[0] * aiCounts[1]) + aiIndex[0] * aiCounts[1] + aiIndex[1];
     const float fValue = bInCell ? xMapping.pValues[iCell] : 0.0F;
     // Not added when it is 0, which would turn a height of -0 into 0.
-    _At(xCorrected, x, y) = fValue != 0.0F ? afPoint[2] + fValue : afPoint[2];
+    At<float>(xCorrected, x, y) = fValue != 0.0F ? afPoint[2] + fValue : afPoint[2];
 }
 
 } // namespace
