@@ -96,9 +96,7 @@ void _RegisterSize(int iSize)
     const auto pOperands = std::make_shared<SOperands>(iSize);
     const std::string sSize = std::to_string(iSize) + "x" + std::to_string(iSize);
     const auto Add = [&](const std::string& sOperation, const char* pcSide, const Step& xStep)
-    {
-        _Register(sOperation + '/' + sSize + '/' + pcSide, pOperands, xStep);
-    };
+    { _Register(sOperation + '/' + sSize + '/' + pcSide, pOperands, xStep); };
     const std::size_t nBytes = pOperands->vLong.GetSize() * sizeof(float);
     Add("Set", "library",
         [](SOperands& x)

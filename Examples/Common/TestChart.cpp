@@ -23,10 +23,7 @@ CPixel _PixelAt(int x, int y, int iWidth, int iHeight)
     if (fY < 0.25)
     {
         const int iBar = static_cast<int>(fX * 8); // white, yellow, cyan, green, magenta, red, blue, black
-        const auto Channel = [iBar](int iMask)
-        {
-            return static_cast<unsigned char>((iBar & iMask) != 0 ? 0 : 255);
-        };
+        const auto Channel = [iBar](int iMask) { return static_cast<unsigned char>((iBar & iMask) != 0 ? 0 : 255); };
         return {Channel(2), Channel(4), Channel(1), 255};
     }
     if (fY < 0.35)

@@ -43,9 +43,7 @@ __global__ void GreenKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen)
         return;
     }
     const auto Sample = [&](int iDx, int iDy)
-    {
-        return static_cast<float>(_AtMirrored<unsigned short>(xRaw, x + iDx, y + iDy));
-    };
+    { return static_cast<float>(_AtMirrored<unsigned short>(xRaw, x + iDx, y + iDy)); };
     const float fNear = Sample(-1, 0) + Sample(1, 0) + Sample(0, -1) + Sample(0, 1);
     const float fFar = Sample(-2, 0) + Sample(2, 0) + Sample(0, -2) + Sample(0, 2);
     const bool bGreen = (x + y) % 2 != 0;

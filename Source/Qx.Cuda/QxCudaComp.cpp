@@ -151,10 +151,7 @@ CQxString CQxCudaComp::_ShowDebugErrorWindow(cudaError eError, const char* pcKer
     };
     // What the rest of the report leaves goes to the message first, then to the kernel's name.
     const std::size_t nRoom = sizeof(acReport) - 1 - std::min(Format(0, 0), sizeof(acReport) - 1);
-    const auto Length = [](const char* pcText)
-    {
-        return pcText != nullptr ? std::strlen(pcText) : 0;
-    };
+    const auto Length = [](const char* pcText) { return pcText != nullptr ? std::strlen(pcText) : 0; };
     const std::size_t nMessage = std::min(Length(pcMessage), nRoom);
     Format(nMessage, std::min(Length(pcKernel), nRoom - nMessage));
 

@@ -437,10 +437,7 @@ cudaChannelFormatDesc CQxDeviceImage2D::_CreateCudaChannelFormatDescFromFormat(c
     constexpr SThrowSite c_xSite{c_pcFile, "_CreateCudaChannelFormatDescFromFormat"};
     const SChannel xChannel = _GetChannel(xFormat.eDataType, c_xSite);
     const int iChannels = _GetChannelCount(xFormat.ePixelType, c_xSite);
-    const auto Bits = [&](int iChannel)
-    {
-        return iChannel < iChannels ? xChannel.iBits : 0;
-    };
+    const auto Bits = [&](int iChannel) { return iChannel < iChannels ? xChannel.iBits : 0; };
     return {Bits(0), Bits(1), Bits(2), Bits(3), xChannel.eKind};
 }
 

@@ -148,8 +148,7 @@ private:
     void _Grow() noexcept
     {
         const std::size_t nOldChains = _ChainCount();
-        TNode** const ppNewChains = new (std::nothrow) TNode* [nOldChains * 4] {
-        };
+        TNode** const ppNewChains = new (std::nothrow) TNode* [nOldChains * 4] {};
         if (ppNewChains == nullptr)
         {
             return;

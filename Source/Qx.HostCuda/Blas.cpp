@@ -405,10 +405,7 @@ cublasStatus_t _Asum(cublasHandle_t hHandle, int iCount, const T* pX, int iStep,
                          return CUBLAS_STATUS_EXECUTION_FAILED;
                      }
                      const bool bAny = iCount > 0 && iStep > 0;
-                     const auto Sum = [=]
-                     {
-                         return bAny ? SRoutines<T>::c_pAsum(iCount, pX, iStep) : T{};
-                     };
+                     const auto Sum = [=] { return bAny ? SRoutines<T>::c_pAsum(iCount, pX, iStep) : T{}; };
                      CDevice& xDevice = *xContext.pDevice;
                      COperands xOperands(xContext);
                      if (bAny)

@@ -329,10 +329,7 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* prop, int device)
                 _GetAttribute(*pDevice, eAttribute, iValue);
                 return iValue;
             };
-            const auto GetSize = [&](cudaDeviceAttr eAttribute)
-            {
-                return static_cast<std::size_t>(Get(eAttribute));
-            };
+            const auto GetSize = [&](cudaDeviceAttr eAttribute) { return static_cast<std::size_t>(Get(eAttribute)); };
             cudaDeviceProp xProperties{};
             static_cast<void>(
                 std::snprintf(xProperties.name, sizeof(xProperties.name), "Host stand-in device %d", device));

@@ -23,10 +23,7 @@ static_assert(c_nMaxGridX * c_nMaxGridYZ <= UINT64_MAX / c_nMaxGridYZ, "the bloc
 
 bool _IsValid(const dim3& xGrid, const dim3& xBlock) noexcept
 {
-    const auto Within = [](std::uint64_t uValue, std::uint64_t uMax)
-    {
-        return uValue >= 1 && uValue <= uMax;
-    };
+    const auto Within = [](std::uint64_t uValue, std::uint64_t uMax) { return uValue >= 1 && uValue <= uMax; };
     return Within(xGrid.x, c_nMaxGridX) && Within(xGrid.y, c_nMaxGridYZ) && Within(xGrid.z, c_nMaxGridYZ) &&
            Within(xBlock.x, 1024) && Within(xBlock.y, 1024) && Within(xBlock.z, 64) &&
            xBlock.x * xBlock.y * xBlock.z <= 1024;

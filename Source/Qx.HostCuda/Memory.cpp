@@ -360,10 +360,7 @@ bool CMemory::_ResetIfIdle(CDevice& xDevice) noexcept
 {
     const std::unique_lock xLock(m_xMutex);
     const int iDevice = xDevice.GetID();
-    const auto IsUsedElsewhere = [&](const SBlock& xBlock)
-    {
-        return xBlock.iDevice == iDevice && xBlock.bForeignUse;
-    };
+    const auto IsUsedElsewhere = [&](const SBlock& xBlock) { return xBlock.iDevice == iDevice && xBlock.bForeignUse; };
     if (std::ranges::any_of(m_vBlocks, IsUsedElsewhere))
     {
         for (int iOther = 0; iOther < GetDeviceCount(); ++iOther)

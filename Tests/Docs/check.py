@@ -3,7 +3,7 @@
 
   check.py errors ROOT   Docs/errors.md lists the messages that the libraries throw: all of them, no others, each in the
                          section of its source file
-  check.py links ROOT    every relative link of a page leads to a file
+  check.py links ROOT    every relative link of a page leads to a file, and so does every path that it names
 """
 import pathlib
 import re
@@ -88,13 +88,14 @@ def check_links(root):
     count = 0
     for page in [*root.glob("*.md"), *root.glob("Docs/**/*.md")]:
         text = re.sub(r"^```.*?^```", "", page.read_text(), flags=re.S | re.M)
-        for link in re.findall(r"\]\(([^)\s]+)\)", text):
-            if re.match(r"[a-z]+:", link):
-                continue
-            count += 1
-            # Nor may it name a heading, which Doxygen does not find in another page.
-            if not (page.parent / link).exists():
-                failures.append(f"{page.relative_to(root)}: there is no {link}")
+        # Nor may a link name a heading, which Doxygen does not find in another page.
+        links = [page.parent / link for link in re.findall(r"\]\(([^)\s]+)\)", text) if not re.match(r"[a-z]+:", link)]
+        if page.name != "CHANGELOG.md":  # which tells of what is gone, too
+            links += [root / path for path in re.findall(r"`((?:Source|Tests|Examples|Benchmarks|Docs|scripts|cmake|"
+                                                         r"\.ci)/[\w./-]+)", text)]
+        count += len(links)
+        failures += [f"{page.relative_to(root)}: there is no {link.relative_to(root)}" for link in links
+                     if not link.exists()]
     print(f"{count} links")
     return failures if count > 10 else failures + ["hardly any link was found in the pages"]
 

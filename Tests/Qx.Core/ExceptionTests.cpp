@@ -248,10 +248,7 @@ TEST(Exception, GuardWrapsExceptionsOfTheSdk)
 
 TEST(Exception, GuardRecordsTheLineOfItsCall)
 {
-    const auto Fail = []
-    {
-        throw CDiskException("No answer", 1);
-    };
+    const auto Fail = [] { throw CDiskException("No answer", 1); };
     const int iLine = __LINE__ + 3;
     try
     {

@@ -94,14 +94,8 @@ TEST(String, IsUnchangedWhenItCannotGrow)
 {
     const CQxString sLong(c_pcLong);
     std::optional<CQxString> xText;
-    const auto Setup = [&]
-    {
-        xText.emplace("old");
-    };
-    const auto CheckUnchanged = [&]
-    {
-        EXPECT_STREQ(xText->ToCString(), "old");
-    };
+    const auto Setup = [&] { xText.emplace("old"); };
+    const auto CheckUnchanged = [&] { EXPECT_STREQ(xText->ToCString(), "old"); };
     EXPECT_EQ(FailEachAllocation(
                   Setup, [&] { *xText << c_pcLong; }, CheckUnchanged),
               2);

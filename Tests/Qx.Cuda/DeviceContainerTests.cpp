@@ -173,19 +173,9 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
     EXPECT_EQ(GetState(xVector), (State{0, false, true}));
     EXPECT_EQ(GetState(xMatrix), (State{0, 0, false, true}));
     const auto SetVector = [&](std::size_t nSize)
-    {
-        return [&xVector, nSize]
-        {
-            xVector.Set(MakeVector<TypeParam>(nSize));
-        };
-    };
+    { return [&xVector, nSize] { xVector.Set(MakeVector<TypeParam>(nSize)); }; };
     const auto SetMatrix = [&](std::uint64_t nRows, std::uint64_t nCols)
-    {
-        return [&xMatrix, nRows, nCols]
-        {
-            xMatrix.Set(MakeMatrix<TypeParam>(nRows, nCols));
-        };
-    };
+    { return [&xMatrix, nRows, nCols] { xMatrix.Set(MakeMatrix<TypeParam>(nRows, nCols)); }; };
     const Names vNone;
     const Names vFirst{"cudaMalloc", "cudaMemcpy"};
     const Names vOther{"cudaFree", "cudaMalloc", "cudaMemcpy"};

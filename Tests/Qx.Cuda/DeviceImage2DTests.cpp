@@ -128,9 +128,7 @@ TEST_F(DeviceImage2D, RefusesOtherFormatsAndKeepsOrEmptiesTheImageByTheStepThatR
         bool bUnchanged;
     };
     const auto Unsupported = [](const char* pcMessage)
-    {
-        return Plain(pcMessage, "_CreateCudaChannelFormatDescFromFormat", c_pcFile);
-    };
+    { return Plain(pcMessage, "_CreateCudaChannelFormatDescFromFormat", c_pcFile); };
     const SLink xNoSize = Plain("Width or height of given image format is 0", "Create", c_pcFile);
     const SLink xChannels = Plain("Only 1, 2 or 4 channels per pixel are allowed", "Create", c_pcFile);
     const SLink xUnknownPixel = Plain("Unknown pixel type", "GetComponentCount", c_pcFormatFile);

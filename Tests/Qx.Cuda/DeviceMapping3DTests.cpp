@@ -495,10 +495,7 @@ void _RunAnySequence()
         {
             const std::size_t nBytes = bValid ? axHosts[xModel.iHost].GetByteCount() : 0;
             const bool bNewBlock = nBytes != axHosts[iHost].GetByteCount();
-            xRun = [&]
-            {
-                xDevice.Create(axHosts[iHost]);
-            };
+            xRun = [&] { xDevice.Create(axHosts[iHost]); };
             bFails = bNewBlock && (bRefused || iFault == FaultGet);
             if (!bFails)
             {
@@ -512,17 +509,11 @@ void _RunAnySequence()
             break;
         }
         case 1:
-            xRun = [&]
-            {
-                xDevice.Download(xResult);
-            };
+            xRun = [&] { xDevice.Download(xResult); };
             bFails = !bValid || iFault == FaultCopy;
             break;
         case 2:
-            xRun = [&]
-            {
-                xDevice.SetZero();
-            };
+            xRun = [&] { xDevice.SetZero(); };
             bFails = iFault == FaultMemset;
             xNext.xValues.reset();
             if (bValid && !bFails)
@@ -531,18 +522,12 @@ void _RunAnySequence()
             }
             break;
         case 3:
-            xRun = [&]
-            {
-                xDevice.Release();
-            };
+            xRun = [&] { xDevice.Release(); };
             bFails = bRefused;
             xNext = bFails ? xModel : SModel();
             break;
         default:
-            xRun = [&]
-            {
-                xDevice = std::move(axDevices[iOther]);
-            };
+            xRun = [&] { xDevice = std::move(axDevices[iOther]); };
             bFails = axModels[iOther].iHost < 0 || bRefused;
             if (!bFails)
             {

@@ -74,36 +74,14 @@ TEST(DeviceMMU, TurnsEachFailureIntoTheExceptionOfItsKind)
 {
     std::size_t nPitch = 7;
     const std::map<std::string, std::function<void()>> xOperations{
-        {"cudaMalloc",
-         []
-         {
-             MMU::QxCudaMalloc(4, 4);
-         }},
-        {"cudaMallocPitch",
-         [&]
-         {
-             MMU::QxCudaMallocPitch(nPitch, 4, 4);
-         }},
-        {"cudaMallocArray",
-         []
-         {
-             MMU::QxCudaMallocArray(c_xDesc, 4, 4);
-         }},
-        {"cudaFree",
-         []
-         {
-             MMU::QxCudaFree(nullptr);
-         }},
-        {"cudaFreeArray",
-         []
-         {
-             MMU::QxCudaFreeArray(nullptr);
-         }},
+        {"cudaMalloc", [] { MMU::QxCudaMalloc(4, 4); }},
+        {"cudaMallocPitch", [&] { MMU::QxCudaMallocPitch(nPitch, 4, 4); }},
+        {"cudaMallocArray", [] { MMU::QxCudaMallocArray(c_xDesc, 4, 4); }},
+        {"cudaFree", [] { MMU::QxCudaFree(nullptr); }},
+        {"cudaFreeArray", [] { MMU::QxCudaFreeArray(nullptr); }},
     };
     const auto Failed = [](const char* pcMessage, cudaError_t eError, const char* pcFunction)
-    {
-        return Cuda(pcMessage, eError, pcFunction, c_pcMmuFile);
-    };
+    { return Cuda(pcMessage, eError, pcFunction, c_pcMmuFile); };
     const char* const pcLinear = "Error allocating CUDA memory";
     const char* const pcArray = "Error allocating CUDA array memory";
     const cudaError_t eDescriptor = cudaErrorInvalidChannelDescriptor;

@@ -375,9 +375,7 @@ TEST_F(ImageTransfer, RefusesEmptyImagesNullPointersAndFormatsThatTheTargetCanno
     const SLink xChannels = Plain("Only 1, 2 or 4 channels per pixel are allowed", "Create", c_pcFile2D);
     const SLink xDimension = Plain("Invalid image dimension", "Create", c_pcFile1D);
     const auto Null = [](const char* pcMessage, const char* pcFunction, const char* pcFile)
-    {
-        return Plain(pcMessage, pcFunction, pcFile);
-    };
+    { return Plain(pcMessage, pcFunction, pcFile); };
     constexpr const char* c_pcNullSource = "The source image pointer is null";
     constexpr const char* c_pcNullTarget = "The target image pointer is null";
     const CQxImage xRgb = MakeImage(CQxImageFormat(4, 4, EDataType::UByte, EPixelType::RGB));
@@ -574,10 +572,7 @@ TEST_F(ImageTransfer, AnyPathEndsWithThePixelsThatItBeganWith)
                              xFormat.eDataType == EDataType::Integral10 || xFormat.eDataType == EDataType::Integral12;
         return !bPacked && xFormat.ePixelType != EPixelType::TwoComponent && xFormat.GetComponentCount() != 3;
     };
-    const auto Is2D = [](EPlace ePlace)
-    {
-        return ePlace == EPlace::Image2D || ePlace == EPlace::Other2D;
-    };
+    const auto Is2D = [](EPlace ePlace) { return ePlace == EPlace::Image2D || ePlace == EPlace::Other2D; };
     EXPECT_TRUE(rc::check(
         [&]
         {
@@ -622,10 +617,7 @@ TEST_F(ImageTransfer, CreatesAHostImageOnlyForAnotherFormat)
     x1D.Create(xImage);
     for (const bool bFrom2D : {true, false})
     {
-        const auto CopyTo = [&](CQxImage& xResult)
-        {
-            bFrom2D ? x2D.CopyTo(xResult) : x1D.CopyTo(xResult);
-        };
+        const auto CopyTo = [&](CQxImage& xResult) { bFrom2D ? x2D.CopyTo(xResult) : x1D.CopyTo(xResult); };
         CQxImage xResult(c_xFormat);
         const void* const pBuffer = xResult.GetDataPtr();
         CopyTo(xResult);

@@ -161,9 +161,7 @@ TYPED_TEST(MatrixMath, MakesOneCallWithTheseArguments)
     using Element = typename TypeParam::Element;
     using Arguments = std::vector<std::uint64_t>;
     const auto Address = [](const void* pMemory)
-    {
-        return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(pMemory));
-    };
+    { return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(pMemory)); };
     typename TypeParam::Math xMath(this->m_hHandle);
     const auto pA = this->_Upload(this->_HostMatrix(3, 2));
     const auto pX = this->_Upload(this->_HostVector(2));
@@ -225,18 +223,13 @@ TYPED_TEST(MatrixMath, RefusesWhatCublasWouldNotNotice)
     typename F::Matrix xWide;
     xWide.Resize(0, UINT64_MAX); // fits the size of the failed vector
 
-    const auto Mult = [](const char* pcMessage)
-    {
+    const auto Mult = [](const char* pcMessage) {
         return std::vector<SLink>{F::c_xMult, Plain(pcMessage, "Mult", c_pcFile)};
     };
-    const auto Syrk = [](const char* pcMessage)
-    {
+    const auto Syrk = [](const char* pcMessage) {
         return std::vector<SLink>{F::c_xSyrk, Plain(pcMessage, "MultWithTranspose", c_pcFile)};
     };
-    const auto Sum = [](const char* pcMessage)
-    {
-        return std::vector<SLink>{Plain(pcMessage, "SumAbs", c_pcFile)};
-    };
+    const auto Sum = [](const char* pcMessage) { return std::vector<SLink>{Plain(pcMessage, "SumAbs", c_pcFile)}; };
     const char* const pcFit = "Matrix sizes don't fit";
     const char* const pcNull = "Nullptr --> CLUBLAS is not initialized";
     const char* const pcZero = "Matrix size is zero";

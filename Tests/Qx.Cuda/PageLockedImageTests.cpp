@@ -132,13 +132,9 @@ TEST_F(PageLockedImage, QueuedTransfersReturnAtOnceAndKeepTheirOrder)
         xHost.Create(c_xFormat);
     }
     const auto Put = [](CQxPageLockedImage& xHost, const CQxImage& xImage)
-    {
-        std::memcpy(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize());
-    };
+    { std::memcpy(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize()); };
     const auto Holds = [](const CQxPageLockedImage& xHost, const CQxImage& xImage)
-    {
-        return std::memcmp(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize()) == 0;
-    };
+    { return std::memcmp(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize()) == 0; };
     Put(vHost[0], xFirst);
     Put(vHost[1], xSecond);
     CQxDeviceImage2D x2D(xZero);

@@ -388,25 +388,14 @@ TEST_F(PoolScripted, ABlockThatIsBeingFreedIsNotLentAndThePoolIsNotLockedMeanwhi
 {
     // Requests, inside the free, what the freed block would answer.
     static CCudaMemoryPitchResource s_xMeanwhile;
-    const auto Request = []
-    {
-        s_xMeanwhile = CResourceManager::GetCudaMemoryPitch(16, 16);
-    };
+    const auto Request = [] { s_xMeanwhile = CResourceManager::GetCudaMemoryPitch(16, 16); };
     const struct
     {
         const char* pcName;
         std::function<void(CCudaMemoryPitchResource&)> Free;
     } c_vCases[] = {
-        {"trim",
-         [](CCudaMemoryPitchResource& xBlock)
-         {
-             (_Release(xBlock), CResourceManager::Trim(0));
-         }},
-        {"flag",
-         [](CCudaMemoryPitchResource& xBlock)
-         {
-             CResourceManager::ReleaseResource(xBlock, true);
-         }},
+        {"trim", [](CCudaMemoryPitchResource& xBlock) { (_Release(xBlock), CResourceManager::Trim(0)); }},
+        {"flag", [](CCudaMemoryPitchResource& xBlock) { CResourceManager::ReleaseResource(xBlock, true); }},
         {"room for another block",
          [](CCudaMemoryPitchResource& xBlock)
          {
@@ -443,16 +432,10 @@ TEST_F(PoolScripted, ABlockThatIsBeingFreedIsNotLentAndThePoolIsNotLockedMeanwhi
             }
             else
             {
-                CScriptedRuntime::sm_pOnCall = []
-                {
-                    s_Hook();
-                };
+                CScriptedRuntime::sm_pOnCall = [] { s_Hook(); };
             }
         };
-        CScriptedRuntime::sm_pOnCall = []
-        {
-            s_Hook();
-        };
+        CScriptedRuntime::sm_pOnCall = [] { s_Hook(); };
         xCase.Free(xBlock);
         ASSERT_NE(s_xMeanwhile.m_pDevice, nullptr);
         EXPECT_NE(_Address(s_xMeanwhile), nAddress);
@@ -534,10 +517,7 @@ TEST_F(PoolScripted, RecordsOfMemoryThatTheRuntimeHandsOutAnewAreReplaced)
 TEST_F(PoolScripted, ABlockWhoseBytesCannotBeCountedIsRefused)
 {
     CScriptedRuntime::sm_nPitch = std::size_t{1} << 40;
-    const auto Request = []
-    {
-        CResourceManager::GetCudaMemoryPitch(1, std::size_t{1} << 24);
-    };
+    const auto Request = [] { CResourceManager::GetCudaMemoryPitch(1, std::size_t{1} << 24); };
     EXPECT_TRUE(
         ThrowsChain(Request, {{"Qx.OutOfMemoryException",
                                "Error allocating GPU memory. Out of memory: requested 16777216 rows of 1 bytes, in use "

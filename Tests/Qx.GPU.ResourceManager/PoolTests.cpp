@@ -466,21 +466,9 @@ TEST_F(Pool, WhenABlockCannotBeFreedThePoolKeepsItAndTheOnesAfterIt)
         const char* pcFunction;
         std::function<void(CCudaMemoryPitchResource& xLent)> Operation;
     } c_vCases[] = {
-        {"Trim",
-         [](CCudaMemoryPitchResource&)
-         {
-             CResourceManager::Trim(0);
-         }},
-        {"SetIdleLimit",
-         [](CCudaMemoryPitchResource&)
-         {
-             CResourceManager::SetIdleLimit(0);
-         }},
-        {"ReleaseResource",
-         [](CCudaMemoryPitchResource& xLent)
-         {
-             _Release(xLent);
-         }},
+        {"Trim", [](CCudaMemoryPitchResource&) { CResourceManager::Trim(0); }},
+        {"SetIdleLimit", [](CCudaMemoryPitchResource&) { CResourceManager::SetIdleLimit(0); }},
+        {"ReleaseResource", [](CCudaMemoryPitchResource& xLent) { _Release(xLent); }},
         {"GetCudaMemory",
          [](CCudaMemoryPitchResource&)
          {

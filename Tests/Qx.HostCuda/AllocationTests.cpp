@@ -38,76 +38,21 @@ TEST(Allocations, CallsOfASteadyFrameLoopMakeNone)
     std::size_t nFree = 0;
     std::size_t nTotal = 0;
     const std::pair<const char*, std::function<cudaError_t()>> vCases[] = {
-        {"cudaGetDevice",
-         [&]
-         {
-             return cudaGetDevice(&iDevice);
-         }},
-        {"cudaSetDevice",
-         [&]
-         {
-             return cudaSetDevice(0);
-         }},
-        {"cudaGetLastError",
-         [&]
-         {
-             return cudaGetLastError();
-         }},
-        {"cudaMemGetInfo",
-         [&]
-         {
-             return cudaMemGetInfo(&nFree, &nTotal);
-         }},
-        {"cudaMemcpy",
-         [&]
-         {
-             return cudaMemcpy(pMemory, vHost.data(), 64, cudaMemcpyHostToDevice);
-         }},
+        {"cudaGetDevice", [&] { return cudaGetDevice(&iDevice); }},
+        {"cudaSetDevice", [&] { return cudaSetDevice(0); }},
+        {"cudaGetLastError", [&] { return cudaGetLastError(); }},
+        {"cudaMemGetInfo", [&] { return cudaMemGetInfo(&nFree, &nTotal); }},
+        {"cudaMemcpy", [&] { return cudaMemcpy(pMemory, vHost.data(), 64, cudaMemcpyHostToDevice); }},
         {"cudaMemcpy2D",
-         [&]
-         {
-             return cudaMemcpy2D(pMemory, nPitch, vHost.data(), 64, 64, 64, cudaMemcpyHostToDevice);
-         }},
-        {"cudaMemset",
-         [&]
-         {
-             return cudaMemset(pMemory, 0, 64);
-         }},
-        {"cudaMemset2D",
-         [&]
-         {
-             return cudaMemset2D(pMemory, nPitch, 0, 64, 64);
-         }},
-        {"cudaMemcpyToSymbol",
-         [&]
-         {
-             return cudaMemcpyToSymbol(g_vSymbol, vHost.data(), 16);
-         }},
-        {"cudaEventRecord",
-         [&]
-         {
-             return cudaEventRecord(hEvent, nullptr);
-         }},
-        {"cudaEventSynchronize",
-         [&]
-         {
-             return cudaEventSynchronize(hEvent);
-         }},
-        {"cudaStreamSynchronize",
-         [&]
-         {
-             return cudaStreamSynchronize(hStream);
-         }},
-        {"cudaStreamSynchronize of null",
-         [&]
-         {
-             return cudaStreamSynchronize(nullptr);
-         }},
-        {"cudaDeviceSynchronize",
-         [&]
-         {
-             return cudaDeviceSynchronize();
-         }},
+         [&] { return cudaMemcpy2D(pMemory, nPitch, vHost.data(), 64, 64, 64, cudaMemcpyHostToDevice); }},
+        {"cudaMemset", [&] { return cudaMemset(pMemory, 0, 64); }},
+        {"cudaMemset2D", [&] { return cudaMemset2D(pMemory, nPitch, 0, 64, 64); }},
+        {"cudaMemcpyToSymbol", [&] { return cudaMemcpyToSymbol(g_vSymbol, vHost.data(), 16); }},
+        {"cudaEventRecord", [&] { return cudaEventRecord(hEvent, nullptr); }},
+        {"cudaEventSynchronize", [&] { return cudaEventSynchronize(hEvent); }},
+        {"cudaStreamSynchronize", [&] { return cudaStreamSynchronize(hStream); }},
+        {"cudaStreamSynchronize of null", [&] { return cudaStreamSynchronize(nullptr); }},
+        {"cudaDeviceSynchronize", [&] { return cudaDeviceSynchronize(); }},
     };
     // Once on fresh streams and once when work has passed through them.
     for (int iTime = 0; iTime < 2; ++iTime)

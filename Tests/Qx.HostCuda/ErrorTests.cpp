@@ -59,212 +59,53 @@ TEST_F(Faults, EveryCallThatConcernsTheDeviceReturnsTheFault)
     ASSERT_EQ(cudaMallocArray(&hArray, &xFormat, 4, 4), cudaSuccess);
 
     const SCall vCalls[] = {
-        {"cudaDeviceSynchronize",
-         [&]
-         {
-             return cudaDeviceSynchronize();
-         }},
-        {"cudaMemGetInfo",
-         [&]
-         {
-             return cudaMemGetInfo(&nPitch, &nOther);
-         }},
-        {"cudaMalloc",
-         [&]
-         {
-             return cudaMalloc(&pOut, 16);
-         }},
-        {"cudaMallocPitch",
-         [&]
-         {
-             return cudaMallocPitch(&pOut, &nPitch, 16, 1);
-         }},
-        {"cudaMallocManaged",
-         [&]
-         {
-             return cudaMallocManaged(&pOut, 16);
-         }},
-        {"cudaHostAlloc",
-         [&]
-         {
-             return cudaHostAlloc(&pOut, 16, 0);
-         }},
-        {"cudaMallocHost",
-         [&]
-         {
-             return cudaMallocHost(&pOut, 16);
-         }},
-        {"cudaMallocArray",
-         [&]
-         {
-             return cudaMallocArray(&hOutArray, &xFormat, 4, 4);
-         }},
-        {"cudaFree",
-         [&]
-         {
-             return cudaFree(pDevice);
-         }},
-        {"cudaFree of null",
-         [&]
-         {
-             return cudaFree(nullptr);
-         }},
-        {"cudaFreeHost",
-         [&]
-         {
-             return cudaFreeHost(pPinned);
-         }},
-        {"cudaFreeArray",
-         [&]
-         {
-             return cudaFreeArray(hArray);
-         }},
-        {"cudaArrayGetInfo",
-         [&]
-         {
-             return cudaArrayGetInfo(nullptr, nullptr, nullptr, hArray);
-         }},
-        {"cudaHostGetDevicePointer",
-         [&]
-         {
-             return cudaHostGetDevicePointer(&pOut, pPinned, 0);
-         }},
-        {"cudaPointerGetAttributes",
-         [&]
-         {
-             return cudaPointerGetAttributes(&xAttributes, pDevice);
-         }},
-        {"cudaMemcpy",
-         [&]
-         {
-             return cudaMemcpy(vHost, pDevice, 16, cudaMemcpyDeviceToHost);
-         }},
-        {"cudaMemcpy of nothing",
-         [&]
-         {
-             return cudaMemcpy(vHost, pDevice, 0, cudaMemcpyDeviceToHost);
-         }},
-        {"cudaMemcpyAsync",
-         [&]
-         {
-             return cudaMemcpyAsync(vHost, pDevice, 16, cudaMemcpyDeviceToHost, hStream);
-         }},
-        {"cudaMemcpy2D",
-         [&]
-         {
-             return cudaMemcpy2D(vHost, 4, pDevice, 4, 4, 4, cudaMemcpyDeviceToHost);
-         }},
+        {"cudaDeviceSynchronize", [&] { return cudaDeviceSynchronize(); }},
+        {"cudaMemGetInfo", [&] { return cudaMemGetInfo(&nPitch, &nOther); }},
+        {"cudaMalloc", [&] { return cudaMalloc(&pOut, 16); }},
+        {"cudaMallocPitch", [&] { return cudaMallocPitch(&pOut, &nPitch, 16, 1); }},
+        {"cudaMallocManaged", [&] { return cudaMallocManaged(&pOut, 16); }},
+        {"cudaHostAlloc", [&] { return cudaHostAlloc(&pOut, 16, 0); }},
+        {"cudaMallocHost", [&] { return cudaMallocHost(&pOut, 16); }},
+        {"cudaMallocArray", [&] { return cudaMallocArray(&hOutArray, &xFormat, 4, 4); }},
+        {"cudaFree", [&] { return cudaFree(pDevice); }},
+        {"cudaFree of null", [&] { return cudaFree(nullptr); }},
+        {"cudaFreeHost", [&] { return cudaFreeHost(pPinned); }},
+        {"cudaFreeArray", [&] { return cudaFreeArray(hArray); }},
+        {"cudaArrayGetInfo", [&] { return cudaArrayGetInfo(nullptr, nullptr, nullptr, hArray); }},
+        {"cudaHostGetDevicePointer", [&] { return cudaHostGetDevicePointer(&pOut, pPinned, 0); }},
+        {"cudaPointerGetAttributes", [&] { return cudaPointerGetAttributes(&xAttributes, pDevice); }},
+        {"cudaMemcpy", [&] { return cudaMemcpy(vHost, pDevice, 16, cudaMemcpyDeviceToHost); }},
+        {"cudaMemcpy of nothing", [&] { return cudaMemcpy(vHost, pDevice, 0, cudaMemcpyDeviceToHost); }},
+        {"cudaMemcpyAsync", [&] { return cudaMemcpyAsync(vHost, pDevice, 16, cudaMemcpyDeviceToHost, hStream); }},
+        {"cudaMemcpy2D", [&] { return cudaMemcpy2D(vHost, 4, pDevice, 4, 4, 4, cudaMemcpyDeviceToHost); }},
         {"cudaMemcpy2DAsync",
-         [&]
-         {
-             return cudaMemcpy2DAsync(vHost, 4, pDevice, 4, 4, 4, cudaMemcpyDeviceToHost, hStream);
-         }},
-        {"cudaMemset",
-         [&]
-         {
-             return cudaMemset(pDevice, 0, 16);
-         }},
-        {"cudaMemsetAsync",
-         [&]
-         {
-             return cudaMemsetAsync(pDevice, 0, 16, hStream);
-         }},
-        {"cudaMemset2D",
-         [&]
-         {
-             return cudaMemset2D(pDevice, 4, 0, 4, 4);
-         }},
-        {"cudaMemset2DAsync",
-         [&]
-         {
-             return cudaMemset2DAsync(pDevice, 4, 0, 4, 4, hStream);
-         }},
-        {"cudaMemcpyToSymbol",
-         [&]
-         {
-             return cudaMemcpyToSymbol(g_vSymbol, vHost, 16);
-         }},
-        {"cudaMemcpyToSymbolAsync",
-         [&]
-         {
-             return cudaMemcpyToSymbolAsync(g_vSymbol, vHost, 16);
-         }},
-        {"cudaMemcpyFromSymbol",
-         [&]
-         {
-             return cudaMemcpyFromSymbol(vHost, g_vSymbol, 16);
-         }},
-        {"cudaMemcpyFromSymbolAsync",
-         [&]
-         {
-             return cudaMemcpyFromSymbolAsync(vHost, g_vSymbol, 16);
-         }},
-        {"cudaStreamCreate",
-         [&]
-         {
-             return cudaStreamCreate(&hOutStream);
-         }},
-        {"cudaStreamSynchronize",
-         [&]
-         {
-             return cudaStreamSynchronize(hStream);
-         }},
-        {"cudaStreamSynchronize of null",
-         [&]
-         {
-             return cudaStreamSynchronize(nullptr);
-         }},
-        {"cudaStreamQuery",
-         [&]
-         {
-             return cudaStreamQuery(hStream);
-         }},
-        {"cudaStreamWaitEvent",
-         [&]
-         {
-             return cudaStreamWaitEvent(hStream, hEvent);
-         }},
+         [&] { return cudaMemcpy2DAsync(vHost, 4, pDevice, 4, 4, 4, cudaMemcpyDeviceToHost, hStream); }},
+        {"cudaMemset", [&] { return cudaMemset(pDevice, 0, 16); }},
+        {"cudaMemsetAsync", [&] { return cudaMemsetAsync(pDevice, 0, 16, hStream); }},
+        {"cudaMemset2D", [&] { return cudaMemset2D(pDevice, 4, 0, 4, 4); }},
+        {"cudaMemset2DAsync", [&] { return cudaMemset2DAsync(pDevice, 4, 0, 4, 4, hStream); }},
+        {"cudaMemcpyToSymbol", [&] { return cudaMemcpyToSymbol(g_vSymbol, vHost, 16); }},
+        {"cudaMemcpyToSymbolAsync", [&] { return cudaMemcpyToSymbolAsync(g_vSymbol, vHost, 16); }},
+        {"cudaMemcpyFromSymbol", [&] { return cudaMemcpyFromSymbol(vHost, g_vSymbol, 16); }},
+        {"cudaMemcpyFromSymbolAsync", [&] { return cudaMemcpyFromSymbolAsync(vHost, g_vSymbol, 16); }},
+        {"cudaStreamCreate", [&] { return cudaStreamCreate(&hOutStream); }},
+        {"cudaStreamSynchronize", [&] { return cudaStreamSynchronize(hStream); }},
+        {"cudaStreamSynchronize of null", [&] { return cudaStreamSynchronize(nullptr); }},
+        {"cudaStreamQuery", [&] { return cudaStreamQuery(hStream); }},
+        {"cudaStreamWaitEvent", [&] { return cudaStreamWaitEvent(hStream, hEvent); }},
         {"cudaLaunchHostFunc",
          [&]
          {
              return cudaLaunchHostFunc(
                  hStream, [](void*) {}, nullptr);
          }},
-        {"cudaStreamDestroy",
-         [&]
-         {
-             return cudaStreamDestroy(hStream);
-         }},
-        {"cudaEventCreate",
-         [&]
-         {
-             return cudaEventCreate(&hOutEvent);
-         }},
-        {"cudaEventRecord",
-         [&]
-         {
-             return cudaEventRecord(hEvent, hStream);
-         }},
-        {"cudaEventSynchronize",
-         [&]
-         {
-             return cudaEventSynchronize(hEvent);
-         }},
-        {"cudaEventQuery",
-         [&]
-         {
-             return cudaEventQuery(hEvent);
-         }},
-        {"cudaEventElapsedTime",
-         [&]
-         {
-             return cudaEventElapsedTime(&fTime, hEvent, hEvent);
-         }},
-        {"cudaEventDestroy",
-         [&]
-         {
-             return cudaEventDestroy(hEvent);
-         }},
+        {"cudaStreamDestroy", [&] { return cudaStreamDestroy(hStream); }},
+        {"cudaEventCreate", [&] { return cudaEventCreate(&hOutEvent); }},
+        {"cudaEventRecord", [&] { return cudaEventRecord(hEvent, hStream); }},
+        {"cudaEventSynchronize", [&] { return cudaEventSynchronize(hEvent); }},
+        {"cudaEventQuery", [&] { return cudaEventQuery(hEvent); }},
+        {"cudaEventElapsedTime", [&] { return cudaEventElapsedTime(&fTime, hEvent, hEvent); }},
+        {"cudaEventDestroy", [&] { return cudaEventDestroy(hEvent); }},
     };
     HostCuda::SStatistics xBefore;
     HostCuda::SStatistics xAfter;

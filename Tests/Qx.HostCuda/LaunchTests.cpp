@@ -158,9 +158,7 @@ TEST_F(Launches, EveryThreadOfEveryBlockRunsOnceWithItsIndices)
             ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
             const SSeen* pSeen = xSeen.begin();
             const auto Same = [](const auto& xA, const auto& xB)
-            {
-                return xA.x == xB.x && xA.y == xB.y && xA.z == xB.z;
-            };
+            { return xA.x == xB.x && xA.y == xB.y && xA.z == xB.z; };
             uint3 xB{};
             uint3 xT{};
             int iWrong = 0;
@@ -307,10 +305,7 @@ TEST_F(Launches, RefuseWhatADeviceCannotRun)
         {"stream of a thread", [](auto& x) { x.stream = cudaStreamPerThread; }, cudaErrorNotSupported},
     };
     CManaged<int> xRuns;
-    const auto Count = [](int* pRuns)
-    {
-        atomicAdd(pRuns, 1);
-    };
+    const auto Count = [](int* pRuns) { atomicAdd(pRuns, 1); };
     for (const auto& [pcName, Change, eExpected] : vCases)
     {
         cudaLaunchConfig_t xConfig = Configure(1, 1);
@@ -379,21 +374,9 @@ TEST_F(Launches, NeitherWaitNorLookAtTheirArgumentsAgain)
 TEST_F(Launches, WhateverLeavesAKernelIsAFaultOfItsDevice)
 {
     const std::pair<const char*, void (*)()> vCases[] = {
-        {"trap",
-         []
-         {
-             __trap();
-         }},
-        {"exception",
-         []
-         {
-             throw std::runtime_error("in a kernel");
-         }},
-        {"any type",
-         []
-         {
-             throw 1;
-         }},
+        {"trap", [] { __trap(); }},
+        {"exception", [] { throw std::runtime_error("in a kernel"); }},
+        {"any type", [] { throw 1; }},
         {"a trap that the kernel catches",
          []
          {
@@ -485,9 +468,7 @@ TEST_F(Launches, SeeConstantsThatWereCopiedBeforeThem)
     const CStreamScope xStream;
     CManaged<float> xSeen(2);
     const auto Read = [](float* pSeen)
-    {
-        *pSeen = static_cast<float>(s_iConstant) + s_vConstants[0] + s_vConstants[1] + s_vConstants[2];
-    };
+    { *pSeen = static_cast<float>(s_iConstant) + s_vConstants[0] + s_vConstants[1] + s_vConstants[2]; };
     const int iValue = 1000;
     const float vValues[] = {200, 30, 4};
     ASSERT_EQ(Launch(1, 1, xStream, Read, xSeen.begin()), cudaSuccess);
@@ -600,11 +581,8 @@ TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)
     EXPECT_EQ(max(2U, -1), UINT_MAX);
     EXPECT_EQ(min(INT64_MIN, INT64_MAX), INT64_MIN);
     constexpr float c_fNaN = std::numeric_limits<float>::quiet_NaN();
-    for (const auto Pick : {+[](float fA, float fB) { return min(fA, fB); },
-                            +[](float fA, float fB)
-                            {
-                                return max(fA, fB);
-                            }})
+    for (const auto Pick :
+         {+[](float fA, float fB) { return min(fA, fB); }, +[](float fA, float fB) { return max(fA, fB); }})
     {
         EXPECT_EQ(Pick(c_fNaN, 1.0F), 1.0F);
         EXPECT_EQ(Pick(1.0F, c_fNaN), 1.0F);

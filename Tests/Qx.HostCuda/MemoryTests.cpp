@@ -86,81 +86,23 @@ TEST_F(Memory, RefusedAllocationsWriteNothingAndTakeNothing)
         cudaError_t eExpected;
         std::function<cudaError_t()> Make;
     } const vCases[] = {
-        {"one byte too many", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMalloc(&pMemory, 10001);
-         }},
-        {"all addresses", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMalloc(&pMemory, SIZE_MAX);
-         }},
-        {"managed", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocManaged(&pMemory, SIZE_MAX);
-         }},
-        {"page-locked", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocHost(&pMemory, SIZE_MAX);
-         }},
-        {"page-locked half", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocHost(&pMemory, SIZE_MAX / 2);
-         }},
-        {"padding counts", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocPitch(&pMemory, &nPitch, 1, 20);
-         }},
+        {"one byte too many", cudaErrorMemoryAllocation, [&] { return cudaMalloc(&pMemory, 10001); }},
+        {"all addresses", cudaErrorMemoryAllocation, [&] { return cudaMalloc(&pMemory, SIZE_MAX); }},
+        {"managed", cudaErrorMemoryAllocation, [&] { return cudaMallocManaged(&pMemory, SIZE_MAX); }},
+        {"page-locked", cudaErrorMemoryAllocation, [&] { return cudaMallocHost(&pMemory, SIZE_MAX); }},
+        {"page-locked half", cudaErrorMemoryAllocation, [&] { return cudaMallocHost(&pMemory, SIZE_MAX / 2); }},
+        {"padding counts", cudaErrorMemoryAllocation, [&] { return cudaMallocPitch(&pMemory, &nPitch, 1, 20); }},
         {"row of all addresses", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocPitch(&pMemory, &nPitch, SIZE_MAX, 1);
-         }},
+         [&] { return cudaMallocPitch(&pMemory, &nPitch, SIZE_MAX, 1); }},
         {"rows that wrap", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocPitch(&pMemory, &nPitch, 512, SIZE_MAX / 512 + 2);
-         }},
-        {"array", cudaErrorMemoryAllocation,
-         [&]
-         {
-             return cudaMallocArray(&hArray, &xFormat, 100, 100);
-         }},
-        {"null", cudaErrorInvalidValue,
-         [&]
-         {
-             return cudaMalloc(static_cast<void**>(nullptr), 1);
-         }},
-        {"null and nothing", cudaErrorInvalidValue,
-         [&]
-         {
-             return cudaMalloc(static_cast<void**>(nullptr), 0);
-         }},
-        {"null pitch", cudaErrorInvalidValue,
-         [&]
-         {
-             return cudaMallocPitch(&pMemory, nullptr, 1, 1);
-         }},
-        {"managed flags", cudaErrorInvalidValue,
-         [&]
-         {
-             return cudaMallocManaged(&pMemory, 1, cudaMemAttachSingle);
-         }},
-        {"no managed flags", cudaErrorInvalidValue,
-         [&]
-         {
-             return cudaMallocManaged(&pMemory, 1, 0);
-         }},
-        {"page-locked flags", cudaErrorInvalidValue,
-         [&]
-         {
-             return cudaHostAlloc(&pMemory, 1, 8);
-         }},
+         [&] { return cudaMallocPitch(&pMemory, &nPitch, 512, SIZE_MAX / 512 + 2); }},
+        {"array", cudaErrorMemoryAllocation, [&] { return cudaMallocArray(&hArray, &xFormat, 100, 100); }},
+        {"null", cudaErrorInvalidValue, [&] { return cudaMalloc(static_cast<void**>(nullptr), 1); }},
+        {"null and nothing", cudaErrorInvalidValue, [&] { return cudaMalloc(static_cast<void**>(nullptr), 0); }},
+        {"null pitch", cudaErrorInvalidValue, [&] { return cudaMallocPitch(&pMemory, nullptr, 1, 1); }},
+        {"managed flags", cudaErrorInvalidValue, [&] { return cudaMallocManaged(&pMemory, 1, cudaMemAttachSingle); }},
+        {"no managed flags", cudaErrorInvalidValue, [&] { return cudaMallocManaged(&pMemory, 1, 0); }},
+        {"page-locked flags", cudaErrorInvalidValue, [&] { return cudaHostAlloc(&pMemory, 1, 8); }},
     };
     for (const auto& xCase : vCases)
     {
@@ -206,9 +148,7 @@ TEST_F(Memory, OnlyTheStartOfALiveBlockOfTheRightKindIsFreed)
     {
         const bool bHost = eMemory == EMemory::PageLocked;
         const auto Free = [](void* pMemory, bool bHostCall)
-        {
-            return bHostCall ? cudaFreeHost(pMemory) : cudaFree(pMemory);
-        };
+        { return bHostCall ? cudaFreeHost(pMemory) : cudaFree(pMemory); };
         void* pFreed = nullptr;
         {
             const CBlock xBlock(eMemory, 1024);

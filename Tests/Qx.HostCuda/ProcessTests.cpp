@@ -302,9 +302,7 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisation)
 {
     // Each client does something that happens to take time or to touch the same structures, but does not synchronise.
     const std::pair<const char*, void (*)(SClient&)> vCases[] = {
-        {"nothing",
-         [](SClient&) {
-         }},
+        {"nothing", [](SClient&) {}},
         {"more work on the stream",
          [](SClient& xClient)
          {
@@ -365,21 +363,9 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisation)
 TEST_F(ProcessDeathTest, ThreadSanitizerAcceptsEveryWayToSynchronise)
 {
     const std::pair<const char*, void (*)(SClient&)> vCases[] = {
-        {"stream",
-         [](SClient& xClient)
-         {
-             cudaStreamSynchronize(xClient.hStream);
-         }},
-        {"legacy stream",
-         [](SClient&)
-         {
-             cudaStreamSynchronize(nullptr);
-         }},
-        {"device",
-         [](SClient&)
-         {
-             cudaDeviceSynchronize();
-         }},
+        {"stream", [](SClient& xClient) { cudaStreamSynchronize(xClient.hStream); }},
+        {"legacy stream", [](SClient&) { cudaStreamSynchronize(nullptr); }},
+        {"device", [](SClient&) { cudaDeviceSynchronize(); }},
         {"query",
          [](SClient& xClient)
          {
@@ -414,21 +400,9 @@ TEST_F(ProcessDeathTest, ThreadSanitizerAcceptsEveryWayToSynchronise)
              cudaStreamWaitEvent(xClient.hOther, hEvent);
              cudaStreamSynchronize(xClient.hOther);
          }},
-        {"synchronous call",
-         [](SClient& xClient)
-         {
-             cudaMemset(xClient.pDevice, 1, 64);
-         }},
-        {"free",
-         [](SClient& xClient)
-         {
-             cudaFree(xClient.pDevice);
-         }},
-        {"reset",
-         [](SClient&)
-         {
-             cudaDeviceReset();
-         }},
+        {"synchronous call", [](SClient& xClient) { cudaMemset(xClient.pDevice, 1, 64); }},
+        {"free", [](SClient& xClient) { cudaFree(xClient.pDevice); }},
+        {"reset", [](SClient&) { cudaDeviceReset(); }},
     };
     for (const auto& [pcName, Synchronise] : vCases)
     {

@@ -187,38 +187,14 @@ TEST_F(Streams, SynchronousCallsWaitTheirTurnOnTheLegacyStream)
         const char* pcName;
         std::function<cudaError_t()> Make;
     } const vCases[] = {
-        {"cudaMemcpy",
-         [&]
-         {
-             return cudaMemcpy(xBlock.Get(), vHost, 64, cudaMemcpyHostToDevice);
-         }},
-        {"cudaMemcpy2D",
-         [&]
-         {
-             return cudaMemcpy2D(xBlock.Get(), 8, vHost, 8, 8, 8, cudaMemcpyHostToDevice);
-         }},
+        {"cudaMemcpy", [&] { return cudaMemcpy(xBlock.Get(), vHost, 64, cudaMemcpyHostToDevice); }},
+        {"cudaMemcpy2D", [&] { return cudaMemcpy2D(xBlock.Get(), 8, vHost, 8, 8, 8, cudaMemcpyHostToDevice); }},
 #ifdef QX_HOSTCUDA // where memsets wait as well
-        {"cudaMemset",
-         [&]
-         {
-             return cudaMemset(xBlock.Get(), 0, 64);
-         }},
-        {"cudaMemset2D",
-         [&]
-         {
-             return cudaMemset2D(xBlock.Get(), 8, 0, 8, 8);
-         }},
+        {"cudaMemset", [&] { return cudaMemset(xBlock.Get(), 0, 64); }},
+        {"cudaMemset2D", [&] { return cudaMemset2D(xBlock.Get(), 8, 0, 8, 8); }},
 #endif
-        {"cudaStreamSynchronize",
-         [&]
-         {
-             return cudaStreamSynchronize(nullptr);
-         }},
-        {"cudaDeviceSynchronize",
-         [&]
-         {
-             return cudaDeviceSynchronize();
-         }},
+        {"cudaStreamSynchronize", [&] { return cudaStreamSynchronize(nullptr); }},
+        {"cudaDeviceSynchronize", [&] { return cudaDeviceSynchronize(); }},
     };
     for (const auto& xCase : vCases)
     {
@@ -351,10 +327,7 @@ TEST_F(Streams, DeadAndForeignHandlesAreRefusedByEveryCall)
     for (const auto& xHandle : vHandles)
     {
         const cudaStream_t h = xHandle.hStream;
-        const auto Check = [&](cudaError_t eError)
-        {
-            ExpectFailure(eError, xHandle.eExpected, xHandle.pcName);
-        };
+        const auto Check = [&](cudaError_t eError) { ExpectFailure(eError, xHandle.eExpected, xHandle.pcName); };
         Check(cudaStreamSynchronize(h));
         Check(cudaStreamQuery(h));
         Check(cudaStreamDestroy(h));

@@ -89,9 +89,7 @@ TEST_F(Symbols, OnlyWritableDataOfModulesIsASymbol)
     for (const auto& [pcName, pSymbol] : vCases)
     {
         const auto Check = [pcWhat = pcName](cudaError_t eError)
-        {
-            ExpectFailure(eError, cudaErrorInvalidSymbol, pcWhat);
-        };
+        { ExpectFailure(eError, cudaErrorInvalidSymbol, pcWhat); };
         Check(cudaMemcpyToSymbol(pSymbol, vHost.data(), 4, 0, cudaMemcpyHostToDevice));
         Check(cudaMemcpyToSymbolAsync(pSymbol, vHost.data(), 4, 0, cudaMemcpyHostToDevice, nullptr));
         Check(cudaMemcpyFromSymbol(vHost.data(), pSymbol, 4, 0, cudaMemcpyDeviceToHost));
@@ -140,9 +138,7 @@ TEST_F(Symbols, DirectionAndOtherSideAreChecked)
         ExpectFailure(cudaMemcpyFromSymbolAsync(vHost, pSymbol, 4, 0, eKind), cudaErrorInvalidMemcpyDirection);
     }
     const auto ToSymbol = [&](const void* pSource, std::size_t nCount, cudaMemcpyKind eKind)
-    {
-        return cudaMemcpyToSymbol(pSymbol, pSource, nCount, 0, eKind);
-    };
+    { return cudaMemcpyToSymbol(pSymbol, pSource, nCount, 0, eKind); };
     ExpectFailure(ToSymbol(xBlock.Get(), 4, cudaMemcpyHostToDevice), cudaErrorInvalidValue);
     ExpectFailure(ToSymbol(vHost, 4, cudaMemcpyDeviceToDevice), cudaErrorInvalidValue);
     ExpectFailure(ToSymbol(nullptr, 4, cudaMemcpyHostToDevice), cudaErrorInvalidValue);
