@@ -104,6 +104,71 @@ enum class EPlace
 /// One image of every kind. All start empty.
 struct SPlaces
 {
+private:
+    template <typename TPlaces, typename TVisitor>
+    static auto _Visit(TPlaces& x, EPlace ePlace, TVisitor&& xVisitor)
+    {
+        switch (ePlace)
+        {
+        case EPlace::Client:
+            return xVisitor(x.xClient);
+        case EPlace::PageLocked:
+            return xVisitor(x.xPageLocked);
+        case EPlace::Image2D:
+            return xVisitor(x.x2D);
+        case EPlace::Other2D:
+            return xVisitor(x.xOther2D);
+        case EPlace::Image1D:
+            return xVisitor(x.x1D);
+        case EPlace::Other1D:
+            return xVisitor(x.xOther1D);
+        default:
+            return xVisitor(x.xHost);
+        }
+    }
+
+    static void _Fill(CQxImage& xPlace, const CQxImage& xImage) { xPlace = xImage; }
+    static void _Fill(CClientImage& xPlace, const CQxImage& xImage) { xPlace.m_xImage = xImage; }
+    static void _Fill(CQxPageLockedImage& xPlace, const CQxImage& xImage)
+    {
+        xPlace.Create(xImage.GetFormat());
+        std::memcpy(xPlace.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize());
+    }
+    static void _Fill(auto& xDevice, const CQxImage& xImage) { xDevice.Create(xImage); }
+
+    static CQxImage _Read(const CQxImage& xPlace) { return xPlace; }
+    static CQxImage _Read(const CClientImage& xPlace) { return xPlace.m_xImage; }
+    static CQxImage _Read(const CQxPageLockedImage& xPlace)
+    {
+        CQxImage xImage(xPlace.GetFormat());
+        if (xImage.GetBufferSize() != 0)
+        {
+            std::memcpy(xImage.GetDataPtr(), xPlace.GetDataPtr(), xImage.GetBufferSize());
+        }
+        return xImage;
+    }
+    static CQxImage _Read(const auto& xDevice)
+    {
+        CQxImage xImage;
+        xDevice.CopyTo(xImage);
+        return xImage;
+    }
+
+    static CQxImageFormat _Format(const CClientImage& xPlace) { return xPlace.m_xImage.GetFormat(); }
+    static CQxImageFormat _Format(const auto& xPlace) { return xPlace.GetFormat(); }
+
+    using SRows = std::pair<const void*, std::uint64_t>;
+    static SRows _Packed(const void* pRows, const CQxImageFormat& xFormat)
+    {
+        const auto iRow = static_cast<std::int64_t>(xFormat.iWidth) * xFormat.GetBytesPerPixel();
+        return {pRows, static_cast<std::uint64_t>(iRow)};
+    }
+    static SRows _Rows(const CQxDeviceImage2D& xPlace) { return {xPlace.GetDevicePointer(), xPlace.GetDesc().nPitch}; }
+    static SRows _Rows(const CQxDeviceImage1D& xPlace) { return _Packed(xPlace.GetDevicePointer(), _Format(xPlace)); }
+    static SRows _Rows(const CClientImage& xPlace) { return _Rows(xPlace.m_xImage); }
+    static SRows _Rows(const auto& xPlace) { return _Packed(xPlace.GetDataPtr(), _Format(xPlace)); }
+
+public:
     SPlaces() = default;
     SPlaces(const SPlaces&) = delete;
     SPlaces& operator=(const SPlaces&) = delete;
@@ -121,109 +186,24 @@ struct SPlaces
     /// Brings an image to a place by a transfer from a `CQxImage`, or without any on the host.
     void Fill(EPlace ePlace, const CQxImage& xImage)
     {
-        switch (ePlace)
-        {
-        case EPlace::Host:
-            xHost = xImage;
-            break;
-        case EPlace::Client:
-            xClient.m_xImage = xImage;
-            break;
-        case EPlace::PageLocked:
-            xPageLocked.Create(xImage.GetFormat());
-            std::memcpy(xPageLocked.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize());
-            break;
-        case EPlace::Image2D:
-            x2D.Create(xImage);
-            break;
-        case EPlace::Other2D:
-            xOther2D.Create(xImage);
-            break;
-        case EPlace::Image1D:
-            x1D.Create(xImage);
-            break;
-        case EPlace::Other1D:
-            xOther1D.Create(xImage);
-            break;
-        }
+        _Visit(*this, ePlace, [&](auto& xPlace) { _Fill(xPlace, xImage); });
     }
 
     /// The pixels that are at a place.
     CQxImage Read(EPlace ePlace) const
     {
-        CQxImage xImage;
-        switch (ePlace)
-        {
-        case EPlace::Host:
-            return xHost;
-        case EPlace::Client:
-            return xClient.m_xImage;
-        case EPlace::PageLocked:
-            xImage.Create(xPageLocked.GetFormat());
-            if (xImage.GetBufferSize() != 0)
-            {
-                std::memcpy(xImage.GetDataPtr(), xPageLocked.GetDataPtr(), xImage.GetBufferSize());
-            }
-            break;
-        case EPlace::Image2D:
-            x2D.CopyTo(xImage);
-            break;
-        case EPlace::Other2D:
-            xOther2D.CopyTo(xImage);
-            break;
-        case EPlace::Image1D:
-            x1D.CopyTo(xImage);
-            break;
-        case EPlace::Other1D:
-            xOther1D.CopyTo(xImage);
-            break;
-        }
-        return xImage;
+        return _Visit(*this, ePlace, [](const auto& xPlace) { return _Read(xPlace); });
     }
 
     CQxImageFormat Format(EPlace ePlace) const
     {
-        switch (ePlace)
-        {
-        case EPlace::Image2D:
-            return x2D.GetFormat();
-        case EPlace::Other2D:
-            return xOther2D.GetFormat();
-        case EPlace::Image1D:
-            return x1D.GetFormat();
-        case EPlace::Other1D:
-            return xOther1D.GetFormat();
-        default:
-            return Read(ePlace).GetFormat();
-        }
+        return _Visit(*this, ePlace, [](const auto& xPlace) { return _Format(xPlace); });
     }
 
     /// Address of the first row, and bytes from one row to the next.
     std::pair<const void*, std::uint64_t> Rows(EPlace ePlace) const
     {
-        const auto Packed = [&](const void* pRows, const CQxImageFormat& xFormat)
-        {
-            const auto iRow = static_cast<std::int64_t>(xFormat.iWidth) * xFormat.GetBytesPerPixel();
-            return std::pair(pRows, static_cast<std::uint64_t>(iRow));
-        };
-        switch (ePlace)
-        {
-        case EPlace::Host:
-            return Packed(xHost.GetDataPtr(), xHost.GetFormat());
-        case EPlace::Client:
-            return Packed(xClient.m_xImage.GetDataPtr(), xClient.m_xImage.GetFormat());
-        case EPlace::PageLocked:
-            return Packed(xPageLocked.GetDataPtr(), xPageLocked.GetFormat());
-        case EPlace::Image2D:
-            return {x2D.GetDevicePointer(), x2D.GetDesc().nPitch};
-        case EPlace::Other2D:
-            return {xOther2D.GetDevicePointer(), xOther2D.GetDesc().nPitch};
-        case EPlace::Image1D:
-            return Packed(x1D.GetDevicePointer(), x1D.GetFormat());
-        case EPlace::Other1D:
-            return Packed(xOther1D.GetDevicePointer(), xOther1D.GetFormat());
-        }
-        return {};
+        return _Visit(*this, ePlace, [](const auto& xPlace) { return _Rows(xPlace); });
     }
 };
 

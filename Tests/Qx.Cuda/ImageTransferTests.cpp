@@ -32,211 +32,79 @@ const SLink c_xTo2D = Plain("Error copying 2D CUDA device image", "CopyTo", c_pc
 const SLink c_xTo1D = Plain("Error copying 2D CUDA device image to 1D CUDA device image", "CopyTo", c_pcFile2D);
 const SLink c_xCreate1D = Plain("Error creating 1D Image", "Create", c_pcFile1D);
 
-// One transfer: what moves where, by which copy, and what is thrown when that fails.
-struct STransfer
+// By which copy pixels move, and what is thrown when that fails.
+struct SWay
 {
-    const char* pcName;
-    EPlace eFrom;
-    EPlace eTo;
-    std::function<void(SPlaces&)> Run;
     const char* pcCall;
     cudaMemcpyKind eKind;
     std::vector<SLink> vWrappers;
     const char* pcFailure;
     const char* pcFunction;
     const char* pcFile;
+};
 
-    SLink Failure(cudaError_t eError) const { return Cuda(pcFailure, eError, pcFunction, pcFile); }
+constexpr auto c_eUp = cudaMemcpyHostToDevice;
+constexpr auto c_eDown = cudaMemcpyDeviceToHost;
+constexpr auto c_eOver = cudaMemcpyDeviceToDevice;
+constexpr const char* c_pcUp = "Error copying image to cuda device";
+constexpr const char* c_pcDown = "Error copying image to host";
+constexpr const char* c_pcOver = "Error creating image on cuda device";
+constexpr const char* c_pcUp1D = "Error copying memory from host to device";
+constexpr const char* c_pcOver1D = "Error copying memory from device to device";
+constexpr const char* c_pcDown1D = "Error copying memory from device to host";
+const SWay c_xUp{"cudaMemcpy2D", c_eUp, {c_xCreate2D}, c_pcUp, "Create", c_pcFile2D};
+const SWay c_xUpQueued{"cudaMemcpy2DAsync", c_eUp, {c_xCreateAsync}, c_pcUp, "CreateAsync", c_pcFile2D};
+const SWay c_xUpFromDevice{"cudaMemcpy2D", c_eOver, {c_xCreate2D}, c_pcUp, "Create", c_pcFile2D};
+const SWay c_xDown{"cudaMemcpy2D", c_eDown, {c_xToHost}, c_pcDown, "CopyTo", c_pcFile2D};
+const SWay c_xDownQueued{"cudaMemcpy2DAsync", c_eDown, {c_xToHostAsync}, c_pcDown, "CopyToAsync", c_pcFile2D};
+const SWay c_xFrom2D{"cudaMemcpy2D", c_eOver, {c_xCreate2D}, c_pcOver, "Create", c_pcFile2D};
+const SWay c_xInto2D{"cudaMemcpy2D", c_eOver, {c_xTo2D, c_xCreate2D}, c_pcOver, "Create", c_pcFile2D};
+const SWay c_xInto1D{"cudaMemcpy2D", c_eOver, {c_xTo1D}, c_pcUp, "CopyTo", c_pcFile2D};
+const SWay c_xUp1D{"cudaMemcpy", c_eUp, {c_xCreate1D}, c_pcUp1D, "Create", c_pcFile1D};
+const SWay c_xOver1D{"cudaMemcpy", c_eOver, {c_xCreate1D}, c_pcOver1D, "Create", c_pcFile1D};
+const SWay c_xDown1D{"cudaMemcpy", c_eDown, {}, c_pcDown1D, "CopyTo", c_pcFile1D};
+
+struct STransfer
+{
+    const char* pcName;
+    EPlace eFrom;
+    EPlace eTo;
+    const SWay& xWay;
+    std::function<void(SPlaces&)> Run;
+
+    SLink Failure(cudaError_t eError) const { return Cuda(xWay.pcFailure, eError, xWay.pcFunction, xWay.pcFile); }
+    bool IsCall(const char* pcCall) const { return std::string(xWay.pcCall) == pcCall; }
 };
 
 const std::vector<STransfer>& Transfers()
 {
-    constexpr auto c_eUp = cudaMemcpyHostToDevice;
-    constexpr auto c_eDown = cudaMemcpyDeviceToHost;
-    constexpr auto c_eOver = cudaMemcpyDeviceToDevice;
-    constexpr const char* c_pcUp2D = "Error copying image to cuda device";
-    constexpr const char* c_pcDown2D = "Error copying image to host";
+    using enum EPlace;
     static const std::vector<STransfer> s_vTransfers{
-        {"host to 2D",
-         EPlace::Host,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.Create(x.xHost); },
-         "cudaMemcpy2D",
-         c_eUp,
-         {c_xCreate2D},
-         c_pcUp2D,
-         "Create",
-         c_pcFile2D},
-        {"host buffer to 2D",
-         EPlace::Host,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.Create(x.xHost.GetFormat(), x.xHost.GetDataPtr(), false); },
-         "cudaMemcpy2D",
-         c_eUp,
-         {c_xCreate2D},
-         c_pcUp2D,
-         "Create",
-         c_pcFile2D},
-        {"device buffer to 2D",
-         EPlace::Image1D,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.Create(x.x1D.GetFormat(), x.x1D.GetDevicePointer(), true); },
-         "cudaMemcpy2D",
-         c_eOver,
-         {c_xCreate2D},
-         c_pcUp2D,
-         "Create",
-         c_pcFile2D},
-        {"client to 2D",
-         EPlace::Client,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.Create(&x.xClient); },
-         "cudaMemcpy2D",
-         c_eUp,
-         {c_xCreate2D},
-         c_pcUp2D,
-         "Create",
-         c_pcFile2D},
-        {"client to 2D, queued",
-         EPlace::Client,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); },
-         "cudaMemcpy2DAsync",
-         c_eUp,
-         {c_xCreateAsync},
-         c_pcUp2D,
-         "CreateAsync",
-         c_pcFile2D},
-        {"page-locked to 2D, queued",
-         EPlace::PageLocked,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.CreateAsync(&x.xPageLocked, nullptr); },
-         "cudaMemcpy2DAsync",
-         c_eUp,
-         {c_xCreateAsync},
-         c_pcUp2D,
-         "CreateAsync",
-         c_pcFile2D},
-        {"2D to host",
-         EPlace::Image2D,
-         EPlace::Host,
-         [](SPlaces& x) { x.x2D.CopyTo(x.xHost); },
-         "cudaMemcpy2D",
-         c_eDown,
-         {c_xToHost},
-         c_pcDown2D,
-         "CopyTo",
-         c_pcFile2D},
-        {"2D to client",
-         EPlace::Image2D,
-         EPlace::Client,
-         [](SPlaces& x) { x.x2D.CopyTo(&x.xClient); },
-         "cudaMemcpy2D",
-         c_eDown,
-         {c_xToHost},
-         c_pcDown2D,
-         "CopyTo",
-         c_pcFile2D},
-        {"2D to client, queued",
-         EPlace::Image2D,
-         EPlace::Client,
-         [](SPlaces& x) { x.x2D.CopyToAsync(&x.xClient, nullptr); },
-         "cudaMemcpy2DAsync",
-         c_eDown,
-         {c_xToHostAsync},
-         c_pcDown2D,
-         "CopyToAsync",
-         c_pcFile2D},
-        {"2D to page-locked, queued",
-         EPlace::Image2D,
-         EPlace::PageLocked,
-         [](SPlaces& x) { x.x2D.CopyToAsync(&x.xPageLocked, nullptr); },
-         "cudaMemcpy2DAsync",
-         c_eDown,
-         {c_xToHostAsync},
-         c_pcDown2D,
-         "CopyToAsync",
-         c_pcFile2D},
-        {"2D from 2D",
-         EPlace::Other2D,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.Create(x.xOther2D); },
-         "cudaMemcpy2D",
-         c_eOver,
-         {c_xCreate2D},
-         "Error creating image on cuda device",
-         "Create",
-         c_pcFile2D},
-        {"2D to 2D",
-         EPlace::Image2D,
-         EPlace::Other2D,
-         [](SPlaces& x) { x.x2D.CopyTo(x.xOther2D); },
-         "cudaMemcpy2D",
-         c_eOver,
-         {c_xTo2D, c_xCreate2D},
-         "Error creating image on cuda device",
-         "Create",
-         c_pcFile2D},
-        {"1D to 2D",
-         EPlace::Image1D,
-         EPlace::Image2D,
-         [](SPlaces& x) { x.x2D.Create(x.x1D); },
-         "cudaMemcpy2D",
-         c_eOver,
-         {c_xCreate2D},
-         c_pcUp2D,
-         "Create",
-         c_pcFile2D},
-        {"2D to 1D",
-         EPlace::Image2D,
-         EPlace::Image1D,
-         [](SPlaces& x) { x.x2D.CopyTo(x.x1D); },
-         "cudaMemcpy2D",
-         c_eOver,
-         {c_xTo1D},
-         c_pcUp2D,
-         "CopyTo",
-         c_pcFile2D},
-        {"host to 1D",
-         EPlace::Host,
-         EPlace::Image1D,
-         [](SPlaces& x) { x.x1D.Create(x.xHost); },
-         "cudaMemcpy",
-         c_eUp,
-         {c_xCreate1D},
-         "Error copying memory from host to device",
-         "Create",
-         c_pcFile1D},
-        {"client to 1D",
-         EPlace::Client,
-         EPlace::Image1D,
-         [](SPlaces& x) { x.x1D.Create(&x.xClient); },
-         "cudaMemcpy",
-         c_eUp,
-         {c_xCreate1D},
-         "Error copying memory from host to device",
-         "Create",
-         c_pcFile1D},
-        {"1D to 1D",
-         EPlace::Other1D,
-         EPlace::Image1D,
-         [](SPlaces& x) { x.x1D.Create(x.xOther1D); },
-         "cudaMemcpy",
-         c_eOver,
-         {c_xCreate1D},
-         "Error copying memory from device to device",
-         "Create",
-         c_pcFile1D},
-        {"1D to host",
-         EPlace::Image1D,
-         EPlace::Host,
-         [](SPlaces& x) { x.x1D.CopyTo(x.xHost); },
-         "cudaMemcpy",
-         c_eDown,
-         {},
-         "Error copying memory from device to host",
-         "CopyTo",
-         c_pcFile1D}};
+        {"host to 2D", Host, Image2D, c_xUp, [](SPlaces& x) { x.x2D.Create(x.xHost); }},
+        {"host buffer to 2D", Host, Image2D, c_xUp,
+         [](SPlaces& x) { x.x2D.Create(x.xHost.GetFormat(), x.xHost.GetDataPtr(), false); }},
+        {"device buffer to 2D", Image1D, Image2D, c_xUpFromDevice,
+         [](SPlaces& x) { x.x2D.Create(x.x1D.GetFormat(), x.x1D.GetDevicePointer(), true); }},
+        {"client to 2D", Client, Image2D, c_xUp, [](SPlaces& x) { x.x2D.Create(&x.xClient); }},
+        {"client to 2D, queued", Client, Image2D, c_xUpQueued,
+         [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); }},
+        {"page-locked to 2D, queued", PageLocked, Image2D, c_xUpQueued,
+         [](SPlaces& x) { x.x2D.CreateAsync(&x.xPageLocked, nullptr); }},
+        {"2D to host", Image2D, Host, c_xDown, [](SPlaces& x) { x.x2D.CopyTo(x.xHost); }},
+        {"2D to client", Image2D, Client, c_xDown, [](SPlaces& x) { x.x2D.CopyTo(&x.xClient); }},
+        {"2D to client, queued", Image2D, Client, c_xDownQueued,
+         [](SPlaces& x) { x.x2D.CopyToAsync(&x.xClient, nullptr); }},
+        {"2D to page-locked, queued", Image2D, PageLocked, c_xDownQueued,
+         [](SPlaces& x) { x.x2D.CopyToAsync(&x.xPageLocked, nullptr); }},
+        {"2D from 2D", Other2D, Image2D, c_xFrom2D, [](SPlaces& x) { x.x2D.Create(x.xOther2D); }},
+        {"2D to 2D", Image2D, Other2D, c_xInto2D, [](SPlaces& x) { x.x2D.CopyTo(x.xOther2D); }},
+        {"1D to 2D", Image1D, Image2D, c_xUpFromDevice, [](SPlaces& x) { x.x2D.Create(x.x1D); }},
+        {"2D to 1D", Image2D, Image1D, c_xInto1D, [](SPlaces& x) { x.x2D.CopyTo(x.x1D); }},
+        {"host to 1D", Host, Image1D, c_xUp1D, [](SPlaces& x) { x.x1D.Create(x.xHost); }},
+        {"client to 1D", Client, Image1D, c_xUp1D, [](SPlaces& x) { x.x1D.Create(&x.xClient); }},
+        {"1D to 1D", Other1D, Image1D, c_xOver1D, [](SPlaces& x) { x.x1D.Create(x.xOther1D); }},
+        {"1D to host", Image1D, Host, c_xDown1D, [](SPlaces& x) { x.x1D.CopyTo(x.xHost); }},
+    };
     return s_vTransfers;
 }
 
@@ -282,7 +150,7 @@ TEST_F(ImageTransfer, IsOneCopyThatBringsEveryPixelAndReusesTheMemoryOfTheTarget
         CPoolRecorder::Reset();
         CCudaRecorder::Reset();
         xTransfer.Run(xPlaces);
-        ASSERT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{xTransfer.pcCall});
+        ASSERT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{xTransfer.xWay.pcCall});
         const std::uint64_t nRow = 37 * 4;
         std::vector<std::uint64_t> vArguments{Address(xPlaces.Rows(xTransfer.eTo).first),
                                               nTargetPitch,
@@ -290,16 +158,16 @@ TEST_F(ImageTransfer, IsOneCopyThatBringsEveryPixelAndReusesTheMemoryOfTheTarget
                                               nSourcePitch,
                                               nRow,
                                               11,
-                                              static_cast<std::uint64_t>(xTransfer.eKind)};
-        if (std::string(xTransfer.pcCall) == "cudaMemcpy")
+                                              static_cast<std::uint64_t>(xTransfer.xWay.eKind)};
+        if (xTransfer.IsCall("cudaMemcpy"))
         {
             vArguments = {vArguments[0], vArguments[2], nRow * 11, vArguments[6]};
         }
-        else if (std::string(xTransfer.pcCall) == "cudaMemcpy2DAsync")
+        else if (xTransfer.IsCall("cudaMemcpy2DAsync"))
         {
             vArguments.push_back(0);
         }
-        EXPECT_EQ(CCudaRecorder::Last(xTransfer.pcCall).vArguments, vArguments);
+        EXPECT_EQ(CCudaRecorder::Last(xTransfer.xWay.pcCall).vArguments, vArguments);
         EXPECT_EQ(xPlaces.Rows(xTransfer.eTo).first, pTarget);
         if (xTransfer.eFrom != EPlace::Host && xTransfer.eFrom != EPlace::Client)
         {
@@ -320,9 +188,9 @@ TEST_F(ImageTransfer, KeepsMemoryAndFormatOfTheTargetOfAFailedCopySoThatItCanBeR
         SPlaces xPlaces;
         xPlaces.Fill(xTransfer.eTo, MakeImage(c_xOtherFormat));
         xPlaces.Fill(xTransfer.eFrom, xImage);
-        CCudaRecorder::FailCall(xTransfer.pcCall, 1, cudaErrorInvalidValue);
-        EXPECT_TRUE(
-            Throws([&] { xTransfer.Run(xPlaces); }, xTransfer.vWrappers, xTransfer.Failure(cudaErrorInvalidValue)));
+        CCudaRecorder::FailCall(xTransfer.xWay.pcCall, 1, cudaErrorInvalidValue);
+        EXPECT_TRUE(Throws([&] { xTransfer.Run(xPlaces); }, xTransfer.xWay.vWrappers,
+                           xTransfer.Failure(cudaErrorInvalidValue)));
         EXPECT_EQ(xPlaces.Format(xTransfer.eTo), c_xFormat);
         CPoolRecorder::Reset();
         xTransfer.Run(xPlaces);
@@ -374,93 +242,69 @@ TEST_F(ImageTransfer, RefusesEmptyImagesNullPointersAndFormatsThatTheTargetCanno
     const SLink xNoSize = Plain("Width or height of given image format is 0", "Create", c_pcFile2D);
     const SLink xChannels = Plain("Only 1, 2 or 4 channels per pixel are allowed", "Create", c_pcFile2D);
     const SLink xDimension = Plain("Invalid image dimension", "Create", c_pcFile1D);
-    const auto Null = [](const char* pcMessage, const char* pcFunction, const char* pcFile)
-    { return Plain(pcMessage, pcFunction, pcFile); };
-    constexpr const char* c_pcNullSource = "The source image pointer is null";
-    constexpr const char* c_pcNullTarget = "The target image pointer is null";
+    const auto NullSource = [](const char* pcFunction, const char* pcFile = c_pcFile2D)
+    { return Plain("The source image pointer is null", pcFunction, pcFile); };
+    const auto NullTarget = [](const char* pcFunction)
+    { return Plain("The target image pointer is null", pcFunction, c_pcFile2D); };
+    const SLink xGivenInvalid = Plain("Given image is invalid", "Create", c_pcFile2D);
     const CQxImage xRgb = MakeImage(CQxImageFormat(4, 4, EDataType::UByte, EPixelType::RGB));
-    const CQxImage xNoWidth(CQxImageFormat(0, 4, EDataType::UByte, EPixelType::Lum));
+    const CQxImage xFlat(CQxImageFormat(0, 4, EDataType::UByte, EPixelType::Lum));
     const CQxImage xUnknown = MakeImage(CQxImageFormat(4, 4, EDataType::Packed10, EPixelType::Lum));
+    const auto ClientRgb = [&](SPlaces& x) { x.xClient.m_xImage = xRgb; };
+    const auto ClientFlat = [&](SPlaces& x) { x.xClient.m_xImage = xFlat; };
+    IImage* const pNull = nullptr;
+    const IImage* const pConstNull = nullptr;
+    using Chain = std::vector<SLink>;
+    const Chain vChannels{c_xCreate2D, c_xCreate2D, xChannels};
+    const Chain vNoSize{c_xCreate2D, c_xCreate2D, xNoSize};
+    const Chain vDimension{c_xCreate1D, xDimension};
     const struct
     {
         const char* pcName;
-        std::function<void(SPlaces&)> Prepare;
+        Chain vChain;
         std::function<void(SPlaces&)> Run;
-        std::vector<SLink> vChain;
+        std::function<void(SPlaces&)> Prepare = {};
     } c_vCases[] = {
-        {"empty 2D to host", {}, [](SPlaces& x) { x.xOther2D.CopyTo(x.xHost); }, {c_xToHost, xInvalid}},
-        {"empty 2D to null",
-         {},
-         [](SPlaces& x) { x.xOther2D.CopyTo(static_cast<IImage*>(nullptr)); },
-         {c_xToHost, xInvalid}},
+        {"empty 2D to host", {c_xToHost, xInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(x.xHost); }},
+        {"empty 2D to null", {c_xToHost, xInvalid}, [&](SPlaces& x) { x.xOther2D.CopyTo(pNull); }},
         {"empty 2D to null, queued",
-         {},
-         [](SPlaces& x) { x.xOther2D.CopyToAsync(nullptr, nullptr); },
-         {c_xToHostAsync, xInvalidAsync}},
-        {"empty 2D to client", {}, [](SPlaces& x) { x.xOther2D.CopyTo(&x.xClient); }, {c_xToHost, xInvalid}},
-        {"empty 2D to 2D",
-         {},
-         [](SPlaces& x) { x.xOther2D.CopyTo(x.x2D); },
-         {c_xTo2D, c_xCreate2D, Plain("Given image is invalid", "Create", c_pcFile2D)}},
+         {c_xToHostAsync, xInvalidAsync},
+         [&](SPlaces& x) { x.xOther2D.CopyToAsync(pNull, nullptr); }},
+        {"empty 2D to client", {c_xToHost, xInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(&x.xClient); }},
+        {"empty 2D to 2D", {c_xTo2D, c_xCreate2D, xGivenInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(x.x2D); }},
         {"empty 2D to itself",
-         {},
-         [](SPlaces& x) { x.xOther2D.Create(std::as_const(x.xOther2D)); },
-         {c_xCreate2D, Plain("Given image is invalid", "Create", c_pcFile2D)}},
-        {"empty 2D to 1D", {}, [](SPlaces& x) { x.xOther2D.CopyTo(x.x1D); }, {c_xTo1D, xInvalid}},
-        {"empty 1D to 2D", {}, [](SPlaces& x) { x.x2D.Create(x.xOther1D); }, {c_xCreate2D, c_xCreate2D, xNoSize}},
-        {"empty 1D to 1D", {}, [](SPlaces& x) { x.x1D.Create(x.xOther1D); }, {c_xCreate1D, xDimension}},
-        {"empty 1D to itself", {}, [](SPlaces& x) { x.xOther1D.Create(x.xOther1D); }, {c_xCreate1D, xDimension}},
+         {c_xCreate2D, xGivenInvalid},
+         [](SPlaces& x) { x.xOther2D.Create(std::as_const(x.xOther2D)); }},
+        {"empty 2D to 1D", {c_xTo1D, xInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(x.x1D); }},
+        {"empty 1D to 2D", vNoSize, [](SPlaces& x) { x.x2D.Create(x.xOther1D); }},
+        {"empty 1D to 1D", vDimension, [](SPlaces& x) { x.x1D.Create(x.xOther1D); }},
+        {"empty 1D to itself", vDimension, [](SPlaces& x) { x.xOther1D.Create(x.xOther1D); }},
         {"empty 1D to host",
-         {},
-         [](SPlaces& x) { x.xOther1D.CopyTo(x.xHost); },
-         {Plain("Image is invalid", "CopyTo", c_pcFile1D)}},
-        {"null to 2D",
-         {},
-         [](SPlaces& x) { x.x2D.Create(static_cast<const IImage*>(nullptr)); },
-         {c_xCreate2D, Null(c_pcNullSource, "Create", c_pcFile2D)}},
+         {Plain("Image is invalid", "CopyTo", c_pcFile1D)},
+         [](SPlaces& x) { x.xOther1D.CopyTo(x.xHost); }},
+        {"null to 2D", {c_xCreate2D, NullSource("Create")}, [&](SPlaces& x) { x.x2D.Create(pConstNull); }},
         {"null to 2D, queued",
-         {},
-         [](SPlaces& x) { x.x2D.CreateAsync(nullptr, nullptr); },
-         {c_xCreateAsync, Null(c_pcNullSource, "CreateAsync", c_pcFile2D)}},
-        {"null to 1D",
-         {},
-         [](SPlaces& x) { x.x1D.Create(static_cast<const IImage*>(nullptr)); },
-         {c_xCreate1D, Null(c_pcNullSource, "Create", c_pcFile1D)}},
-        {"2D to null",
-         {},
-         [](SPlaces& x) { x.x2D.CopyTo(static_cast<IImage*>(nullptr)); },
-         {c_xToHost, Null(c_pcNullTarget, "CopyTo", c_pcFile2D)}},
+         {c_xCreateAsync, NullSource("CreateAsync")},
+         [&](SPlaces& x) { x.x2D.CreateAsync(pConstNull, nullptr); }},
+        {"null to 1D", {c_xCreate1D, NullSource("Create", c_pcFile1D)}, [&](SPlaces& x) { x.x1D.Create(pConstNull); }},
+        {"2D to null", {c_xToHost, NullTarget("CopyTo")}, [&](SPlaces& x) { x.x2D.CopyTo(pNull); }},
         {"2D to null, queued",
-         {},
-         [](SPlaces& x) { x.x2D.CopyToAsync(nullptr, nullptr); },
-         {c_xToHostAsync, Null(c_pcNullTarget, "CopyToAsync", c_pcFile2D)}},
-        {"three channels to 2D", {}, [&](SPlaces& x) { x.x2D.Create(xRgb); }, {c_xCreate2D, c_xCreate2D, xChannels}},
-        {"three channels in a buffer",
-         {},
-         [&](SPlaces& x) { x.x2D.Create(xRgb.GetFormat(), nullptr, false); },
-         {c_xCreate2D, c_xCreate2D, xChannels}},
-        {"three channels of a client",
-         [&](SPlaces& x) { x.xClient.m_xImage = xRgb; },
-         [](SPlaces& x) { x.x2D.Create(&x.xClient); },
-         {c_xCreate2D, c_xCreate2D, xChannels}},
+         {c_xToHostAsync, NullTarget("CopyToAsync")},
+         [&](SPlaces& x) { x.x2D.CopyToAsync(pNull, nullptr); }},
+        {"three channels to 2D", vChannels, [&](SPlaces& x) { x.x2D.Create(xRgb); }},
+        {"three channels in a buffer", vChannels, [&](SPlaces& x) { x.x2D.Create(xRgb.GetFormat(), nullptr, false); }},
+        {"three channels of a client", vChannels, [](SPlaces& x) { x.x2D.Create(&x.xClient); }, ClientRgb},
         {"three channels, queued",
-         [&](SPlaces& x) { x.xClient.m_xImage = xRgb; },
+         {c_xCreateAsync, c_xCreate2D, xChannels},
          [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); },
-         {c_xCreateAsync, c_xCreate2D, xChannels}},
-        {"three channels of a 1D image",
-         [&](SPlaces& x) { x.xOther1D.Create(xRgb); },
-         [](SPlaces& x) { x.x2D.Create(x.xOther1D); },
-         {c_xCreate2D, c_xCreate2D, xChannels}},
-        {"no width to 2D", {}, [&](SPlaces& x) { x.x2D.Create(xNoWidth); }, {c_xCreate2D, c_xCreate2D, xNoSize}},
-        {"no width of a client",
-         [&](SPlaces& x) { x.xClient.m_xImage = xNoWidth; },
-         [](SPlaces& x) { x.x2D.Create(&x.xClient); },
-         {c_xCreate2D, c_xCreate2D, xNoSize}},
-        {"no width to 1D", {}, [&](SPlaces& x) { x.x1D.Create(xNoWidth); }, {c_xCreate1D, xDimension}},
-        {"no width of a client to 1D",
-         [&](SPlaces& x) { x.xClient.m_xImage = xNoWidth; },
-         [](SPlaces& x) { x.x1D.Create(&x.xClient); },
-         {c_xCreate1D, xDimension}}};
+         ClientRgb},
+        {"three channels of a 1D image", vChannels, [](SPlaces& x) { x.x2D.Create(x.xOther1D); },
+         [&](SPlaces& x) { x.xOther1D.Create(xRgb); }},
+        {"no width to 2D", vNoSize, [&](SPlaces& x) { x.x2D.Create(xFlat); }},
+        {"no width of a client", vNoSize, [](SPlaces& x) { x.x2D.Create(&x.xClient); }, ClientFlat},
+        {"no width to 1D", vDimension, [&](SPlaces& x) { x.x1D.Create(xFlat); }},
+        {"no width of a client to 1D", vDimension, [](SPlaces& x) { x.x1D.Create(&x.xClient); }, ClientFlat},
+    };
     for (const auto& xCase : c_vCases)
     {
         SCOPED_TRACE(xCase.pcName);
@@ -544,7 +388,7 @@ TEST_F(ImageTransfer, CallsAClientsImageInOrderAndWrapsWhatItThrows)
             }
             xPlaces.Fill(xTransfer.eTo, MakeImage(c_xOtherFormat));
             xPlaces.xClient.m_sThrowIn = pcCall;
-            EXPECT_TRUE(Throws([&] { xTransfer.Run(xPlaces); }, xTransfer.vWrappers,
+            EXPECT_TRUE(Throws([&] { xTransfer.Run(xPlaces); }, xTransfer.xWay.vWrappers,
                                Plain("client failure", "Fail", "Client")));
             xPlaces.xClient.m_bThrowForeign = true;
             EXPECT_THROW(xTransfer.Run(xPlaces), int);
