@@ -29,8 +29,10 @@ endfunction()
 
 # qx_add_library(<target> OUTPUT <file name without lib and .so> SOURCES <files> [LINK <public libraries>]
 #                [PRIVATE_LINK <libraries>] [HEADERS <installed headers, relative to the include root>])
-# A shared library of the SDK. <target> QxFoo is also known as Qx::Foo, which is its name for clients. Its
-# export macro is active through the definition <target>_EXPORTS, which CMake sets.
+# A shared library of the SDK. <target> QxFoo is also known as Qx::Foo, which is its name for clients.
+#
+# It stays loaded when the last library that uses it is unloaded: the pool's blocks, the debug channel and the stand-in's
+# streams belong to the process, not to who was first to ask for them.
 function(qx_add_library target)
     cmake_parse_arguments(ARG "" "OUTPUT" "SOURCES;LINK;PRIVATE_LINK;HEADERS" ${ARGN})
     add_library(${target} SHARED ${ARG_SOURCES})
@@ -42,7 +44,7 @@ function(qx_add_library target)
         $<BUILD_INTERFACE:${QX_SOURCE_ROOT}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
-    target_link_options(${target} PRIVATE "-Wl,--version-script=${QX_SOURCE_ROOT}/../cmake/exports.map")
+    target_link_options(${target} PRIVATE -Wl,-z,nodelete "-Wl,--version-script=${QX_SOURCE_ROOT}/../cmake/exports.map")
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${QX_SOURCE_ROOT}/../cmake/exports.map")
     set_property(GLOBAL APPEND PROPERTY QX_PUBLIC_HEADERS ${ARG_HEADERS})
     # An undefined symbol must fail this link, not the client's.

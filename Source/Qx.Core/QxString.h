@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "Qx.Core/QxExport.h"
@@ -55,6 +56,12 @@ public:
     /// Not inline: the standard library's conversion has a table that exists once in a process, and a client's library
     /// that brings it could never be unloaded.
     CQxString& operator<<(int iValue);
+
+    /// Numbers that an `int` cannot hold without loss are the caller's to convert.
+    template <typename T>
+        requires(std::is_floating_point_v<T> ||
+                 (std::is_integral_v<T> && sizeof(T) >= sizeof(int) && !std::is_same_v<T, int>))
+    CQxString& operator<<(T) = delete;
 
     /// The text with its terminating zero; owned by this object and valid until it is changed or destroyed.
     const char* ToCString() const noexcept { return m_sText.c_str(); }

@@ -1,5 +1,7 @@
 #include "Qx.Cuda/QxDeviceMMU.h"
 
+#include <cstring>
+
 #include "Qx.Cuda.Core/QxCudaException.h"
 
 namespace Qx
@@ -16,49 +18,60 @@ constexpr const char* c_pcFile = "Source/Qx.Cuda/QxDeviceMMU";
     ThrowOutOfMemory(xSite, "Error allocating CUDA memory. Out of memory", iLine);
 }
 
-void _CheckAllocation(cudaError eResult, const SThrowSite& xSite, const char* pcMessage, int iLine = __builtin_LINE())
+[[noreturn, gnu::cold]] void _ThrowNotAllocated(cudaError eResult, const SThrowSite& xSite, const char* pcMessage,
+                                                int iLine = __builtin_LINE())
 {
-    if (eResult == cudaErrorMemoryAllocation) [[unlikely]]
+    if (eResult == cudaErrorMemoryAllocation)
     {
         _ThrowFull(xSite, iLine);
     }
-    CheckCuda(eResult, xSite, pcMessage, iLine);
+    ThrowCuda(xSite, pcMessage, iLine);
 }
 
 } // namespace
 
 void* CQxDeviceMMU::QxCudaMalloc(std::size_t nCount, std::size_t nElementSize)
 {
-    constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMalloc"};
+    static constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMalloc"};
     std::size_t nByteCount = 0;
     if (__builtin_mul_overflow(nCount, nElementSize, &nByteCount)) [[unlikely]]
     {
         _ThrowFull(c_xSite);
     }
     void* pMemory = nullptr;
-    _CheckAllocation(cudaMalloc(&pMemory, nByteCount), c_xSite, "Error allocating CUDA memory");
+    if (const cudaError eResult = cudaMalloc(&pMemory, nByteCount); eResult != cudaSuccess) [[unlikely]]
+    {
+        _ThrowNotAllocated(eResult, c_xSite, "Error allocating CUDA memory");
+    }
     return pMemory;
 }
 
 void* CQxDeviceMMU::QxCudaMallocPitch(std::size_t& nPitch, std::size_t nWidth, std::size_t nHeight)
 {
+    static constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMallocPitch"};
     void* pMemory = nullptr;
-    _CheckAllocation(cudaMallocPitch(&pMemory, &nPitch, nWidth, nHeight), {c_pcFile, "QxCudaMallocPitch"},
-                     "Error allocating CUDA memory");
+    if (const cudaError eResult = cudaMallocPitch(&pMemory, &nPitch, nWidth, nHeight); eResult != cudaSuccess)
+        [[unlikely]]
+    {
+        _ThrowNotAllocated(eResult, c_xSite, "Error allocating CUDA memory");
+    }
     return pMemory;
 }
 
 cudaArray* CQxDeviceMMU::QxCudaMallocArray(const cudaChannelFormatDesc& xDesc, std::size_t nWidth, std::size_t nHeight)
 {
-    constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMallocArray"};
+    static constexpr SThrowSite c_xSite{c_pcFile, "QxCudaMallocArray"};
     cudaArray* pArray = nullptr;
-    const cudaError eResult = cudaMallocArray(&pArray, &xDesc, nWidth, nHeight, cudaArraySurfaceLoadStore);
-    if (eResult == cudaErrorInvalidChannelDescriptor) [[unlikely]]
+    if (const cudaError eResult = cudaMallocArray(&pArray, &xDesc, nWidth, nHeight, cudaArraySurfaceLoadStore);
+        eResult != cudaSuccess) [[unlikely]]
     {
-        CQxString sMessage("Error allocating CUDA array memory. Invalid channel descriptor ");
-        Throw(c_xSite, sMessage << ToString(xDesc));
+        if (eResult == cudaErrorInvalidChannelDescriptor)
+        {
+            CQxString sMessage("Error allocating CUDA array memory. Invalid channel descriptor ");
+            Throw(c_xSite, sMessage << ToString(xDesc));
+        }
+        _ThrowNotAllocated(eResult, c_xSite, "Error allocating CUDA array memory");
     }
-    _CheckAllocation(eResult, c_xSite, "Error allocating CUDA array memory");
     return pArray;
 }
 
@@ -76,7 +89,11 @@ CQxString CQxDeviceMMU::ToString(const cudaChannelFormatDesc& xDesc)
 {
     const auto GetKind = [&]
     {
-        switch (xDesc.f)
+        // A number that is no enumerator must not be read as one.
+        int iKind = 0;
+        static_assert(sizeof iKind == sizeof xDesc.f);
+        std::memcpy(&iKind, &xDesc.f, sizeof iKind);
+        switch (iKind)
         {
         case cudaChannelFormatKindSigned:
             return "Signed)";

@@ -85,10 +85,12 @@ void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
                                     std::to_string(uGridBytes / sizeof(float)) + " cells")
                                        .c_str());
               }
-              // All that can run out of host memory comes before the first change.
-              CQxString sName = xMapping.GetName();
               // The counts alone do not tell whether there is a block, nor whether it has room for the copy.
-              if (!IsValid() || uBytes != _GetByteCount())
+              const bool bKeepsBlock = IsValid() && uBytes == _GetByteCount();
+              // All that can run out of host memory comes before the first change.
+              const bool bKeepsName = bKeepsBlock && m_sName == xMapping.GetName();
+              CQxString sName = bKeepsName ? CQxString() : xMapping.GetName();
+              if (!bKeepsBlock)
               {
                   if (IsValid())
                   {
@@ -102,7 +104,10 @@ void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
               m_vMinimum = xMapping.GetMinimum();
               m_vMaximum = xMapping.GetMaximum();
               m_vCounts = vCounts;
-              m_sName = std::move(sName);
+              if (!bKeepsName)
+              {
+                  m_sName = std::move(sName);
+              }
               m_vSteps = xMapping.GetStepSizes();
               CheckCuda(cudaMemcpy(m_xResource.m_pDevice, xMapping.GetDataPtr(), uBytes, cudaMemcpyHostToDevice),
                         c_xCreate, "Error copying memory from host to device");

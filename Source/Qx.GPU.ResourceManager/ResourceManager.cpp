@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <type_traits>
 
@@ -24,6 +25,11 @@ namespace
 // _WatchForExit) it keeps what it is given without a CUDA call.
 static_assert(std::is_trivially_destructible_v<CBlockPool>);
 constinit CBlockPool g_xPool;
+
+// Held while blocks are taken out of the pool and freed; the pool is not locked meanwhile, so that lending goes on. Who
+// runs out of memory waits here, because what is being freed may be what is missing.
+static_assert(std::is_trivially_destructible_v<std::mutex>);
+constinit std::mutex g_xFreeing;
 
 constexpr SThrowSite _Site(const char* pcFunction)
 {
@@ -185,6 +191,7 @@ void _FreeTakenIdle(CTakenBlocks& xTaken, const SThrowSite& xSite)
 
 void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSite)
 {
+    const std::lock_guard xLock(g_xFreeing);
     CTakenBlocks xTaken;
     g_xPool.TakeIdleAbove(iDevice, nBytesToKeep, xTaken);
     _FreeTakenIdle(xTaken, xSite);
@@ -234,6 +241,7 @@ SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
 
 [[gnu::noinline]] void _ReleaseOrFree(CResource& xResource, bool bFree, const SThrowSite& xSite)
 {
+    const std::lock_guard xLock(g_xFreeing);
     for (;;)
     {
         // Deletes records last: the resource may be inside one.
@@ -290,7 +298,7 @@ void CResourceManager::ReleaseResource(CResource& xResource, bool bFree)
 
 SPoolStatistics CResourceManager::GetStatistics(int iDevice, EPool ePool)
 {
-    return g_xPool.GetStatistics(_PoolOf(iDevice, ePool));
+    return iDevice >= 0 ? g_xPool.GetStatistics(_PoolOf(iDevice, ePool)) : SPoolStatistics{};
 }
 
 SPoolStatistics CResourceManager::GetStatistics()
@@ -315,6 +323,10 @@ void CResourceManager::SetIdleLimit(std::size_t nBytes, EPool ePool)
 
 void CResourceManager::ForgetDevice(int iDevice)
 {
+    if (iDevice < 0)
+    {
+        return;
+    }
     CDroppedRecords xDropped;
     g_xPool.Forget(iDevice, xDropped);
     g_xPool.Forget(HostPoolOf(iDevice), xDropped);
