@@ -9,6 +9,7 @@ configure_package_config_file(cmake/QxCudaConfig.cmake.in "${CMAKE_CURRENT_BINAR
 write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/QxCudaConfigVersion.cmake"
                                  COMPATIBILITY SameMajorVersion)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/QxCudaConfig.cmake" "${CMAKE_CURRENT_BINARY_DIR}/QxCudaConfigVersion.cmake"
+              cmake/QxKernels.cmake
         DESTINATION "${configFolder}")
 
 set(pcFolder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
@@ -16,7 +17,8 @@ file(RELATIVE_PATH pcPrefix "/${pcFolder}" "/")
 string(REGEX REPLACE "/$" "" pcPrefix "${pcPrefix}")
 if(QX_CHOSEN_PLATFORM STREQUAL "CUDA")
     # The toolkit has no pkg-config file of a fixed name; its folder can be set with --define-variable=cudadir=...
-    set(pcVariables "cudadir=${CUDAToolkit_LIBRARY_ROOT}\n")
+    get_filename_component(cudaFolder "${CUDAToolkit_BIN_DIR}" DIRECTORY)
+    set(pcVariables "cudadir=${cudaFolder}\n")
     set(pcPlatformLibs "-L\${cudadir}/lib64 -lcudart -lcublas")
     set(pcPlatformCflags "-I\${cudadir}/include")
 else()

@@ -19,14 +19,6 @@ function(qx_configure_target target)
     endif()
 endfunction()
 
-# qx_kernel_sources(<files>): sources that contain kernels. nvcc compiles them on the CUDA platform, the C++ compiler on
-# the host. To be called in the folder of the target that has the sources.
-function(qx_kernel_sources)
-    if(QX_CHOSEN_PLATFORM STREQUAL "CUDA")
-        set_source_files_properties(${ARGN} PROPERTIES LANGUAGE CUDA)
-    endif()
-endfunction()
-
 # qx_add_library(<target> OUTPUT <file name without lib and .so> SOURCES <files> [LINK <public libraries>]
 #                [PRIVATE_LINK <libraries>] [HEADERS <installed headers, relative to the include root>])
 # A shared library of the SDK. <target> QxFoo is also known as Qx::Foo, which is its name for clients.

@@ -111,6 +111,7 @@ void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
               m_vSteps = xMapping.GetStepSizes();
               CheckCuda(cudaMemcpy(m_xResource.m_pDevice, xMapping.GetDataPtr(), uBytes, cudaMemcpyHostToDevice),
                         c_xCreate, "Error copying memory from host to device");
+              m_bArriving = true;
               m_pData = GetDevicePointer();
           });
 }
@@ -144,9 +145,11 @@ void CQxDeviceMapping3D::SetZero()
 {
     constexpr SThrowSite c_xSite{c_pcFile, "SetZero"};
     Guard(c_xSite, "Error setting mapping values to zero",
-          [&] {
+          [&]
+          {
               CheckCuda(cudaMemset(m_xResource.m_pDevice, 0, _GetByteCount()), c_xSite,
                         "Error zeroing CUDA device memory");
+              m_bArriving = IsValid();
           });
 }
 
@@ -194,6 +197,11 @@ void CQxDeviceMapping3D::Map(float& fX, float& fY, float& fZ)
     {
         return;
     }
+    if (m_bArriving) [[unlikely]]
+    {
+        CheckCuda(cudaStreamSynchronize(nullptr), c_xMap, "Error waiting for the mapping values");
+        m_bArriving = false;
+    }
     const float fValue = m_pData[nIndex];
     if (fValue != 0.0F)
     {
@@ -205,6 +213,7 @@ void CQxDeviceMapping3D::_Reset() noexcept
 {
     m_pData = nullptr;
     m_bActive = false;
+    m_bArriving = false;
     m_vMinimum = {};
     m_vMaximum = {};
     m_vCounts = {};
@@ -229,6 +238,7 @@ void CQxDeviceMapping3D::_Create(CQxDeviceMapping3D&& xOther)
     // Nothing from here on can fail, so that the block never has two owners or none.
     m_pData = xOther.m_pData;
     m_bActive = xOther.m_bActive;
+    m_bArriving = xOther.m_bArriving;
     m_vMinimum = xOther.m_vMinimum;
     m_vMaximum = xOther.m_vMaximum;
     m_vCounts = xOther.m_vCounts;

@@ -22,15 +22,17 @@ namespace Qx
 ///
 /// `Map` reads single values with the host, through the device pointer. It must not be called while a kernel of the
 /// device runs, unless the device has concurrent managed access (`cudaDevAttrConcurrentManagedAccess`) or the block is
-/// page-locked memory, as on integrated devices without that access. It does not wait for queued work either: the
-/// client waits for a kernel that writes the values. On an integrated device such a read is one of ordinary or of
-/// uncached memory. On a separate GPU the first read of a page faults and moves the page to the host, which takes far
-/// longer than the reads after it, and the next kernel that uses the page moves it back. So `Map` is for some points
-/// now and then; a kernel is for many.
+/// page-locked memory, as on integrated devices without that access. It waits for this class's own upload and memset,
+/// not for queued work: the client waits for a kernel that writes the values. On an integrated device such a read is
+/// one of ordinary or of uncached memory. On a separate GPU the first read of a page faults and moves the page to the
+/// host, which takes far longer than the reads after it, and the next kernel that uses the page moves it back. So `Map`
+/// is for some points now and then; a kernel is for many.
 ///
 /// Every failure is a `CQxException` chain; an exception of another type that a component throws, such as
 /// `std::bad_alloc`, passes unchanged. One thread uses a mapping at a time, with the mapping's device current. There
-/// are no streams here: copies and memsets are the blocking CUDA calls.
+/// are no streams here: copies and memsets are the calls without a stream, in order with the default stream. When they
+/// return, the host may use or change its values; a kernel on a stream that was created non-blocking must be preceded
+/// by `cudaStreamSynchronize(nullptr)`, because the values may still be on their way.
 class CQxDeviceMapping3D
 {
 public:
@@ -54,7 +56,7 @@ public:
     /// Gives the block back to the pool. A failure to do so is dropped.
     QX_CUDA_API ~CQxDeviceMapping3D();
 
-    /// Uploads a host mapping with one blocking copy. A block for the same number of bytes is kept, whatever the cell
+    /// Uploads a host mapping with one copy. A block for the same number of bytes is kept, whatever the cell
     /// counts, without asking the pool; otherwise the present block goes back first.
     ///
     /// Throws a `CQxException` "Error creating device mapping" with, as inner exception and in this order:
@@ -79,7 +81,7 @@ public:
     ///   box, grid and name, its values are undefined.
     QX_CUDA_API void Download(CQxMapping3D& xMapping) const;
 
-    /// Sets every value to 0 with one blocking memset; for an empty mapping that is one of 0 bytes at a null address.
+    /// Sets every value to 0 with one memset; for an empty mapping that is one of 0 bytes at a null address.
     ///
     /// Throws a `CQxException` "Error setting mapping values to zero" with a `CQxCudaException` "Error zeroing CUDA
     /// device memory" inside; the values are undefined then.
@@ -106,9 +108,11 @@ public:
     /// when the quotient is not a number, as with step sizes of 0; never is anything outside the block read. A kernel
     /// that uses the same operations gets the same bits, as there is no product that a compiler could fuse with a sum.
     ///
-    /// The class says when the host may read and what that costs. Throws, in this order, a `CQxException` "Mapping is
-    /// invalid" for an empty mapping, "Point is not in mapping volume" for a point outside the box, and "Mapping is
-    /// invalid" when the last `Create` could not copy the values.
+    /// The class says when the host may read and what that costs. The first read after `Create` or `SetZero` waits for
+    /// the default stream, the reads after it make no CUDA call. Throws, in this order, a `CQxException` "Mapping is
+    /// invalid" for an empty mapping, "Point is not in mapping volume" for a point outside the box, "Mapping is
+    /// invalid" when the last `Create` could not copy the values, and a `CQxCudaException` "Error waiting for the
+    /// mapping values" when that wait fails, which the next call tries again.
     QX_CUDA_API void Map(float& fX, float& fY, float& fZ);
 
     /// True when the mapping holds a block.
@@ -125,6 +129,8 @@ private:
     // Null unless the block holds values that were copied into it.
     float* m_pData = nullptr;
     bool m_bActive = false;
+    // An upload or a memset may still be on its way: for both, CUDA returns when the host need not wait any longer.
+    bool m_bArriving = false;
     std::array<float, 3> m_vMinimum{};
     std::array<float, 3> m_vMaximum{};
     std::array<int, 3> m_vCounts{};

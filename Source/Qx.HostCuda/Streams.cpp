@@ -11,16 +11,21 @@ namespace Qx::HostCuda
 namespace
 {
 
-/// Blocks all signals of the calling thread for its lifetime, so that a thread started meanwhile never runs a signal
-/// handler of the client.
+/// Blocks the signals of the calling thread for its lifetime, so that a thread started meanwhile never runs a handler of
+/// the client for what happens elsewhere. Signals that a thread raises by a fault of its own are left alone: a kernel's
+/// wild pointer must reach the handler of a sanitizer or of the client, which shows where it was.
 class CSignalBlock
 {
 public:
     CSignalBlock()
     {
-        sigset_t xAll;
-        sigfillset(&xAll);
-        pthread_sigmask(SIG_SETMASK, &xAll, &m_xBefore);
+        sigset_t xBlocked;
+        sigfillset(&xBlocked);
+        for (const int iFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+        {
+            sigdelset(&xBlocked, iFault);
+        }
+        pthread_sigmask(SIG_SETMASK, &xBlocked, &m_xBefore);
     }
     ~CSignalBlock() { pthread_sigmask(SIG_SETMASK, &m_xBefore, nullptr); }
     CSignalBlock(const CSignalBlock&) = delete;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the build into an empty prefix, moves that, and builds and runs a client against it, by CMake and by
-# pkg-config; then makes the Debian package and looks into it.
+# Installs the build into an empty prefix, moves that, and builds and runs a client with a kernel against it, by CMake and
+# by pkg-config; then makes the Debian package and looks into it.
 #   install.sh CMAKE BUILD-FOLDER HOST|CUDA COMPILER
 set -euo pipefail
 cmake=$1 build=$2 platform=$3 compiler=$4
@@ -36,9 +36,24 @@ done
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name qx-cuda.pc)")
 export PKG_CONFIG_PATH
 # shellcheck disable=SC2046
-"$compiler" -std=c++20 "$here/client/Main.cpp" -o "$folder/by-pkg-config" $(pkg-config --cflags --libs qx-cuda)
+if [ "$platform" = CUDA ]; then
+    cuda=$(pkg-config --variable=cudadir qx-cuda)
+    [ -r "$cuda/include/cuda_runtime_api.h" ] || fail "the pkg-config file says that the toolkit lies in '$cuda'"
+    kernels=("$cuda/bin/nvcc" -x cu -ccbin "$compiler" --cudart shared)
+else
+    kernels=("$compiler")
+fi
 libraries=$(pkg-config --variable=libdir qx-cuda)
-runs env LD_LIBRARY_PATH="$libraries:${LD_LIBRARY_PATH:-}" "$folder/by-pkg-config"
+# shellcheck disable=SC2046
+"${kernels[@]}" -std=c++20 -c "$here/client/Kernel.cpp" -o "$folder/Kernel.o" $(pkg-config --cflags qx-cuda)
+# shellcheck disable=SC2046
+"$compiler" -std=c++20 "$here/client/Main.cpp" "$folder/Kernel.o" -o "$folder/by-pkg-config" \
+    $(pkg-config --cflags --libs qx-cuda) "-Wl,-rpath,$libraries"
+runs "$folder/by-pkg-config"
+# shellcheck disable=SC2046
+"$compiler" -std=c++20 "$here/client/Recorded.cpp" "$(pkg-config --variable=recorder qx-cuda)" -o "$folder/recorded" \
+    $(pkg-config --cflags --libs qx-cuda) -ldl "-Wl,-rpath,$libraries"
+runs "$folder/recorded"
 
 if command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null; then
     "$(dirname "$cmake")/cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$folder/package" >"$folder/cpack.log" 2>&1 ||

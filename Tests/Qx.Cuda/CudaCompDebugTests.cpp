@@ -72,9 +72,16 @@ TEST_F(CudaCompDebug, AllocatesResetsAndFreesWithExactlyTheseCalls)
     EXPECT_EQ(CCudaRecorder::Calls()[0].vArguments[1], 5600U);
     EXPECT_EQ(CCudaRecorder::Calls()[1].vArguments[1], 4U);
     EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), 0);
+    EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments[3], cudaMemcpyDeviceToHost);
+    Write(1);
+    std::vector<SItem> vItems;
+    CQxCudaCompDebug::GetDebugItems(vItems);
+    EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments[3], cudaMemcpyDeviceToHost);
 
     CCudaRecorder::Reset();
+    const CudaDebug::SParameter xGiven = xParams;
     xParams.Delete();
+    EXPECT_EQ(CCudaRecorder::Calls()[0].vArguments[0], reinterpret_cast<std::uintptr_t>(xGiven.pItems));
     xParams.Delete();
     EXPECT_EQ(CCudaRecorder::CallNames(), Names(4, "cudaFree"));
     EXPECT_EQ(xParams.pItems, nullptr);

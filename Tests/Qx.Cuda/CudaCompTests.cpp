@@ -220,8 +220,10 @@ TEST(CudaComp, CreatesOneEventRecordsItOnTheStreamOfEndAndDestroysIt)
         EXPECT_EQ(CCudaRecorder::Last("cudaEventCreateWithFlags").vArguments[1], 2U);
         EXPECT_EQ(CCudaRecorder::Last("cudaEventRecord").vArguments[1], reinterpret_cast<std::uintptr_t>(pStream));
         CCudaRecorder::Reset();
+        CCudaRecorder::FailCall("cudaEventDestroy", 1, cudaErrorUnknown); // which nobody is told of
     }
     EXPECT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{"cudaEventDestroy"});
+    EXPECT_EQ(cudaGetLastError(), cudaErrorUnknown);
     EXPECT_EQ(cudaStreamDestroy(pStream), cudaSuccess);
 }
 

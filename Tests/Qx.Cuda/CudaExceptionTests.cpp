@@ -116,6 +116,26 @@ TEST(CudaCall, ReportsWhatTheRuntimeRefuses)
                     {Cuda("Error getting CUDA device ID", cudaErrorInitializationError, "GetDeviceID", c_pcHeader)}));
 }
 
+TEST(CudaException, RecordsTheLineThatChecksOrThrows)
+{
+    const auto LineOf = [](auto&& xBody)
+    {
+        try
+        {
+            xBody();
+        }
+        catch (const CQxException& xException)
+        {
+            return xException.GetLine();
+        }
+        return 0;
+    };
+    static constexpr SThrowSite c_xSite{"file", "Function"};
+    EXPECT_EQ(LineOf([] { CheckCuda(cudaErrorUnknown, c_xSite, "step"); }), __LINE__);
+    EXPECT_EQ(LineOf([] { ThrowCuda(c_xSite, "step"); }), __LINE__);
+    EXPECT_EQ(LineOf([] { ThrowOutOfMemory(c_xSite, "step"); }), __LINE__);
+}
+
 // The exception shows the thread's last error even where the failing call returned another.
 TEST(CudaCall, RecordsThePendingErrorRatherThanTheResult)
 {

@@ -368,6 +368,10 @@ TYPED_TEST(DeviceContainer, DownloadResizesTheHostObjectByItsOwnRules)
     Host xGrows([](Host& xHost, std::size_t nSize) { xHost.CQxVector<TypeParam>::Resize(nSize); });
     pVector->Get(xGrows);
     EXPECT_EQ(List(xGrows), (std::vector<TypeParam>{100, 101, 102}));
+    Host xFits([](Host&, std::size_t) { FAIL() << "a vector of the size was resized"; });
+    xFits.CQxVector<TypeParam>::Resize(3);
+    pVector->Get(xFits);
+    EXPECT_EQ(List(xFits), (std::vector<TypeParam>{100, 101, 102}));
     Host xStays([](Host&, std::size_t) {});
     EXPECT_TRUE(ThrowsChain([&] { pVector->Get(xStays); }, {F::c_xGetVector, F::c_xUnequal}));
     Host xRefuses([](Host&, std::size_t) { Throw({"Client", "Resize"}, "no"); });

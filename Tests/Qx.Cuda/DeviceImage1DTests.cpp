@@ -8,6 +8,7 @@
 #include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
 #include "Support/PoolRecorder.h"
+#include "Support/Stream.h"
 
 namespace Qx::Test
 {
@@ -42,6 +43,8 @@ TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
                     {{5, 3, EDataType::Integral12, static_cast<EPixelType::ID>(1)}, 22},
                     {{5, 3, EDataType::Double, EPixelType::TwoComponent}, 240},
                     {{1, 1, EDataType::Byte, EPixelType::BayerGB}, 1}};
+    const CStreamScope xStream;
+    const auto uStream = reinterpret_cast<std::uintptr_t>(static_cast<cudaStream_t>(xStream));
     CQxDeviceImage1D xImage;
     EXPECT_FALSE(xImage.IsValid());
     EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
@@ -62,14 +65,14 @@ TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
 
         CCudaRecorder::Reset();
         xImage.SetZero();
-        xImage.SetZeroAsync(nullptr);
+        xImage.SetZeroAsync(xStream);
         const std::uint64_t uAddress = reinterpret_cast<std::uintptr_t>(pBefore);
         EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments,
                   (std::vector<std::uint64_t>{uAddress, 0, xCase.nBytes}));
         EXPECT_EQ(CCudaRecorder::Last("cudaMemsetAsync").vArguments,
-                  (std::vector<std::uint64_t>{uAddress, 0, xCase.nBytes, 0}));
+                  (std::vector<std::uint64_t>{uAddress, 0, xCase.nBytes, uStream}));
         EXPECT_EQ(CCudaRecorder::Calls().size(), 2U);
-        ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+        ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
         CQxImage xResult;
         xImage.CopyTo(xResult);
         EXPECT_TRUE(HaveSamePixels(xResult, CQxImage(xCase.xFormat)));
@@ -81,6 +84,13 @@ TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
     CCudaRecorder::Reset();
     xImage.Release();
     EXPECT_EQ(CPoolRecorder::sm_iRelease, 1);
+    {
+        CQxDeviceImage1D xOther(c_xFormat);
+        EXPECT_EQ(CPoolRecorder::sm_iRelease, 2) << "Create gives an empty block back, too";
+        xOther.Release();
+    }
+    EXPECT_EQ(CPoolRecorder::sm_iRelease, 4) << "so does the destructor";
+    CCudaRecorder::Reset();
     xImage.SetZero();
     xImage.SetZeroAsync(nullptr);
     EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments, (std::vector<std::uint64_t>{0, 0, 0}));

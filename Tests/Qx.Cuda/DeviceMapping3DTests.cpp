@@ -302,6 +302,29 @@ TEST_F(DeviceMapping3D, ReportsEveryFailedCallAndReadsNoValuesThatWereNotCopied)
           true, [](auto& p) { p->SetZero(); });
 }
 
+// CUDA returns from an upload and from a memset before the values have arrived; the host must not read them earlier.
+TEST_F(DeviceMapping3D, MapWaitsForTheValuesOnceAfterTheyChange)
+{
+    CQxDeviceMapping3D xSource;
+    xSource.Create(MakeMapping({2, 2, 2}));
+    CQxDeviceMapping3D xDevice(std::move(xSource));
+    const auto Map = [&] { return MappedHeight(xDevice, {1.5F, 0.5F, 0.25F}); };
+    for (const float fValue : {3.0F, 0.0F})
+    {
+        CCudaRecorder::Reset();
+        CCudaRecorder::FailCall("cudaStreamSynchronize", 1, cudaErrorUnknown);
+        float fX = 0.5F;
+        float fZ = 0.5F;
+        EXPECT_TRUE(ThrowsChain([&] { xDevice.Map(fX, fX, fZ); },
+                                {Cuda("Error waiting for the mapping values", cudaErrorUnknown, "Map", c_pcFile)}));
+        EXPECT_EQ(fZ, 0.5F);
+        EXPECT_EQ(Map(), 0.25F + fValue);
+        EXPECT_EQ(Map(), 0.25F + fValue);
+        EXPECT_EQ(CCudaRecorder::Count("cudaStreamSynchronize"), 2U) << "the failed one and another";
+        xDevice.SetZero();
+    }
+}
+
 TEST_F(DeviceMapping3D, MovesEverythingAndLeavesTheSourceEmpty)
 {
     CQxMapping3D xHost = MakeMapping({2, 3, 4}, 1.0F, c_pcLongName);

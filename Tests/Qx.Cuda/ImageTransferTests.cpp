@@ -1,4 +1,5 @@
 #include <functional>
+#include <map>
 #include <new>
 #include <type_traits>
 #include <vector>
@@ -199,9 +200,43 @@ TEST_F(ImageTransfer, KeepsMemoryAndFormatOfTheTargetOfAFailedCopySoThatItCanBeR
         EXPECT_TRUE(HaveSamePixels(xPlaces.Read(xTransfer.eTo), xImage));
         EXPECT_TRUE(HaveSamePixels(xPlaces.Read(xTransfer.eFrom), xImage)) << "the source has changed";
     }
-    // A constructor that fails in the copy gives the memory back that it had borrowed; the listener would see it.
+    // A constructor that fails in the copy gives the memory back that it had borrowed; the listener would see it. So
+    // does a null pointer, which is CUDA's to refuse.
+    const SLink xCopy = Cuda(c_pcUp, cudaErrorInvalidValue, "Create", c_pcFile2D);
     CCudaRecorder::FailCall("cudaMemcpy2D", 1, cudaErrorInvalidValue);
-    EXPECT_THROW(CQxDeviceImage2D{MakeImage(c_xFormat)}, CQxException);
+    EXPECT_TRUE(ThrowsChain([] { CQxDeviceImage2D{MakeImage(c_xFormat)}; }, {c_xCreate2D, xCopy}));
+    CCudaRecorder::Reset();
+    CQxDeviceImage2D xImage;
+    EXPECT_TRUE(ThrowsChain([&] { xImage.Create(c_xFormat, nullptr, false); }, {c_xCreate2D, xCopy}));
+    EXPECT_EQ(CCudaRecorder::Count("cudaMemcpy2D"), 1U);
+}
+
+TEST_F(ImageTransfer, WrapsARefusalOfThePoolInEveryOperationOnItsWay)
+{
+    const SLink xPool = Plain("pool failure", "Fail", "Pool");
+    const std::map<std::string, std::vector<SLink>> xChains{
+        {"host to 2D", {c_xCreate2D, c_xCreate2D, xPool}},
+        {"client to 2D, queued", {c_xCreateAsync, c_xCreate2D, xPool}},
+        {"2D to 2D", {c_xTo2D, c_xCreate2D, c_xCreate2D, xPool}},
+        {"2D to 1D", {c_xTo1D, c_xCreate1D, xPool}},
+        {"1D to 1D", {c_xCreate1D, c_xCreate1D, xPool}},
+    };
+    std::size_t nChains = 0;
+    for (const STransfer& xTransfer : Transfers())
+    {
+        if (const auto xChain = xChains.find(xTransfer.pcName); xChain != xChains.end())
+        {
+            SCOPED_TRACE(xTransfer.pcName);
+            SPlaces xPlaces;
+            xPlaces.Fill(xTransfer.eFrom, MakeImage(c_xFormat));
+            CPoolRecorder::sm_eFailGet = CPoolRecorder::EFailure::QxException;
+            EXPECT_TRUE(ThrowsChain([&] { xTransfer.Run(xPlaces); }, xChain->second));
+            EXPECT_EQ(xPlaces.Format(xTransfer.eTo), CQxImageFormat{});
+            CPoolRecorder::Reset();
+            ++nChains;
+        }
+    }
+    EXPECT_EQ(nChains, xChains.size());
 }
 
 TEST_F(ImageTransfer, SurvivesTheFailureOfEveryRuntimeCall)

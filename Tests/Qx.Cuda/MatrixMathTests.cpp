@@ -13,6 +13,7 @@
 #include "Qx.Cuda/QxCuda.h"
 #include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
+#include "Support/Stream.h"
 #include "Support/Sweep.h"
 
 namespace Qx::Test
@@ -185,6 +186,18 @@ TYPED_TEST(MatrixMath, MakesOneCallWithTheseArguments)
               (Arguments{uHandle, 1, Address(pX->GetDataPtr()), 1}));
     EXPECT_EQ(pP->GetRowCount(), 3U);
     EXPECT_EQ(pP->GetColCount(), 3U);
+
+    // The handle is the client's: its stream and what else it was set to stay.
+    const CStreamScope xStream;
+    ASSERT_EQ(cublasSetStream(this->m_hHandle, xStream), CUBLAS_STATUS_SUCCESS);
+    xMath.Mult(*pA, *pX, *pY);
+    xMath.MultWithTranspose(*pA, *pP);
+    xMath.SumAbs(*pX);
+    cudaStream_t pStream = nullptr;
+    EXPECT_EQ(cublasGetStream(this->m_hHandle, &pStream), CUBLAS_STATUS_SUCCESS);
+    EXPECT_EQ(pStream, static_cast<cudaStream_t>(xStream));
+    EXPECT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+    ASSERT_EQ(cublasSetStream(this->m_hHandle, nullptr), CUBLAS_STATUS_SUCCESS);
 
     CQxVector<Element> xShort(3);
     xShort[0] = 1, xShort[1] = -2, xShort[2] = 3;

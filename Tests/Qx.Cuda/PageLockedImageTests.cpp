@@ -140,6 +140,8 @@ TEST_F(PageLockedImage, QueuedTransfersReturnAtOnceAndKeepTheirOrder)
     CQxDeviceImage2D x2D(xZero);
     CQxDeviceImage1D x1D;
     x1D.Create(xFirst);
+    ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess); // for which the stream below does not wait
+    CCudaRecorder::Reset();
     const CStreamScope xStream(cudaStreamNonBlocking);
     CHold xHold(xStream);
     x2D.CreateAsync(&vHost[0], xStream);

@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <limits>
 #include <mutex>
 #include <random>
@@ -17,6 +19,7 @@
 #include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "Support/CudaChain.h"
+#include "Support/Stream.h"
 #include "Support/Sweep.h"
 #ifdef QX_HOSTCUDA
 #include "Qx.HostCuda/HostCuda.h"
@@ -247,7 +250,13 @@ TEST_F(Pool, StatisticsCountBlocksWithTheirPadding)
     EXPECT_EQ(xNow.uTrimmedBytes - xStart.uTrimmedBytes, nFirst);
     _Release(xSecond, true);
     EXPECT_EQ(CResourceManager::GetStatistics().uTrimmedBlocks, xNow.uTrimmedBlocks) << "it was not idle";
-    EXPECT_EQ(CResourceManager::GetStatistics(12345), SPoolStatistics{});
+    xNow = CResourceManager::GetStatistics();
+    for (const int iNoDevice : {12345, -1}) // -1 is what an exception says when it does not know its device
+    {
+        CResourceManager::ForgetDevice(iNoDevice);
+        EXPECT_EQ(CResourceManager::GetStatistics(iNoDevice), SPoolStatistics{});
+    }
+    EXPECT_EQ(CResourceManager::GetStatistics(), xNow) << "it was forgotten with another device";
 }
 
 TEST_F(Pool, AReleaseOfWhatIsNotLentIsRefusedAndChangesNothing)
@@ -373,6 +382,35 @@ TEST_F(Pool, WhenTheDeviceStaysFullTheRequestIsRefusedWithTheFigures)
 }
 
 #ifdef QX_HOSTCUDA
+// Frees wait for the device. A thread that finds the device full meanwhile must wait for them, not give up.
+TEST_F(Pool, MemoryThatIsBeingFreedCountsAsMemoryThatCanBeHad)
+{
+    const std::function<void(CResource&)> c_vFrees[] = {
+        [](CResource& xBlock) { _Release(xBlock), CResourceManager::Trim(0); },
+        [](CResource& xBlock) { _Release(xBlock, true); },
+    };
+    std::size_t nBudget = 0;
+    ASSERT_EQ(Qx::HostCuda::GetMemoryBudget(0, nBudget), cudaSuccess);
+    ASSERT_EQ(Qx::HostCuda::SetMemoryBudget(0, 1 << 20), cudaSuccess);
+    for (const auto& Free : c_vFrees)
+    {
+        CCudaMemoryResource xBlock = CResourceManager::GetCudaMemory(900000);
+        Qx::Test::CHold xHold(nullptr);
+        auto xFreed = std::async(std::launch::async, [&] { Free(xBlock); });
+        // A free that has not begun by then is made by the request itself, which waits as well.
+        EXPECT_EQ(xFreed.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+        auto xLent = std::async(std::launch::async,
+                                []() -> CCudaMemoryResource { return CResourceManager::GetCudaMemory(800000); });
+        EXPECT_EQ(xLent.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        xHold.Release();
+        xFreed.get();
+        CCudaMemoryResource xResource;
+        EXPECT_NO_THROW(xResource = xLent.get());
+        _Release(xResource, true);
+    }
+    ASSERT_EQ(Qx::HostCuda::SetMemoryBudget(0, nBudget), cudaSuccess);
+}
+
 TEST_F(Pool, AFullDeviceServesOtherSizesFromItsIdleMemory)
 {
     std::size_t nBudget = 0;

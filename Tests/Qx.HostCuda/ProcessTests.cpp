@@ -1,4 +1,6 @@
+#include <csignal>
 #include <cstdlib>
+#include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
 
@@ -225,6 +227,22 @@ TEST_F(ProcessDeathTest, ExitNeitherHangsNorCrashes)
     EXPECT_EXIT((LeaveEverything(), std::exit(0)), ::testing::ExitedWithCode(0), "");
     EXPECT_EXIT(ExitWithLateClient(), ::testing::ExitedWithCode(0), "");
     EXPECT_EXIT(ExitOnAnotherThread(), ::testing::ExitedWithCode(0), "");
+}
+
+// As where a kernel meets a wild pointer: a handler, of the client or of a sanitizer, must see it.
+[[noreturn]] void ExitByAFaultOnAStream()
+{
+    std::signal(SIGSEGV, [](int) { _exit(42); });
+    void* pNobody = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    cudaLaunchHostFunc(
+        nullptr, [](void* pAddress) { *static_cast<volatile char*>(pAddress) = 1; }, pNobody);
+    cudaDeviceSynchronize();
+    std::exit(1);
+}
+
+TEST_F(ProcessDeathTest, AFaultOnAStreamReachesTheHandlerOfTheProcess)
+{
+    EXPECT_EXIT(ExitByAFaultOnAStream(), ::testing::ExitedWithCode(42), "");
 }
 
 #if defined(QX_TEST_ASAN)

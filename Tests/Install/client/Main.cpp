@@ -5,15 +5,19 @@
 
 #include "Qx.Cuda/QxCuda.h"
 
+void Invert(const Qx::CQxDeviceImage2D& xImage); // Kernel.cpp
+
 int main()
 {
     try
     {
-        const Qx::CQxImageFormat xFormat(33, 7, Qx::EDataType::UByte, Qx::EPixelType::RGBA);
+        const Qx::CQxImageFormat xFormat(33, 7, Qx::EDataType::UByte, Qx::EPixelType::Lum);
         Qx::CQxPageLockedImage xImage(xFormat);
         std::memset(xImage.GetDataPtr(), 0x7F, xImage.GetBufferSize());
         Qx::CQxDeviceImage2D xOnDevice;
         xOnDevice.CreateAsync(&xImage, nullptr);
+        Invert(xOnDevice);
+        std::memset(xImage.GetDataPtr(), 0x80, xImage.GetBufferSize());
         Qx::CQxImage xBack;
         xOnDevice.CopyTo(xBack);
         const bool bSame = std::memcmp(xImage.GetDataPtr(), xBack.GetDataPtr(), xBack.GetBufferSize()) == 0;
