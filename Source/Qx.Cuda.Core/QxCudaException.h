@@ -78,7 +78,8 @@ private:
     int m_iDeviceID = -1;
 };
 
-/// A device allocation that failed because the device has no memory left.
+/// An allocation that failed because there is no memory left: the device's, or page-locked memory of the host; also one
+/// of more bytes than 64 bits count.
 class QX_EXPORT_TYPE CQxOutOfMemoryException : public CQxException
 {
 public:

@@ -38,8 +38,9 @@ public:
     /// Covers an image with one-dimensional blocks along the rows and one grid row per image row.
     ///
     /// A block has 32 x @p iWarps threads, halved until threads x @p iResources is at most 65536, the registers of a
-    /// multiprocessor; the grid is (ceil(width / threads), height, 1). Values that yield no positive 32-bit thread
-    /// count leave a configuration with grid and block x of 0, which `Begin` refuses.
+    /// multiprocessor; the grid is (ceil(width / threads), height, 1), of which devices launch up to 65535 rows. Values
+    /// that yield no positive 32-bit thread count leave a configuration with grid and block x of 0, which `Begin`
+    /// refuses.
     ///
     /// Throws a `CQxException` "Invalid array size <width> x <height>" when one of the two is 0 or negative; the
     /// configuration is unchanged then.
@@ -47,8 +48,9 @@ public:
     /// @param iWarps warps of 32 threads wanted in a block
     QX_CUDA_API void EvalKernelDim_2D_1D(const CQxImageFormat& xFormat, int iResources, int iWarps);
 
-    /// Covers @p uThreads threads with blocks of @p uThreadsPerBlock, which the grid's x and, for more than 65534 or
-    /// 65535 blocks, y count. The grid may have more threads than asked for, so a kernel tests its index.
+    /// Covers @p uThreads threads with blocks of @p uThreadsPerBlock. From 65536 blocks on the grid has several rows,
+    /// so a thread's number is (blockIdx.y x gridDim.x + blockIdx.x) x blockDim.x + threadIdx.x. The grid may have more
+    /// threads than asked for, so a kernel tests that number.
     ///
     /// Throws a `CQxException` "Error setting kernel configuration" with, as inner exception, "Number of threads is 0"
     /// or "Number of threads in a block is 0" (the configuration is unchanged), or "Too many threads for given

@@ -55,14 +55,16 @@ struct SParameter
     /// Forgets the buffers without freeing them; the capacity stays.
     QX_CUDA_API void Reset() noexcept;
 
-    /// Sets the counter to 0 with a blocking `cudaMemset`; does nothing without a counter. The result is ignored.
+    /// Sets the counter to 0 with `cudaMemset`; does nothing without a counter. The result is ignored. The memset is in
+    /// order with the default stream and may run after the call has returned: before a kernel on a stream that was
+    /// created non-blocking comes `cudaStreamSynchronize(nullptr)`.
     QX_CUDA_API void ResetCounter() noexcept;
 
     /// Allocates an item buffer of @p iItemCapacity items and a counter on the current device, and resets the counter.
     ///
     /// Does not free the buffers of an earlier call: use `Delete` before. Results are not tested and nothing is
-    /// thrown: after a failure the pointer in question is null, which the later operations notice, and the CUDA error
-    /// stays pending.
+    /// thrown: after a failure the pointer in question is null and the CUDA error stays pending. `SetDebugKind` notices
+    /// missing items; a missing counter is for the client to see (`pCounter`) before it launches a kernel that counts.
     QX_CUDA_API void Malloc(int iItemCapacity) noexcept;
 
     /// Frees both buffers, null or not, with two calls of `cudaFree` whose results are ignored, and forgets them. The

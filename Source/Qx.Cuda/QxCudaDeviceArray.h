@@ -14,7 +14,7 @@ namespace Qx
 /// The device block of a vector or matrix: at most one linear block, which keeps the element count that it was
 /// allocated with. The pointer is null exactly when there is no block.
 ///
-/// For `CQxCudaDeviceVector` and `CQxCudaDeviceMatrix`, which wrap its exceptions in their own. Copies use the blocking
+/// For `CQxCudaDeviceVector` and `CQxCudaDeviceMatrix`, which wrap its exceptions in their own. Copies use
 /// `cudaMemcpy`; one thread uses an array at a time.
 template <typename T>
 class CQxCudaDeviceArray

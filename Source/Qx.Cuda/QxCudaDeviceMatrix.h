@@ -12,8 +12,8 @@ namespace Qx
 /// (r, c) at index r x columns + c.
 ///
 /// The matrix owns its block, which is allocated anew only when rows x columns changes. A new matrix has 0 x 0 elements
-/// and no block. All copies are blocking `cudaMemcpy` calls on the default stream. One thread uses a matrix at a time,
-/// with the matrix's device current. Exceptions of other types than `CQxException` pass unchanged.
+/// and no block. Its copies wait as those of `CQxCudaDeviceVector`. One thread uses a matrix at a time, with the
+/// matrix's device current. Exceptions of other types than `CQxException` pass unchanged.
 template <typename T>
 class QX_CUDA_API CQxCudaDeviceMatrix
 {
@@ -96,6 +96,7 @@ public:
     bool IsValid() const noexcept { return m_xArray.GetDataPtr() != nullptr; }
 
     /// True when the block has exactly rows x columns elements, so that a kernel may use them; also for no elements.
+    /// Says nothing of their values, which are undefined after a resize or an upload that failed in the copy.
     bool IsComplete() const noexcept { return m_xArray.GetCount() == _ElementCount(m_nRows, m_nCols); }
 
     /// The element of row 0 and column 0 on the device; null without a block. Stays owned by the matrix.

@@ -17,10 +17,13 @@ namespace Qx
 /// Both instantiations offer the same operations for `float` and for `double`; the parameter changes nothing. The
 /// cuBLAS handle belongs to the client, who creates, configures and destroys it; it has to be in host pointer mode
 /// (the default) and its device has to be current. Each operation makes one cuBLAS call on the handle's stream. Nothing
-/// here waits for the device: results of the products are complete when the work of that stream is.
+/// here waits for the device: results of the products are complete when the work of that stream is. Uploads are made on
+/// the default stream: with a handle on a stream that was created non-blocking, call `cudaStreamSynchronize(nullptr)`
+/// between the last of them and the product.
 ///
-/// Operands must hold as many elements on the device as their sizes say (`IsComplete`), also none, and no count passed
-/// to cuBLAS may exceed 2^31 - 1. One thread uses an object, its operands and its result at a time.
+/// Operands must hold as many elements on the device as their sizes say (`IsComplete`); a matrix without elements is
+/// for cuBLAS to refuse. No count passed to cuBLAS may exceed 2^31 - 1. One thread uses an object, its operands and its
+/// result at a time.
 template <typename T>
 class QX_CUDA_API CQxCudaDeviceMatrixMath
 {

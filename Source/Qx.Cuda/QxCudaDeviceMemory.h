@@ -29,7 +29,7 @@ public:
     /// The bytes of all recorded blocks.
     std::uint64_t GetTotalAllocSize() noexcept;
 
-    /// Makes room for @p nCount blocks, so that recording that many cannot fail. The contents stay as they are.
+    /// Makes room for @p nCount blocks in all, so that recording that many cannot fail. The contents stay as they are.
     ///
     /// Throws the standard library's `std::length_error` for more than its arrays can hold, and `std::bad_alloc`.
     void ReserveDevicePointers(std::uint64_t nCount);

@@ -14,8 +14,10 @@ namespace Qx
 /// no block. After an upload or a resize that threw a `CQxException` the size is all ones (2^64 - 1), whatever block
 /// there is; the next one that succeeds makes the vector whole again.
 ///
-/// All copies are blocking `cudaMemcpy` calls on the default stream. One thread uses a vector at a time, with the
-/// vector's device current. Exceptions of other types than `CQxException` pass unchanged.
+/// All copies are `cudaMemcpy` calls: a download returns with the elements, an upload when the host's memory may be
+/// used again. Work on a stream that was created non-blocking must therefore be preceded by
+/// `cudaStreamSynchronize(nullptr)` to find uploaded elements. One thread uses a vector at a time, with the vector's
+/// device current. Exceptions of other types than `CQxException` pass unchanged.
 template <typename T>
 class QX_CUDA_API CQxCudaDeviceVector
 {
@@ -42,8 +44,8 @@ public:
     /// Throws what the standard library throws when @p xVector cannot grow, such as `std::length_error` after a failed
     /// `Set`, and a `CQxException` "Error copying device vector to host" around, in this order, what an overridden
     /// `Resize` throws, "Nullptr --> Invalid device pointer" without a block, "Unequal element counts" when the block
-    /// does not have as many elements as @p xVector now, or a `CQxCudaException` "Error copying to host". By then
-    /// @p xVector has been resized.
+    /// does not have as many elements as @p xVector now, or a `CQxCudaException` "Error copying to host". After the
+    /// last three @p xVector has been resized.
     void Get(CQxVector<T>& xVector) const;
 
     /// Gives the vector @p nSize elements. The contents stay when it has that many already, else they are lost and the
@@ -63,7 +65,8 @@ public:
     /// True when there is a block.
     bool IsValid() const noexcept { return m_xArray.GetDataPtr() != nullptr; }
 
-    /// True when the block has exactly `GetSize()` elements, so that a kernel may use them; also for size 0.
+    /// True when the block has exactly `GetSize()` elements, so that a kernel may use them; also for size 0. Says
+    /// nothing of their values, which are undefined after a resize.
     bool IsComplete() const noexcept { return m_xArray.GetCount() == m_nSize; }
 
     /// The first element on the device; null without a block. Stays owned by the vector.

@@ -20,7 +20,8 @@ namespace Qx
 ///
 /// Wrapping is narrower than that of the 2D image: only the uploads, the copy from another image and the allocation
 /// wrap what fails in them; everything else arrives as it was thrown. Exceptions of other types than `CQxException`
-/// always pass unchanged. One thread uses an image at a time, with the image's device current.
+/// always pass unchanged. One thread uses an image at a time, with the image's device current. Which calls wait, and
+/// for what, is as with `CQxDeviceImage2D`.
 class CQxDeviceImage1D
 {
 public:
@@ -49,7 +50,7 @@ public:
     ///   `CQxOutOfMemoryException`; the image is empty.
     QX_CUDA_API void Create(const CQxImageFormat& xFormat);
 
-    /// Creates the image for the format of @p xImage and uploads its pixels with one blocking copy.
+    /// Creates the image for the format of @p xImage and uploads its pixels with one copy.
     ///
     /// Throws a `CQxException` "Error creating 1D Image" with, as inner exception, what `Create` of the format throws,
     /// or a `CQxCudaException` "Error copying memory from host to device"; after the latter the image keeps its new
@@ -69,8 +70,8 @@ public:
     /// to device"; after the latter the image keeps its new memory and format, its pixels are undefined.
     QX_CUDA_API void Create(const CQxDeviceImage1D& xSource);
 
-    /// Downloads the pixels with one blocking copy. @p xImage is created for this image's format unless it has it
-    /// already.
+    /// Downloads the pixels with one copy and waits for them. @p xImage is created for this image's format unless it
+    /// has it already.
     ///
     /// Throws, all unwrapped, a `CQxException` "Image is invalid" when this image is empty (@p xImage is untouched),
     /// what the host image's `Create` throws, or a `CQxCudaException` "Error copying memory from device to host"

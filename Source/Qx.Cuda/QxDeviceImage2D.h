@@ -24,13 +24,21 @@ class CQxDeviceImage1D;
 ///
 /// Every failure is a `CQxException` chain; an exception of another type that a component throws, such as
 /// `std::bad_alloc`, passes unchanged. One thread uses an image at a time, with the image's device current. Operations
-/// whose names end in Async queue their work on the stream and return; the others use the blocking CUDA calls.
+/// whose names end in Async queue their work on the stream and return. The others use the CUDA calls without a stream,
+/// which are in order with the default stream and all streams but those created `cudaStreamNonBlocking`. A download
+/// returns when the pixels are there, an upload when the source may be used again, a copy on the device or `SetZero`
+/// possibly earlier; so before work on a non-blocking stream that needs the pixels, or that may be lent the memory of a
+/// released source, comes `cudaStreamSynchronize(nullptr)`.
 ///
 /// What a queued transfer needs: until the stream has reached it, both images stay alive and keep their format, the
 /// source's pixels are not written and the target's are not touched. It is the caller who synchronises. The transfer
 /// overlaps with the host's and the device's other work when the host image is page-locked (`CQxPageLockedImage`); from
 /// and to ordinary memory it is as correct, but CUDA may make the call wait. Giving an image's memory back, by
-/// `Release`, the destructor or `Create` of another format, does not wait for queued work either.
+/// `Release`, the destructor or `Create` of another format, does not wait for queued work either. A transfer that is
+/// captured into a graph keeps the addresses: both images must outlive the graph with their formats.
+///
+/// Moving from an empty image throws, so what moves its elements, such as `std::vector` when it grows or `std::swap`,
+/// loses images when one of them is empty. Keep images that may be empty in a `std::deque` or behind pointers.
 class CQxDeviceImage2D
 {
 public:
@@ -77,7 +85,7 @@ public:
     /// Both images are unchanged then.
     QX_CUDA_API void Create(CQxDeviceImage2D&& xSource);
 
-    /// Creates the image for the format of @p xImage and uploads its pixels with one blocking 2D copy.
+    /// Creates the image for the format of @p xImage and uploads its pixels with one 2D copy.
     ///
     /// Throws a `CQxException` "Error creating 2D CUDA device image" with, as inner exception, what `Create` of the
     /// format throws (so that message stands twice in the chain), or a `CQxCudaException` "Error copying image to cuda
@@ -86,7 +94,9 @@ public:
 
     /// The same from a buffer of packed rows (height x width x bytes per pixel bytes).
     /// @param xFormat the format of the buffer
-    /// @param pPixels its first byte; passed to CUDA unchecked
+    /// @param pPixels its first byte; passed to CUDA unchecked. Not the pixels of a 2D image, whose rows are not
+    /// packed,
+    ///     and nothing in this image's own memory, which may have gone back to the pool before the copy
     /// @param bDevicePointer true when @p pPixels is device memory, false when it is host memory
     QX_CUDA_API void Create(const CQxImageFormat& xFormat, const void* pPixels, bool bDevicePointer);
 
@@ -112,8 +122,8 @@ public:
     /// of a failed copy is "Error copying image to cuda device".
     QX_CUDA_API void Create(const CQxDeviceImage1D& xSource);
 
-    /// Downloads the pixels with one blocking 2D copy. @p xImage is created for this image's format unless it has it
-    /// already.
+    /// Downloads the pixels with one 2D copy and waits for them. @p xImage is created for this image's format unless it
+    /// has it already.
     ///
     /// Throws a `CQxException` "Error copying to host image" with, as inner exception, "Image is invalid" when this
     /// image is empty (@p xImage is untouched), what the host image's `Create` throws, or a `CQxCudaException` "Error
@@ -133,16 +143,17 @@ public:
     /// the copy. @p pImage is created for the format during the call.
     QX_CUDA_API void CopyToAsync(Interop::Runtime28::IImage* pImage, CUstream_st* pStream) const;
 
-    /// `Create` of @p xTarget from this image. Throws what that throws inside a `CQxException` "Error copying 2D CUDA
-    /// device image".
+    /// `Create` of @p xTarget from this image, with the states that it leaves. Throws what that throws inside a
+    /// `CQxException` "Error copying 2D CUDA device image".
     QX_CUDA_API void CopyTo(CQxDeviceImage2D& xTarget) const;
 
     /// Creates the image in linear memory for this image's format and copies the pixels with one 2D copy on the device;
     /// the padding between rows is left out.
     ///
     /// Throws a `CQxException` "Error copying 2D CUDA device image to 1D CUDA device image" with, as inner exception,
-    /// "Image is invalid" when this image is empty (@p xTarget is untouched), what `Create` of the 1D image throws, or
-    /// a `CQxCudaException` "Error copying image to cuda device" (@p xTarget then keeps its new memory and format, its
+    /// "Image is invalid" when this image is empty (@p xTarget is untouched), what `Create` of the 1D image throws
+    /// (@p xTarget is as that leaves it: unchanged, or empty when there was no memory for the new format), or a
+    /// `CQxCudaException` "Error copying image to cuda device" (@p xTarget then keeps its new memory and format, its
     /// pixels are undefined).
     QX_CUDA_API void CopyTo(CQxDeviceImage1D& xTarget) const;
 
@@ -166,7 +177,8 @@ public:
 
     /// Writes the description of this image, empty or not, into a device constant, ordered on the stream.
     ///
-    /// The description is taken during the call; the caller synchronises the stream before it relies on the constant.
+    /// The description is taken during the call, so the stream must not be one that is being captured into a graph,
+    /// which would look for it at each replay. The caller synchronises the stream before it relies on the constant.
     /// Throws a `CQxCudaException` "Error copying device image description 2D to constant memory".
     /// @param xSymbol the constant of the kernel's code, declared `__constant__`; neither read nor written on the host
     /// @param pStream null for the default stream

@@ -12,8 +12,9 @@ namespace Qx
 /// The CUDA runtime's allocation calls with every failure turned into an exception that says what was attempted.
 ///
 /// Nothing is kept here: the caller owns each block and gives it back through the free operation of its kind. All
-/// operations work on the calling thread's current device, make one CUDA call, and may be called from any thread; they
-/// wait for the device where the CUDA call does. A failed allocation is not tried again.
+/// operations but `ToString` work on the calling thread's current device and make one CUDA call, unless they refuse a
+/// byte count beyond 64 bits; they may be called from any thread and wait for the device where the CUDA call does. A
+/// failed allocation is not tried again.
 class CQxDeviceMMU
 {
 public:

@@ -70,8 +70,8 @@ public:
     /// @param xMapping its `GetDataPtr` must give as many bytes as its `GetByteCount` says, which is asked once
     QX_CUDA_API void Create(const CQxMapping3D& xMapping);
 
-    /// Downloads the values with one blocking copy, after giving @p xMapping this mapping's box, cell counts and name.
-    /// The step sizes are not transferred: they become those that `CQxMapping3D::Create` works out.
+    /// Downloads the values with one copy, and waits for them, after giving @p xMapping this mapping's box, cell counts
+    /// and name. The step sizes are not transferred: they become those that `CQxMapping3D::Create` works out.
     ///
     /// Throws a `CQxException` "Error copying to host image" with, as inner exception and in this order:
     /// - "Mapping is invalid" when this mapping is empty; @p xMapping is untouched,

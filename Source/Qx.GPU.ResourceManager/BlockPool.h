@@ -21,7 +21,8 @@ enum class EBlockKind
 };
 
 /// The page-locked host memory that was allocated while @p iDevice was current has records of its own beside those of
-/// the device's memory, under a number that no device has. It goes with the device all the same when that is reset.
+/// the device's memory, under a number that no device has, below 0. It goes with the device all the same when that is
+/// reset.
 constexpr int HostPoolOf(int iDevice) noexcept
 {
     return ~iDevice;

@@ -36,9 +36,9 @@ enum class EPool
 /// The process's pool of device memory, and of page-locked host memory for transfers to and from it.
 ///
 /// A block that is given back waits for the next request of exactly its device, kind and size. Images of a stream of
-/// frames ask for the same sizes over and over, so such a request is answered without a CUDA call, without rounding and
-/// without fragmentation, in a time that does not depend on how many blocks wait. Idle blocks are bounded per device
-/// (see `SetIdleLimit`); the least recently used one goes first.
+/// frames ask for the same sizes over and over, so such a request asks for the current device and is answered without
+/// another CUDA call, without rounding and without fragmentation, in a time that does not depend on how many blocks
+/// wait. Idle blocks are bounded per device (see `SetIdleLimit`); the least recently used one goes first.
 ///
 /// All operations may be called from several threads at once. They work on the calling thread's current device unless
 /// they say otherwise, and leave it current. No CUDA call is made while the pool is locked.
@@ -96,10 +96,11 @@ public:
     /// @param bFree true frees the block at once instead of keeping it for the next request
     static QX_GPU_API void ReleaseResource(CResource& xResource, bool bFree);
 
-    /// What a pool of @p iDevice holds; all zero for a device that was never used.
+    /// What a pool of @p iDevice holds; all zero for a device that was never used, or that there is not.
     static QX_GPU_API SPoolStatistics GetStatistics(int iDevice, EPool ePool = EPool::Device);
 
-    /// What the current device's memory pool holds. Throws a `CQxCudaException` when there is none.
+    /// What the current device's memory pool holds. Throws a `CQxCudaException` when there is no device, a
+    /// `CQxException` when the process is exiting; so do the two below.
     static QX_GPU_API SPoolStatistics GetStatistics();
 
     /// Frees idle blocks of a pool of the current device, least recently used first, until at most @p nBytesToKeep
@@ -110,7 +111,7 @@ public:
     /// Bounds the idle bytes of a pool of the current device and trims to the bound as `Trim` does; when that throws
     /// the bound is set nevertheless, and later releases free the surplus. Until this is called the bound is half of
     /// the device's memory, and an eighth of the host's for page-locked memory, which the rest of the system goes
-    /// without.
+    /// without. Throws `std::bad_alloc` too, before anything is changed.
     static QX_GPU_API void SetIdleLimit(std::size_t nBytes, EPool ePool = EPool::Device);
 
     /// Forgets every block of both pools of @p iDevice without a CUDA call, to be called after `cudaDeviceReset`, which
