@@ -11,9 +11,9 @@ namespace Qx::HostCuda
 namespace
 {
 
-/// Blocks the signals of the calling thread for its lifetime, so that a thread started meanwhile never runs a handler of
-/// the client for what happens elsewhere. Signals that a thread raises by a fault of its own are left alone: a kernel's
-/// wild pointer must reach the handler of a sanitizer or of the client, which shows where it was.
+/// Blocks the signals of the calling thread for its lifetime, so that a thread started meanwhile never runs a handler
+/// of the client for what happens elsewhere. Signals that a thread raises by a fault of its own are left alone: a
+/// kernel's wild pointer must reach the handler of a sanitizer or of the client, which shows where it was.
 class CSignalBlock
 {
 public:
