@@ -34,7 +34,8 @@ void _RoundTrip(const SCommandLine& xLine)
     const CQxImage xPicture = xLine.vInputs.empty() ? DrawTestChart(1250, 833) : ReadPicture(xLine.vInputs[0]);
     const CQxImageFormat& xFormat = xPicture.GetFormat();
     const std::size_t nBytes = xPicture.GetBufferSize();
-    const std::size_t nRowBytes = static_cast<std::size_t>(xFormat.iWidth * xFormat.GetBytesPerPixel());
+    const std::size_t nRowBytes =
+        static_cast<std::size_t>(xFormat.iWidth) * static_cast<std::size_t>(xFormat.GetBytesPerPixel());
     PrintPlatform();
 
     CStepTimer xUpload("host -> device");

@@ -445,6 +445,7 @@ TEST(LaunchKernel, KernelsReadTheDescriptionThatTheStreamWroteBeforeThem)
         vSources[nImage].Create(xHost);
         vTargets[nImage].Create(xFormat);
     }
+    ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess); // for the uploads, which this stream does not wait for
     // One constant for three launches: each sees the description that was current in its turn.
     for (std::size_t nImage = 0; nImage < 3; ++nImage)
     {
