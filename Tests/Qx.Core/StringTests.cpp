@@ -16,6 +16,15 @@ using Qx::Test::FailEachAllocation;
 
 constexpr const char* c_pcLong = "a text that is too long for the buffer inside a string object";
 
+// What an int holds without loss, and no other number.
+template <typename T>
+concept CAppendable = requires(CQxString& sText, T tValue)
+{
+    sText << tValue;
+};
+static_assert(CAppendable<int> && CAppendable<short> && CAppendable<unsigned char>);
+static_assert(!CAppendable<unsigned> && !CAppendable<long> && !CAppendable<float> && !CAppendable<double>);
+
 TEST(String, NullPointerIsTheEmptyText)
 {
     const char* pcNull = nullptr;

@@ -1,5 +1,6 @@
 #include <array>
 #include <climits>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -125,13 +126,15 @@ TEST(DeviceMMU, TurnsEachFailureIntoTheExceptionOfItsKind)
 
 TEST(DeviceMMU, DescribesChannels)
 {
+    cudaChannelFormatDesc xStrange{-1, INT_MIN, INT_MAX, 1, cudaChannelFormatKindNone};
+    constexpr int c_iNoKind = 100; // which no enumerator comes near, so that reading it as one is undefined
+    std::memcpy(&xStrange.f, &c_iNoKind, sizeof(c_iNoKind));
     const std::map<std::string, cudaChannelFormatDesc> xCases{
         {"(x: 32, y: 0, z: 0, w: 0, f: Float)", {32, 0, 0, 0, cudaChannelFormatKindFloat}},
         {"(x: 8, y: 16, z: 24, w: 32, f: Signed)", {8, 16, 24, 32, cudaChannelFormatKindSigned}},
         {"(x: 8, y: 8, z: 8, w: 0, f: Unsigned)", c_xDesc},
         {"(x: 0, y: 0, z: 0, w: 0, f: None)", {0, 0, 0, 0, cudaChannelFormatKindNone}},
-        {"(x: -1, y: -2147483648, z: 2147483647, w: 1, f: Unknown)",
-         {-1, INT_MIN, INT_MAX, 1, static_cast<cudaChannelFormatKind>(7)}},
+        {"(x: -1, y: -2147483648, z: 2147483647, w: 1, f: Unknown)", xStrange},
     };
     for (const auto& [sText, xDesc] : xCases)
     {
