@@ -277,77 +277,6 @@ cudaError_t _Set(SArea xArea, const SWhere& xWhere)
 /// Pageable memory up to this size is taken along by a copy to a symbol.
 constexpr std::size_t c_nStagingLimit = std::size_t{64} * 1024;
 
-cudaError_t _CopyToSymbol(const void* pSymbol, const void* pSource, std::size_t nCount, std::size_t nOffset,
-                          cudaMemcpyKind eKind, const SWhere& xWhere)
-{
-    CDevice* pDevice = nullptr;
-    cudaError_t eError = FindDevice(xWhere.hStream, pDevice);
-    if (eError == cudaSuccess)
-    {
-        eError = CheckSymbol(pSymbol, nCount, nOffset);
-    }
-    ESide eTarget = ESide::Any;
-    ESide eSource = ESide::Any;
-    if (eError == cudaSuccess && (!_GetSides(eKind, eTarget, eSource) || eTarget == ESide::Host))
-    {
-        eError = cudaErrorInvalidMemcpyDirection;
-    }
-    if (eError != cudaSuccess || nCount == 0)
-    {
-        return eError;
-    }
-    SArea xArea;
-    xArea.pTarget = static_cast<unsigned char*>(const_cast<void*>(pSymbol)) + nOffset;
-    xArea.pSource = static_cast<const unsigned char*>(pSource);
-    xArea.nTargetPitch = xArea.nSourcePitch = xArea.nWidth = nCount;
-    xArea.nRowCount = 1;
-    auto xLock = CMemory::Get().Read();
-    const SBlock* pSourceBlock = nullptr;
-    eError = _CheckArea(*pDevice, xArea, {}, eSource, pSourceBlock);
-    if (eError != cudaSuccess)
-    {
-        return eError;
-    }
-    if (xWhere.bAsync && pSourceBlock == nullptr && nCount <= c_nStagingLimit)
-    {
-        std::shared_ptr<unsigned char[]> pStaged(new unsigned char[nCount]);
-        std::memcpy(pStaged.get(), pSource, nCount);
-        xArea.pSource = pStaged.get();
-        return pDevice->Enqueue(xWhere.hStream, MakeWork([xArea, pStaged] { _Run(xArea); }));
-    }
-    return _Execute(*pDevice, xArea, xWhere, xLock);
-}
-
-cudaError_t _CopyFromSymbol(void* pTarget, const void* pSymbol, std::size_t nCount, std::size_t nOffset,
-                            cudaMemcpyKind eKind, const SWhere& xWhere)
-{
-    CDevice* pDevice = nullptr;
-    cudaError_t eError = FindDevice(xWhere.hStream, pDevice);
-    if (eError == cudaSuccess)
-    {
-        eError = CheckSymbol(pSymbol, nCount, nOffset);
-    }
-    ESide eTarget = ESide::Any;
-    ESide eSource = ESide::Any;
-    if (eError == cudaSuccess && (!_GetSides(eKind, eTarget, eSource) || eSource == ESide::Host))
-    {
-        eError = cudaErrorInvalidMemcpyDirection;
-    }
-    if (eError != cudaSuccess || nCount == 0)
-    {
-        return eError;
-    }
-    SArea xArea;
-    xArea.pTarget = static_cast<unsigned char*>(pTarget);
-    xArea.pSource = static_cast<const unsigned char*>(pSymbol) + nOffset;
-    xArea.nTargetPitch = xArea.nSourcePitch = xArea.nWidth = nCount;
-    xArea.nRowCount = 1;
-    auto xLock = CMemory::Get().Read();
-    const SBlock* pNoBlock = nullptr;
-    eError = _CheckArea(*pDevice, xArea, eTarget, {}, pNoBlock);
-    return eError != cudaSuccess ? eError : _Execute(*pDevice, xArea, xWhere, xLock);
-}
-
 SArea _MakeCopy(void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
                 std::size_t nWidth, std::size_t nRowCount) noexcept
 {
@@ -359,6 +288,48 @@ SArea _MakeCopy(void* pTarget, std::size_t nTargetPitch, const void* pSource, st
     xArea.nWidth = nWidth;
     xArea.nRowCount = nRowCount;
     return xArea;
+}
+
+// Copies between a symbol and other memory, to the symbol or from it.
+cudaError_t _CopySymbol(const void* pSymbol, const void* pOther, std::size_t nCount, std::size_t nOffset,
+                        cudaMemcpyKind eKind, bool bToSymbol, const SWhere& xWhere)
+{
+    CDevice* pDevice = nullptr;
+    cudaError_t eError = FindDevice(xWhere.hStream, pDevice);
+    if (eError == cudaSuccess)
+    {
+        eError = CheckSymbol(pSymbol, nCount, nOffset);
+    }
+    ESide eTarget = ESide::Any;
+    ESide eSource = ESide::Any;
+    if (eError == cudaSuccess &&
+        (!_GetSides(eKind, eTarget, eSource) || (bToSymbol ? eTarget : eSource) == ESide::Host))
+    {
+        eError = cudaErrorInvalidMemcpyDirection;
+    }
+    if (eError != cudaSuccess || nCount == 0)
+    {
+        return eError;
+    }
+    const void* const pPart = static_cast<const unsigned char*>(pSymbol) + nOffset;
+    SArea xArea =
+        _MakeCopy(const_cast<void*>(bToSymbol ? pPart : pOther), nCount, bToSymbol ? pOther : pPart, nCount, nCount, 1);
+    auto xLock = CMemory::Get().Read();
+    const SBlock* pSourceBlock = nullptr;
+    eError = bToSymbol ? _CheckArea(*pDevice, xArea, {}, eSource, pSourceBlock)
+                       : _CheckArea(*pDevice, xArea, eTarget, {}, pSourceBlock);
+    if (eError != cudaSuccess)
+    {
+        return eError;
+    }
+    if (bToSymbol && xWhere.bAsync && pSourceBlock == nullptr && nCount <= c_nStagingLimit)
+    {
+        std::shared_ptr<unsigned char[]> pStaged(new unsigned char[nCount]);
+        std::memcpy(pStaged.get(), xArea.pSource, nCount);
+        xArea.pSource = pStaged.get();
+        return pDevice->Enqueue(xWhere.hStream, MakeWork([xArea, pStaged] { _Run(xArea); }));
+    }
+    return _Execute(*pDevice, xArea, xWhere, xLock);
 }
 
 SArea _MakeSet(void* pTarget, std::size_t nPitch, int iValue, std::size_t nWidth, std::size_t nRowCount) noexcept
@@ -417,22 +388,22 @@ cudaError_t cudaMemset2DAsync(void* devPtr, size_t pitch, int value, size_t widt
 
 cudaError_t cudaMemcpyToSymbol(const void* symbol, const void* src, size_t count, size_t offset, cudaMemcpyKind kind)
 {
-    return Call([&] { return _CopyToSymbol(symbol, src, count, offset, kind, {}); });
+    return Call([&] { return _CopySymbol(symbol, src, count, offset, kind, true, {}); });
 }
 
 cudaError_t cudaMemcpyToSymbolAsync(const void* symbol, const void* src, size_t count, size_t offset,
                                     cudaMemcpyKind kind, cudaStream_t stream)
 {
-    return Call([&] { return _CopyToSymbol(symbol, src, count, offset, kind, {true, stream}); });
+    return Call([&] { return _CopySymbol(symbol, src, count, offset, kind, true, {true, stream}); });
 }
 
 cudaError_t cudaMemcpyFromSymbol(void* dst, const void* symbol, size_t count, size_t offset, cudaMemcpyKind kind)
 {
-    return Call([&] { return _CopyFromSymbol(dst, symbol, count, offset, kind, {}); });
+    return Call([&] { return _CopySymbol(symbol, dst, count, offset, kind, false, {}); });
 }
 
 cudaError_t cudaMemcpyFromSymbolAsync(void* dst, const void* symbol, size_t count, size_t offset, cudaMemcpyKind kind,
                                       cudaStream_t stream)
 {
-    return Call([&] { return _CopyFromSymbol(dst, symbol, count, offset, kind, {true, stream}); });
+    return Call([&] { return _CopySymbol(symbol, dst, count, offset, kind, false, {true, stream}); });
 }

@@ -155,6 +155,17 @@ cudaError_t FindDevice(cudaEvent_t hEvent, CDevice*& pDevice)
     return pDevice == nullptr ? cudaErrorInvalidResourceHandle : pDevice->GetFault();
 }
 
+namespace
+{
+
+// Finds an event's device and what its last record waits for.
+cudaError_t _GetMark(cudaEvent_t hEvent, CDevice*& pDevice, SMark& xMark)
+{
+    const cudaError_t eError = FindDevice(hEvent, pDevice);
+    return eError != cudaSuccess ? eError : pDevice->GetMark(hEvent, xMark);
+}
+
+} // namespace
 } // namespace Qx::HostCuda
 
 using namespace Qx::HostCuda;
@@ -213,11 +224,7 @@ cudaError_t cudaEventSynchronize(cudaEvent_t event)
         {
             CDevice* pDevice = nullptr;
             SMark xMark;
-            cudaError_t eError = FindDevice(event, pDevice);
-            if (eError == cudaSuccess)
-            {
-                eError = pDevice->GetMark(event, xMark);
-            }
+            const cudaError_t eError = _GetMark(event, pDevice, xMark);
             xMark.Wait();
             return eError != cudaSuccess ? eError : pDevice->GetFault();
         });
@@ -230,11 +237,7 @@ cudaError_t cudaEventQuery(cudaEvent_t event)
         {
             CDevice* pDevice = nullptr;
             SMark xMark;
-            cudaError_t eError = FindDevice(event, pDevice);
-            if (eError == cudaSuccess)
-            {
-                eError = pDevice->GetMark(event, xMark);
-            }
+            const cudaError_t eError = _GetMark(event, pDevice, xMark);
             if (eError != cudaSuccess)
             {
                 return eError;

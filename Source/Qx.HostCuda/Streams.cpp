@@ -392,6 +392,13 @@ void _CallHostFunction(cudaHostFn_t pFunction, void* pUserData)
     pFunction(pUserData);
 }
 
+// Finds a stream's device and what has to be reached before all work on the stream so far is done.
+cudaError_t _GetMarks(cudaStream_t hStream, CDevice*& pDevice, SMark& xOwn, std::vector<SMark>& vOthers)
+{
+    const cudaError_t eError = FindDevice(hStream, pDevice);
+    return eError != cudaSuccess ? eError : pDevice->GetMarks(hStream, xOwn, vOthers);
+}
+
 } // namespace
 } // namespace Qx::HostCuda
 
@@ -439,11 +446,7 @@ cudaError_t cudaStreamSynchronize(cudaStream_t stream)
             CDevice* pDevice = nullptr;
             SMark xOwn;
             std::vector<SMark> vOthers;
-            cudaError_t eError = FindDevice(stream, pDevice);
-            if (eError == cudaSuccess)
-            {
-                eError = pDevice->GetMarks(stream, xOwn, vOthers);
-            }
+            const cudaError_t eError = _GetMarks(stream, pDevice, xOwn, vOthers);
             xOwn.Wait();
             for (const SMark& xMark : vOthers)
             {
@@ -461,11 +464,7 @@ cudaError_t cudaStreamQuery(cudaStream_t stream)
             CDevice* pDevice = nullptr;
             SMark xOwn;
             std::vector<SMark> vOthers;
-            cudaError_t eError = FindDevice(stream, pDevice);
-            if (eError == cudaSuccess)
-            {
-                eError = pDevice->GetMarks(stream, xOwn, vOthers);
-            }
+            const cudaError_t eError = _GetMarks(stream, pDevice, xOwn, vOthers);
             if (eError != cudaSuccess)
             {
                 return eError;
