@@ -395,16 +395,17 @@ TEST_F(Launches, AtomicsUnderContentionLoseNothing)
 
 TEST_F(Launches, SignedAtomicsCompareAsSigned)
 {
-    const CManaged<int> xValues(2);
+    const CManaged<int> xValues(4);
     const auto Compare = [](int* pValues)
     {
         const int iIndex = static_cast<int>(threadIdx.x) - 512;
         atomicMin(&pValues[0], iIndex);
         atomicMax(&pValues[1], iIndex);
+        atomicSub(&pValues[2], -1);
+        atomicCAS(&pValues[3], 0, -5);
     };
     Run(1, 1024, Compare, xValues.begin());
-    EXPECT_EQ(xValues[0], -512);
-    EXPECT_EQ(xValues[1], 511);
+    EXPECT_EQ(std::vector<int>(xValues.begin(), xValues.end()), (std::vector<int>{-512, 511, 1024, -5}));
 }
 
 TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)

@@ -375,7 +375,7 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisationAndAcceptsE
             }
             Between(xClient);
             Sleep();
-            static_cast<void>(static_cast<volatile unsigned char&>(xClient.vHost[5]));
+            [[maybe_unused]] const unsigned char uRead = static_cast<volatile unsigned char&>(xClient.vHost[5]);
             std::exit(0);
         };
         ExpectExit(iCode, Download, iCode == c_iRace ? "data race" : "");
