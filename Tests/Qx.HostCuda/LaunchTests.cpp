@@ -360,6 +360,35 @@ TEST_F(Launches, SumsUnderContentionAreExact)
     Check(0.0);
 }
 
+__global__ void Contend(unsigned* pValues)
+{
+    const unsigned uIndex = blockIdx.x * blockDim.x + threadIdx.x;
+    atomicSub(&pValues[0], 1);
+    atomicMin(&pValues[1], uIndex + 7);
+    // In an order in which the largest is not the last.
+    atomicMax(&pValues[2], uIndex * 40503U % 65536U);
+    atomicOr(&pValues[3], 1U << (uIndex % 32));
+    atomicAnd(&pValues[4], ~(1U << (uIndex % 31)));
+    // A sum by compare and swap.
+    unsigned uOld = atomicAdd(&pValues[5], 0);
+    for (unsigned uSeen = ~uOld; uSeen != uOld;)
+    {
+        uSeen = uOld;
+        uOld = atomicCAS(&pValues[5], uSeen, uSeen + 3);
+    }
+    // Every value is taken out once, but for the one that stays.
+    atomicAdd(&pValues[6], atomicExch(&pValues[7], uIndex));
+}
+
+__global__ void ContendSigned(int* pValues)
+{
+    const int iIndex = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x) - 32768;
+    atomicMin(&pValues[0], iIndex);
+    atomicMax(&pValues[1], iIndex);
+    atomicSub(&pValues[2], -1);
+    atomicCAS(&pValues[3], 0, -5);
+}
+
 TEST_F(Launches, AtomicsUnderContentionLoseNothing)
 {
     constexpr unsigned c_uThreads = 65536;
@@ -367,45 +396,14 @@ TEST_F(Launches, AtomicsUnderContentionLoseNothing)
     xValues[0] = c_uThreads;
     xValues[1] = UINT_MAX;
     xValues[4] = UINT_MAX;
-    const auto Contend = [](unsigned* pValues)
-    {
-        const unsigned uIndex = blockIdx.x * blockDim.x + threadIdx.x;
-        atomicSub(&pValues[0], 1);
-        atomicMin(&pValues[1], uIndex + 7);
-        // In an order in which the largest is not the last.
-        atomicMax(&pValues[2], uIndex * 40503U % 65536U);
-        atomicOr(&pValues[3], 1U << (uIndex % 32));
-        atomicAnd(&pValues[4], ~(1U << (uIndex % 31)));
-        // A sum by compare and swap.
-        unsigned uOld = atomicAdd(&pValues[5], 0);
-        for (unsigned uSeen = ~uOld; uSeen != uOld;)
-        {
-            uSeen = uOld;
-            uOld = atomicCAS(&pValues[5], uSeen, uSeen + 3);
-        }
-        // Every value is taken out once, but for the one that stays.
-        atomicAdd(&pValues[6], atomicExch(&pValues[7], uIndex));
-    };
     Run(256, 256, Contend, xValues.begin());
     xValues[6] += xValues[7];
     EXPECT_EQ(std::vector<unsigned>(xValues.begin(), xValues.begin() + 7),
               (std::vector<unsigned>{0, 7, c_uThreads - 1, UINT_MAX, 1U << 31, 3 * c_uThreads,
                                      c_uThreads / 2 * (c_uThreads - 1)}));
-}
-
-TEST_F(Launches, SignedAtomicsCompareAsSigned)
-{
-    const CManaged<int> xValues(4);
-    const auto Compare = [](int* pValues)
-    {
-        const int iIndex = static_cast<int>(threadIdx.x) - 512;
-        atomicMin(&pValues[0], iIndex);
-        atomicMax(&pValues[1], iIndex);
-        atomicSub(&pValues[2], -1);
-        atomicCAS(&pValues[3], 0, -5);
-    };
-    Run(1, 1024, Compare, xValues.begin());
-    EXPECT_EQ(std::vector<int>(xValues.begin(), xValues.end()), (std::vector<int>{-512, 511, 1024, -5}));
+    const CManaged<int> xSigned(4);
+    Run(256, 256, ContendSigned, xSigned.begin());
+    EXPECT_EQ(std::vector<int>(xSigned.begin(), xSigned.end()), (std::vector<int>{-32768, 32767, 65536, -5}));
 }
 
 TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)

@@ -33,6 +33,9 @@ TEST_F(Memory, BlocksAreCountedPaidForAndFilledWithThePattern)
             EXPECT_EQ(GetStatistics().xTotal, (HostCuda::SMemoryUse{1, c_nSize}));
             EXPECT_EQ(GetFreeMemory(), c_nBudget - nPaid);
             EXPECT_EQ(xBlock.Read(), Bytes(c_nSize, 0xCD));
+            cudaPointerAttributes xBehind{};
+            EXPECT_EQ(cudaPointerGetAttributes(&xBehind, xBlock.Get(c_nSize)), cudaSuccess);
+            EXPECT_EQ(xBehind.type, cudaMemoryTypeUnregistered);
         }
         EXPECT_EQ(GetFreeMemory(), c_nBudget);
     }

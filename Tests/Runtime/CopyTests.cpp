@@ -258,17 +258,6 @@ TEST_F(Copies, OverlappingLinearCopiesKeepTheSource)
     }
 }
 
-TEST_F(Copies, FreedBlocksAreRefused)
-{
-    QX_STAND_IN_ONLY("undefined");
-    void* const pMemory = MakeMemory(16);
-    unsigned char vHost[16] = {};
-    ASSERT_EQ(cudaFree(pMemory), cudaSuccess);
-    ExpectResult(cudaMemcpy(pMemory, vHost, 16, cudaMemcpyHostToDevice), cudaErrorInvalidValue);
-    ExpectResult(cudaMemcpy(vHost, pMemory, 16, cudaMemcpyDeviceToHost), cudaErrorInvalidValue);
-    ExpectResult(cudaMemset(pMemory, 0, 16), cudaErrorInvalidValue);
-}
-
 TEST_F(Copies, BlocksOfOtherDevicesAreReached)
 {
     QX_NEED_TWO_DEVICES();
