@@ -1,15 +1,10 @@
 #include <algorithm>
-#include <array>
-#include <chrono>
+#include <climits>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
-#include <functional>
 #include <limits>
-#include <numeric>
 #include <stdexcept>
-#include <string>
-#include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "HostCudaTest.h"
@@ -22,24 +17,6 @@ namespace Qx::Test
 
 namespace
 {
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QX_TEST_ASAN 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define QX_TEST_TSAN 1
-#endif
-#else
-#if defined(__SANITIZE_ADDRESS__)
-#define QX_TEST_ASAN 1
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define QX_TEST_TSAN 1
-#endif
-#endif
-
-constexpr auto c_xPatience = std::chrono::seconds(30);
 
 /// Memory that kernels and the test both use.
 template <class T>
@@ -63,36 +40,15 @@ private:
     T* m_pData = nullptr;
 };
 
-cudaLaunchConfig_t Configure(const dim3& xGrid, const dim3& xBlock, cudaStream_t hStream = nullptr)
+template <class TKernel, class... TArguments>
+cudaError_t Launch(const dim3& xGrid, const dim3& xBlock, cudaStream_t hStream, TKernel xKernel,
+                   TArguments... xArguments)
 {
     cudaLaunchConfig_t xConfig{};
     xConfig.gridDim = xGrid;
     xConfig.blockDim = xBlock;
     xConfig.stream = hStream;
-    return xConfig;
-}
-
-template <class TKernel, class... TArguments>
-cudaError_t Launch(const dim3& xGrid, const dim3& xBlock, cudaStream_t hStream, TKernel xKernel,
-                   TArguments... xArguments)
-{
-    const cudaLaunchConfig_t xConfig = Configure(xGrid, xBlock, hStream);
     return cudaLaunchKernelEx(&xConfig, xKernel, xArguments...);
-}
-
-/// Waits in a kernel until the counter has reached a value; false after too long a time.
-bool Await(int* pCounter, int iValue)
-{
-    const auto xEnd = std::chrono::steady_clock::now() + c_xPatience;
-    while (atomicAdd(pCounter, 0) < iValue)
-    {
-        if (std::chrono::steady_clock::now() > xEnd)
-        {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 class Launches : public CHostCudaTest
@@ -104,7 +60,15 @@ protected:
         CHostCudaTest::TearDown();
     }
 
-    /// Expects that the device has the fault and works again after a reset.
+    /// Launches on the legacy stream and waits.
+    template <class TKernel, class... TArguments>
+    static void Run(const dim3& xGrid, const dim3& xBlock, TKernel xKernel, TArguments... xArguments)
+    {
+        EXPECT_EQ(Launch(xGrid, xBlock, nullptr, xKernel, xArguments...), cudaSuccess);
+        EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+    }
+
+    /// Expects that the current device has the fault and works again after a reset.
     static void ExpectFaultAndReset(const char* pcWhat)
     {
         EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaErrorLaunchFailure) << pcWhat;
@@ -115,67 +79,41 @@ protected:
     }
 };
 
-struct SSeen
+/// Counts a thread at its place if its indices are within its grid and block, and these are as launched.
+__global__ void Count(int* pCounts, dim3 xGrid, dim3 xBlock)
 {
-    uint3 xThread;
-    uint3 xBlock;
-    dim3 xBlockDim;
-    dim3 xGridDim;
-    int iCount;
-};
-
-__global__ void See(SSeen* pSeen)
-{
-    const std::size_t nBlock = blockIdx.x + gridDim.x * (blockIdx.y + static_cast<std::size_t>(gridDim.y) * blockIdx.z);
-    const std::size_t nThread = threadIdx.x + blockDim.x * (threadIdx.y + blockDim.y * threadIdx.z);
-    SSeen& xSeen = pSeen[nBlock * blockDim.x * blockDim.y * blockDim.z + nThread];
-    xSeen = {threadIdx, blockIdx, blockDim, gridDim, atomicAdd(&xSeen.iCount, 1) + 1};
+    const auto Within = [](const auto& xIndex, const dim3& xDim)
+    { return xIndex.x < xDim.x && xIndex.y < xDim.y && xIndex.z < xDim.z; };
+    const auto Same = [](const dim3& xA, const dim3& xB) { return xA.x == xB.x && xA.y == xB.y && xA.z == xB.z; };
+    if (Within(blockIdx, xGrid) && Within(threadIdx, xBlock) && Same(gridDim, xGrid) && Same(blockDim, xBlock))
+    {
+        const unsigned uBlock = blockIdx.x + xGrid.x * (blockIdx.y + xGrid.y * blockIdx.z);
+        const unsigned uThread = threadIdx.x + xBlock.x * (threadIdx.y + xBlock.y * threadIdx.z);
+        atomicAdd(&pCounts[uBlock * xBlock.x * xBlock.y * xBlock.z + uThread], 1);
+    }
 }
 
 TEST_F(Launches, EveryThreadOfEveryBlockRunsOnceWithItsIndices)
 {
-    const std::pair<dim3, dim3> vCases[] = {
-        {{1}, {1}},
-        {{7}, {1}},
-        {{1}, {1024}},
-        {{1000}, {3}},
-        {{5, 3}, {4, 2}},
-        {{1, 9}, {1, 7}},
-        {{3, 4, 5}, {2, 3}},
-        {{2, 1, 3}, {64}},
-        {{1, 1, 6}, {1, 16, 64}},
-        {{2, 3, 4}, {4, 3, 2}},
-    };
-    for (const auto& [xGrid, xBlock] : vCases)
+    for (const auto& [xGrid, xBlock] : {std::pair<dim3, dim3>{1, 1},
+                                        {1, 1024},
+                                        {1000, 3},
+                                        {{5, 3}, {4, 2}},
+                                        {{1, 9}, {1, 1024}},
+                                        {{3, 4, 5}, {2, 3}},
+                                        {{1, 1, 6}, {1, 16, 64}},
+                                        {{2, 3, 4}, {4, 3, 2}},
+                                        {{1, 65535}, 1},
+                                        {{1, 1, 65535}, 1}})
     {
         for (const int iThreads : {1, INT_MAX})
         {
-            SCOPED_TRACE(::testing::Message() << "grid " << xGrid.x << " " << xGrid.y << " " << xGrid.z << ", block "
-                                              << xBlock.x << " " << xBlock.y << " " << xBlock.z);
             ASSERT_EQ(HostCuda::SetLaunchThreads(iThreads), cudaSuccess);
-            CManaged<SSeen> xSeen(std::size_t{xGrid.x} * xGrid.y * xGrid.z * xBlock.x * xBlock.y * xBlock.z);
-            ASSERT_EQ(Launch(xGrid, xBlock, nullptr, See, xSeen.begin()), cudaSuccess);
-            ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
-            const SSeen* pSeen = xSeen.begin();
-            const auto Same = [](const auto& xA, const auto& xB)
-            { return xA.x == xB.x && xA.y == xB.y && xA.z == xB.z; };
-            uint3 xB{};
-            uint3 xT{};
-            int iWrong = 0;
-            for (xB.z = 0; xB.z < xGrid.z; ++xB.z)
-                for (xB.y = 0; xB.y < xGrid.y; ++xB.y)
-                    for (xB.x = 0; xB.x < xGrid.x; ++xB.x)
-                        for (xT.z = 0; xT.z < xBlock.z; ++xT.z)
-                            for (xT.y = 0; xT.y < xBlock.y; ++xT.y)
-                                for (xT.x = 0; xT.x < xBlock.x; ++xT.x, ++pSeen)
-                                {
-                                    const bool bRight = pSeen->iCount == 1 && Same(pSeen->xBlock, xB) &&
-                                                        Same(pSeen->xThread, xT) && Same(pSeen->xBlockDim, xBlock) &&
-                                                        Same(pSeen->xGridDim, xGrid);
-                                    iWrong += bRight ? 0 : 1;
-                                }
-            EXPECT_EQ(pSeen, xSeen.end());
-            EXPECT_EQ(iWrong, 0);
+            const CManaged<int> xCounts(std::size_t{xGrid.x} * xGrid.y * xGrid.z * xBlock.x * xBlock.y * xBlock.z);
+            Run(xGrid, xBlock, Count, xCounts.begin(), xGrid, xBlock);
+            EXPECT_TRUE(std::all_of(xCounts.begin(), xCounts.end(), [](int iCount) { return iCount == 1; }))
+                << "grid " << xGrid.x << ' ' << xGrid.y << ' ' << xGrid.z << ", block " << xBlock.x << ' ' << xBlock.y
+                << ' ' << xBlock.z;
         }
     }
 }
@@ -204,16 +142,38 @@ __global__ void AddOne(int* pValue) noexcept
 
 TEST_F(Launches, AcceptFunctionsTypesAndLambdas)
 {
-    CManaged<int> xValue;
-    EXPECT_EQ(Launch(2, 3, nullptr, AddTo, xValue.begin(), 1), cudaSuccess);
-    EXPECT_EQ(Launch(2, 3, nullptr, SKernelType<AddTo>{}, xValue.begin(), short{10}), cudaSuccess);
-    EXPECT_EQ(Launch(
-                  2, 3, nullptr, [](int* pValue, int iValue) { atomicAdd(pValue, iValue); }, xValue.begin(), 100),
-              cudaSuccess);
-    EXPECT_EQ(Launch(2, 3, nullptr, AddOne, xValue.begin()), cudaSuccess);
-    EXPECT_EQ(Launch(2, 3, nullptr, SKernelType<AddOne>{}, xValue.begin()), cudaSuccess);
-    EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+    const CManaged<int> xValue;
+    Run(2, 3, AddTo, xValue.begin(), 1);
+    Run(2, 3, SKernelType<AddTo>{}, xValue.begin(), short{10});
+    Run(
+        2, 3, [](int* pValue, int iValue) { atomicAdd(pValue, iValue); }, xValue.begin(), 100);
+    Run(2, 3, AddOne, xValue.begin());
+    Run(2, 3, SKernelType<AddOne>{}, xValue.begin());
     EXPECT_EQ(*xValue, 6 * 113);
+}
+
+TEST_F(Launches, ThreadsOfABlockRunInOrderEachWithParametersOfItsOwn)
+{
+    const CManaged<int> xValue;
+    const auto Append = [](int* pValue, int iBase)
+    {
+        *pValue = *pValue * iBase + static_cast<int>(threadIdx.x) + 1;
+        iBase = 0;
+    };
+    Run(1, 4, Append, xValue.begin(), 10);
+    EXPECT_EQ(*xValue, 1234);
+}
+
+/// Waits for another thread that does the same; not for ever.
+__global__ void Meet(int* pCounters)
+{
+    atomicAdd(&pCounters[0], 1);
+    const auto xEnd = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (atomicAdd(&pCounters[0], 0) < 2 && std::chrono::steady_clock::now() < xEnd)
+    {
+        std::this_thread::yield();
+    }
+    atomicAdd(&pCounters[1], atomicAdd(&pCounters[0], 0) == 2 ? 1 : 0);
 }
 
 TEST_F(Launches, BlocksRunInParallel)
@@ -222,21 +182,12 @@ TEST_F(Launches, BlocksRunInParallel)
     {
         return; // one processor runs one block
     }
-    CManaged<int> xCounters(2);
-    ASSERT_EQ(Launch(
-                  2, 1, nullptr,
-                  [](int* pCounters)
-                  {
-                      atomicAdd(&pCounters[0], 1);
-                      atomicAdd(&pCounters[1], Await(&pCounters[0], 2) ? 1 : 0);
-                  },
-                  xCounters.begin()),
-              cudaSuccess);
-    ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+    const CManaged<int> xCounters(2);
+    Run(2, 1, Meet, xCounters.begin());
     EXPECT_EQ(xCounters[1], 2) << "a block did not see the other one run";
 }
 
-TEST_F(Launches, OnOneThreadBlocksRunInOrder)
+TEST_F(Launches, OnOneThreadBlocksRunInOrderAndStreamsStillOverlap)
 {
     EXPECT_EQ(HostCuda::SetLaunchThreads(0), cudaErrorInvalidValue);
     EXPECT_EQ(HostCuda::SetLaunchThreads(-1), cudaErrorInvalidValue);
@@ -244,131 +195,78 @@ TEST_F(Launches, OnOneThreadBlocksRunInOrder)
     ASSERT_EQ(HostCuda::SetLaunchThreads(1), cudaSuccess);
     EXPECT_EQ(HostCuda::GetLaunchThreads(), 1);
     constexpr unsigned c_uBlocks = 500;
-    CManaged<unsigned> xOrder(c_uBlocks + 1);
-    ASSERT_EQ(Launch(
-                  c_uBlocks, 1, nullptr, [](unsigned* pOrder) { pOrder[++pOrder[0]] = blockIdx.x; }, xOrder.begin()),
-              cudaSuccess);
-    ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+    const CManaged<unsigned> xOrder(c_uBlocks + 1);
+    Run(
+        c_uBlocks, 1, [](unsigned* pOrder) { pOrder[++pOrder[0]] = blockIdx.x; }, xOrder.begin());
     EXPECT_EQ(xOrder[0], c_uBlocks);
     EXPECT_TRUE(std::is_sorted(xOrder.begin() + 1, xOrder.end()));
-}
 
-TEST_F(Launches, StreamsOverlap)
-{
-    // Also where a launch has one thread: every stream has its own.
-    for (const int iThreads : {1, INT_MAX})
-    {
-        ASSERT_EQ(HostCuda::SetLaunchThreads(iThreads), cudaSuccess);
-        const CStreamScope xFirst(cudaStreamNonBlocking);
-        const CStreamScope xSecond(cudaStreamNonBlocking);
-        CManaged<int> xCounters(2);
-        const auto Meet = [](int* pCounters)
-        {
-            atomicAdd(&pCounters[0], 1);
-            atomicAdd(&pCounters[1], Await(&pCounters[0], 2) ? 1 : 0);
-        };
-        EXPECT_EQ(Launch(1, 1, xFirst, Meet, xCounters.begin()), cudaSuccess);
-        EXPECT_EQ(Launch(1, 1, xSecond, Meet, xCounters.begin()), cudaSuccess);
-        EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
-        EXPECT_EQ(xCounters[1], 2) << iThreads;
-    }
+    const CStreamScope hFirst(cudaStreamNonBlocking);
+    const CStreamScope hSecond(cudaStreamNonBlocking);
+    const CManaged<int> xCounters(2);
+    EXPECT_EQ(Launch(1, 1, hFirst, Meet, xCounters.begin()), cudaSuccess);
+    EXPECT_EQ(Launch(1, 1, hSecond, Meet, xCounters.begin()), cudaSuccess);
+    EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    EXPECT_EQ(xCounters[1], 2);
 }
 
 TEST_F(Launches, RefuseWhatADeviceCannotRun)
 {
-    cudaStream_t hDead = nullptr;
-    ASSERT_EQ(cudaStreamCreate(&hDead), cudaSuccess);
-    ASSERT_EQ(cudaStreamDestroy(hDead), cudaSuccess);
-    cudaStream_t hForeign = nullptr;
+    static cudaStream_t s_hDead;
+    static cudaStream_t s_hForeign;
+    s_hDead = MakeDeadStream();
     ASSERT_EQ(cudaSetDevice(1), cudaSuccess);
-    ASSERT_EQ(cudaStreamCreate(&hForeign), cudaSuccess);
+    s_hForeign = MakeStream();
     ASSERT_EQ(cudaSetDevice(0), cudaSuccess);
 
-    using PChange = void (*)(cudaLaunchConfig_t&);
-    const std::tuple<const char*, PChange, cudaError_t> vCases[] = {
-        {"grid x 0", [](auto& x) { x.gridDim.x = 0; }, cudaErrorInvalidConfiguration},
-        {"grid y 0", [](auto& x) { x.gridDim.y = 0; }, cudaErrorInvalidConfiguration},
-        {"grid z 0", [](auto& x) { x.gridDim.z = 0; }, cudaErrorInvalidConfiguration},
-        {"grid x 2^31", [](auto& x) { x.gridDim.x = 1U << 31; }, cudaErrorInvalidConfiguration},
-        {"grid y 65536", [](auto& x) { x.gridDim.y = 65536; }, cudaErrorInvalidConfiguration},
-        {"grid z 65536", [](auto& x) { x.gridDim.z = 65536; }, cudaErrorInvalidConfiguration},
-        {"block x 0", [](auto& x) { x.blockDim.x = 0; }, cudaErrorInvalidConfiguration},
-        {"block y 0", [](auto& x) { x.blockDim.y = 0; }, cudaErrorInvalidConfiguration},
-        {"block z 0", [](auto& x) { x.blockDim.z = 0; }, cudaErrorInvalidConfiguration},
-        {"block x 1025", [](auto& x) { x.blockDim.x = 1025; }, cudaErrorInvalidConfiguration},
-        {"block y 1025", [](auto& x) { x.blockDim.y = 1025; }, cudaErrorInvalidConfiguration},
-        {"block z 65", [](auto& x) { x.blockDim.z = 65; }, cudaErrorInvalidConfiguration},
-        {"block 32 x 33", [](auto& x) { x.blockDim = dim3(32, 33); }, cudaErrorInvalidConfiguration},
-        {"block wraps to 0", [](auto& x) { x.blockDim = dim3(1U << 16, 1U << 16); }, cudaErrorInvalidConfiguration},
-        {"shared memory", [](auto& x) { x.dynamicSmemBytes = 1; }, cudaErrorInvalidValue},
-        {"attributes", [](auto& x) { x.numAttrs = 1; }, cudaErrorNotSupported},
-        {"stream of a thread", [](auto& x) { x.stream = cudaStreamPerThread; }, cudaErrorNotSupported},
+    constexpr auto c_eConfiguration = cudaErrorInvalidConfiguration;
+    const std::tuple<const char*, cudaError_t, void (*)(cudaLaunchConfig_t&)> vCases[] = {
+        {"grid x 0", c_eConfiguration, [](auto& x) { x.gridDim.x = 0; }},
+        {"grid y 0", c_eConfiguration, [](auto& x) { x.gridDim.y = 0; }},
+        {"grid z 0", c_eConfiguration, [](auto& x) { x.gridDim.z = 0; }},
+        {"grid x 2^31", c_eConfiguration, [](auto& x) { x.gridDim.x = 1U << 31; }},
+        {"grid y 65536", c_eConfiguration, [](auto& x) { x.gridDim.y = 65536; }},
+        {"grid z 65536", c_eConfiguration, [](auto& x) { x.gridDim.z = 65536; }},
+        {"block x 0", c_eConfiguration, [](auto& x) { x.blockDim.x = 0; }},
+        {"block y 0", c_eConfiguration, [](auto& x) { x.blockDim.y = 0; }},
+        {"block z 0", c_eConfiguration, [](auto& x) { x.blockDim.z = 0; }},
+        {"block x 1025", c_eConfiguration, [](auto& x) { x.blockDim.x = 1025; }},
+        {"block y 1025", c_eConfiguration, [](auto& x) { x.blockDim.y = 1025; }},
+        {"block z 65", c_eConfiguration, [](auto& x) { x.blockDim.z = 65; }},
+        {"block 32 x 33", c_eConfiguration, [](auto& x) { x.blockDim = dim3(32, 33); }},
+        {"block wraps to 0", c_eConfiguration, [](auto& x) { x.blockDim = dim3(1U << 16, 1U << 16); }},
+        {"shared memory", cudaErrorInvalidValue, [](auto& x) { x.dynamicSmemBytes = 1; }},
+        {"attributes", cudaErrorNotSupported, [](auto& x) { x.numAttrs = 1; }},
+        {"stream of a thread", cudaErrorNotSupported, [](auto& x) { x.stream = cudaStreamPerThread; }},
+        {"dead stream", cudaErrorInvalidResourceHandle, [](auto& x) { x.stream = s_hDead; }},
+        {"foreign stream", cudaErrorInvalidResourceHandle, [](auto& x) { x.stream = s_hForeign; }},
     };
-    CManaged<int> xRuns;
-    const auto Count = [](int* pRuns) { atomicAdd(pRuns, 1); };
-    for (const auto& [pcName, Change, eExpected] : vCases)
+    const CManaged<int> xRuns;
+    for (const auto& [pcName, eExpected, Change] : vCases)
     {
-        cudaLaunchConfig_t xConfig = Configure(1, 1);
+        cudaLaunchConfig_t xConfig{};
+        xConfig.gridDim = xConfig.blockDim = 1;
         Change(xConfig);
-        ExpectFailure(cudaLaunchKernelEx(&xConfig, Count, xRuns.begin()), eExpected, pcName);
+        ExpectResult(cudaLaunchKernelEx(&xConfig, AddOne, xRuns.begin()), eExpected, pcName);
     }
-    ExpectFailure(Launch(1, 1, hDead, Count, xRuns.begin()), cudaErrorInvalidResourceHandle, "dead stream");
-    ExpectFailure(Launch(1, 1, hForeign, Count, xRuns.begin()), cudaErrorInvalidResourceHandle, "foreign stream");
     void (*pNull)(int*) = nullptr;
-    ExpectFailure(Launch(1, 1, nullptr, pNull, xRuns.begin()), cudaErrorInvalidDeviceFunction, "null function");
-    ExpectFailure(cudaLaunchKernelEx(nullptr, Count, xRuns.begin()), cudaErrorInvalidValue, "null configuration");
+    ExpectResult(Launch(1, 1, nullptr, pNull, xRuns.begin()), cudaErrorInvalidDeviceFunction, "null function");
+    ExpectResult(cudaLaunchKernelEx(nullptr, AddOne, xRuns.begin()), cudaErrorInvalidValue, "null configuration");
     EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
     EXPECT_EQ(*xRuns, 0);
-    EXPECT_EQ(cudaStreamDestroy(hForeign), cudaSuccess);
-
-    for (const auto& [xGrid, xBlock] : {std::pair{dim3(1), dim3(1024)},
-                                        {dim3(1), dim3(1, 1024)},
-                                        {dim3(1), dim3(4, 4, 64)},
-                                        {dim3(1, 65535), dim3(1)},
-                                        {dim3(1, 1, 65535), dim3(1)}})
-    {
-        *xRuns = 0;
-        ASSERT_EQ(Launch(xGrid, xBlock, nullptr, Count, xRuns.begin()), cudaSuccess);
-        ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
-        EXPECT_EQ(static_cast<unsigned>(*xRuns), std::max({xBlock.x * xBlock.y * xBlock.z, xGrid.y, xGrid.z}));
-    }
+    EXPECT_EQ(cudaStreamDestroy(s_hForeign), cudaSuccess);
 }
 
-TEST_F(Launches, NeitherWaitNorLookAtTheirArgumentsAgain)
+/// Traps, whatever the kernel does about it.
+__global__ void TrapAndCatch()
 {
-    CManaged<int> xValue(1, 5);
-    int iFactor = 2;
-    struct SOffset
+    try
     {
-        int iValue;
-    } xOffset{3};
-    {
-        const CStreamScope xStream;
-        CHold xHold(xStream);
-        ASSERT_EQ(Launch(
-                      1, 1, xStream,
-                      [](int* pValue, int iBy, SOffset xAnd)
-                      {
-                          *pValue = *pValue * iBy + xAnd.iValue;
-                          // The parameters belong to the thread.
-                          iBy = 0;
-                          xAnd.iValue = 0;
-                      },
-                      xValue.begin(), iFactor, xOffset),
-                  cudaSuccess);
-        EXPECT_EQ(cudaStreamQuery(xStream), cudaErrorNotReady);
-        EXPECT_EQ(*xValue, 5);
-        iFactor = 100;
-        xOffset.iValue = 100;
-        // More work in order behind the launch, threads of one block in order within it.
-        ASSERT_EQ(Launch(
-                      1, 4, xStream, [](int* pValue) { *pValue = *pValue * 10 + static_cast<int>(threadIdx.x); },
-                      xValue.begin()),
-                  cudaSuccess);
-        xHold.Release();
-        EXPECT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+        __trap();
     }
-    EXPECT_EQ(*xValue, 130123);
+    catch (...)
+    {
+    }
 }
 
 TEST_F(Launches, WhateverLeavesAKernelIsAFaultOfItsDevice)
@@ -377,63 +275,48 @@ TEST_F(Launches, WhateverLeavesAKernelIsAFaultOfItsDevice)
         {"trap", [] { __trap(); }},
         {"exception", [] { throw std::runtime_error("in a kernel"); }},
         {"any type", [] { throw 1; }},
-        {"a trap that the kernel catches",
-         []
-         {
-             try
-             {
-                 __trap();
-             }
-             catch (...)
-             {
-             }
-         }},
+        {"a trap that the kernel catches", TrapAndCatch},
     };
-    for (const int iThreads : {1, INT_MAX})
+    for (const int iDevice : {0, 1})
     {
-        ASSERT_EQ(HostCuda::SetLaunchThreads(iThreads), cudaSuccess);
-        for (const auto& [pcName, Kernel] : vCases)
+        for (const int iThreads : {1, INT_MAX})
         {
-            for (const unsigned uBlocks : {1U, 1000U})
+            ASSERT_EQ(HostCuda::SetLaunchThreads(iThreads), cudaSuccess);
+            for (const auto& [pcName, Kernel] : vCases)
             {
-                ASSERT_EQ(Launch(uBlocks, 2, nullptr, Kernel), cudaSuccess) << pcName;
-                ExpectFaultAndReset(pcName);
+                for (const unsigned uBlocks : {1U, 1000U})
+                {
+                    ASSERT_EQ(cudaSetDevice(iDevice), cudaSuccess);
+                    ASSERT_EQ(Launch(uBlocks, 2, nullptr, Kernel), cudaSuccess) << pcName;
+                    EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorLaunchFailure);
+                    ASSERT_EQ(cudaSetDevice(1 - iDevice), cudaSuccess);
+                    EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+                    ASSERT_EQ(cudaSetDevice(iDevice), cudaSuccess);
+                    ExpectFaultAndReset(pcName);
+                }
             }
         }
     }
-    ASSERT_EQ(Launch(1, 1, nullptr, [] { __trap(); }), cudaSuccess);
-    EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorLaunchFailure);
-    // The other device has nothing to do with it.
-    ASSERT_EQ(cudaSetDevice(1), cudaSuccess);
-    {
-        CManaged<int> xValue;
-        EXPECT_EQ(Launch(1, 1, nullptr, AddOne, xValue.begin()), cudaSuccess);
-        EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
-        EXPECT_EQ(*xValue, 1);
-    }
-    ASSERT_EQ(cudaSetDevice(0), cudaSuccess);
-    ExpectFaultAndReset("trap");
 }
 
 TEST_F(Launches, AFaultEndsTheLargestGridSoonAndDropsWhatIsQueued)
 {
     static std::atomic<unsigned> s_uBlocks;
     static std::atomic<bool> s_bLater;
+    const auto TrapLater = []
+    {
+        if (s_uBlocks.fetch_add(1) == 1000)
+        {
+            __trap();
+        }
+    };
     for (const int iThreads : {1, INT_MAX})
     {
         s_uBlocks = 0;
         s_bLater = false;
         ASSERT_EQ(HostCuda::SetLaunchThreads(iThreads), cudaSuccess);
         CHold xHold(nullptr);
-        ASSERT_EQ(Launch(dim3(0x7FFFFFFF, 65535, 65535), 1, nullptr,
-                         []
-                         {
-                             if (s_uBlocks.fetch_add(1) == 1000)
-                             {
-                                 __trap();
-                             }
-                         }),
-                  cudaSuccess);
+        ASSERT_EQ(Launch(dim3(0x7FFFFFFF, 65535, 65535), 1, nullptr, TrapLater), cudaSuccess);
         ASSERT_EQ(Launch(1, 1, nullptr, [] { s_bLater = true; }), cudaSuccess);
         xHold.Release();
         ExpectFaultAndReset("largest grid");
@@ -444,130 +327,83 @@ TEST_F(Launches, AFaultEndsTheLargestGridSoonAndDropsWhatIsQueued)
 
 TEST_F(Launches, KernelsMayNotCallTheRuntime)
 {
-    CManaged<int> xResults(2);
-    ASSERT_EQ(Launch(
-                  2, 1, nullptr,
-                  [](int* pResults)
-                  {
-                      void* pMemory = nullptr;
-                      pResults[blockIdx.x] = static_cast<int>(cudaMalloc(&pMemory, 16));
-                  },
-                  xResults.begin()),
-              cudaSuccess);
-    ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    const CManaged<cudaError_t> xResults(2);
+    const auto Allocate = [](cudaError_t* pResults)
+    {
+        void* pMemory = nullptr;
+        pResults[blockIdx.x] = cudaMalloc(&pMemory, 16);
+    };
+    Run(2, 1, Allocate, xResults.begin());
     EXPECT_EQ(xResults[0], cudaErrorNotPermitted);
     EXPECT_EQ(xResults[1], cudaErrorNotPermitted);
 }
 
-// Never written in this file, which must not make a compiler take them for what they were at first.
-static __constant__ int s_iConstant = 1;
-static __constant__ float s_vConstants[3];
-
-TEST_F(Launches, SeeConstantsThatWereCopiedBeforeThem)
+TEST_F(Launches, SumsUnderContentionAreExact)
 {
-    const CStreamScope xStream;
-    CManaged<float> xSeen(2);
-    const auto Read = [](float* pSeen)
-    { *pSeen = static_cast<float>(s_iConstant) + s_vConstants[0] + s_vConstants[1] + s_vConstants[2]; };
-    const int iValue = 1000;
-    const float vValues[] = {200, 30, 4};
-    ASSERT_EQ(Launch(1, 1, xStream, Read, xSeen.begin()), cudaSuccess);
-    ASSERT_EQ(cudaMemcpyToSymbolAsync(s_iConstant, &iValue, sizeof(iValue), 0, cudaMemcpyHostToDevice, xStream),
-              cudaSuccess);
-    ASSERT_EQ(cudaMemcpyToSymbolAsync(s_vConstants, vValues, sizeof(vValues), 0, cudaMemcpyHostToDevice, xStream),
-              cudaSuccess);
-    ASSERT_EQ(Launch(1, 1, xStream, Read, xSeen.begin() + 1), cudaSuccess);
-    ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
-    EXPECT_EQ(xSeen[0], 1.0F);
-    EXPECT_EQ(xSeen[1], 1234.0F);
-    const int iFirst = 1;
-    const float vFirst[3] = {};
-    EXPECT_EQ(cudaMemcpyToSymbol(s_iConstant, &iFirst, sizeof(iFirst)), cudaSuccess);
-    EXPECT_EQ(cudaMemcpyToSymbol(s_vConstants, vFirst, sizeof(vFirst)), cudaSuccess);
+    const auto Check = []<class T>(T)
+    {
+        const CManaged<T> xValues(2);
+        const auto Sum = [](T* pValues)
+        {
+            // The old values are all different, so it is known how many are in the first half.
+            const T xOld = atomicAdd(&pValues[0], T{1});
+            atomicAdd(&pValues[1], xOld < 32768 ? T{1} : T{0});
+        };
+        Run(256, 256, Sum, xValues.begin());
+        EXPECT_EQ(xValues[0], T{65536});
+        EXPECT_EQ(xValues[1], T{32768});
+    };
+    Check(0);
+    Check(0U);
+    Check(0ULL);
+    Check(0.0F);
+    Check(0.0);
 }
 
-/// Starts 256 x 256 threads that all work on the same values, and waits for them.
-template <class T>
-void Contend(T* pValues, void (*pKernel)(T*))
+__global__ void Contend(unsigned* pValues)
 {
-    ASSERT_EQ(Launch(256, 256, nullptr, pKernel, pValues), cudaSuccess);
-    ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+    const unsigned uIndex = blockIdx.x * blockDim.x + threadIdx.x;
+    atomicSub(&pValues[0], 1);
+    atomicMin(&pValues[1], uIndex + 7);
+    // In an order in which the largest is not the last.
+    atomicMax(&pValues[2], uIndex * 40503U % 65536U);
+    atomicOr(&pValues[3], 1U << (uIndex % 32));
+    atomicAnd(&pValues[4], ~(1U << (uIndex % 31)));
+    // A sum by compare and swap.
+    unsigned uOld = atomicAdd(&pValues[5], 0);
+    for (unsigned uSeen = ~uOld; uSeen != uOld;)
+    {
+        uSeen = uOld;
+        uOld = atomicCAS(&pValues[5], uSeen, uSeen + 3);
+    }
+    // Every value is taken out once, but for the one that stays.
+    atomicAdd(&pValues[6], atomicExch(&pValues[7], uIndex));
 }
 
-template <class T>
-class LaunchAtomics : public Launches
+__global__ void ContendSigned(int* pValues)
 {
-};
-using AddTypes = ::testing::Types<int, unsigned, unsigned long long, float, double>;
-TYPED_TEST_SUITE(LaunchAtomics, AddTypes);
-
-TYPED_TEST(LaunchAtomics, SumsAreExact)
-{
-    using T = TypeParam;
-    CManaged<T> xValues(2);
-    Contend<T>(xValues.begin(),
-               [](T* pValues)
-               {
-                   // The old values are all different, so their sum is known too.
-                   const T xOld = atomicAdd(&pValues[0], T{1});
-                   atomicAdd(&pValues[1], xOld < 32768 ? T{1} : T{0});
-               });
-    EXPECT_EQ(xValues[0], T{65536});
-    EXPECT_EQ(xValues[1], T{32768});
+    const int iIndex = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x) - 32768;
+    atomicMin(&pValues[0], iIndex);
+    atomicMax(&pValues[1], iIndex);
+    atomicSub(&pValues[2], -1);
+    atomicCAS(&pValues[3], 0, -5);
 }
 
 TEST_F(Launches, AtomicsUnderContentionLoseNothing)
 {
     constexpr unsigned c_uThreads = 65536;
-    CManaged<unsigned> xValues(8, 0);
+    const CManaged<unsigned> xValues(8);
     xValues[0] = c_uThreads;
     xValues[1] = UINT_MAX;
     xValues[4] = UINT_MAX;
-    Contend<unsigned>(xValues.begin(),
-                      [](unsigned* pValues)
-                      {
-                          const unsigned uIndex = blockIdx.x * blockDim.x + threadIdx.x;
-                          atomicSub(&pValues[0], 1);
-                          atomicMin(&pValues[1], uIndex + 7);
-                          // In an order in which the largest is not the last.
-                          atomicMax(&pValues[2], uIndex * 40503U % 65536U);
-                          atomicOr(&pValues[3], 1U << (uIndex % 32));
-                          atomicAnd(&pValues[4], ~(1U << (uIndex % 31)));
-                          // A sum by compare and swap.
-                          unsigned uOld = atomicAdd(&pValues[5], 0);
-                          for (unsigned uSeen = ~uOld; uSeen != uOld;)
-                          {
-                              uSeen = uOld;
-                              uOld = atomicCAS(&pValues[5], uSeen, uSeen + 3);
-                          }
-                          // Every value is taken out once, but for the one that stays.
-                          atomicAdd(&pValues[6], atomicExch(&pValues[7], uIndex));
-                      });
-    EXPECT_EQ(xValues[0], 0U);
-    EXPECT_EQ(xValues[1], 7U);
-    EXPECT_EQ(xValues[2], c_uThreads - 1);
-    EXPECT_EQ(xValues[3], UINT_MAX);
-    EXPECT_EQ(xValues[4], 1U << 31);
-    EXPECT_EQ(xValues[5], 3 * c_uThreads);
-    EXPECT_EQ(xValues[6] + xValues[7], c_uThreads * (c_uThreads - 1) / 2);
-}
-
-TEST_F(Launches, SignedAtomicsCompareAsSigned)
-{
-    CManaged<int> xValues(4);
-    Contend<int>(xValues.begin(),
-                 [](int* pValues)
-                 {
-                     const int iIndex = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x) - 32768;
-                     atomicMin(&pValues[0], iIndex);
-                     atomicMax(&pValues[1], iIndex);
-                     atomicSub(&pValues[2], -1);
-                     atomicCAS(&pValues[3], 0, -5);
-                 });
-    EXPECT_EQ(xValues[0], -32768);
-    EXPECT_EQ(xValues[1], 32767);
-    EXPECT_EQ(xValues[2], 65536);
-    EXPECT_EQ(xValues[3], -5);
+    Run(256, 256, Contend, xValues.begin());
+    xValues[6] += xValues[7];
+    EXPECT_EQ(std::vector<unsigned>(xValues.begin(), xValues.begin() + 7),
+              (std::vector<unsigned>{0, 7, c_uThreads - 1, UINT_MAX, 1U << 31, 3 * c_uThreads,
+                                     c_uThreads / 2 * (c_uThreads - 1)}));
+    const CManaged<int> xSigned(4);
+    Run(256, 256, ContendSigned, xSigned.begin());
+    EXPECT_EQ(std::vector<int>(xSigned.begin(), xSigned.end()), (std::vector<int>{-32768, 32767, 65536, -5}));
 }
 
 TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)
@@ -580,6 +416,7 @@ TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)
     EXPECT_EQ(min(-1, 2U), 2U);
     EXPECT_EQ(max(2U, -1), UINT_MAX);
     EXPECT_EQ(min(INT64_MIN, INT64_MAX), INT64_MIN);
+    EXPECT_EQ(max(1.5, 1.0F), 1.5);
     constexpr float c_fNaN = std::numeric_limits<float>::quiet_NaN();
     for (const auto Pick :
          {+[](float fA, float fB) { return min(fA, fB); }, +[](float fA, float fB) { return max(fA, fB); }})
@@ -588,12 +425,11 @@ TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)
         EXPECT_EQ(Pick(1.0F, c_fNaN), 1.0F);
         EXPECT_TRUE(std::isnan(Pick(c_fNaN, c_fNaN)));
     }
-    EXPECT_EQ(max(1.5, 1.0F), 1.5);
 }
 
 TEST(LaunchFunctions, SaturateAndReciprocalRoot)
 {
-    const float c_fInfinity = std::numeric_limits<float>::infinity();
+    constexpr float c_fInfinity = std::numeric_limits<float>::infinity();
     for (const auto& [fValue, fExpected] : {std::pair{-1.0F, 0.0F},
                                             {0.25F, 0.25F},
                                             {1.0F, 1.0F},
@@ -609,112 +445,6 @@ TEST(LaunchFunctions, SaturateAndReciprocalRoot)
     const int iValue = 7;
     EXPECT_EQ(__ldg(&iValue), 7);
 }
-
-class LaunchDeathTest : public ::testing::Test
-{
-protected:
-    LaunchDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-/// Leaves a kernel behind that never ends by itself.
-void LeaveRunning()
-{
-    static std::atomic<bool> s_bRuns;
-    Launch(1000, 1, nullptr,
-           []
-           {
-               s_bRuns = true;
-               std::this_thread::sleep_for(std::chrono::seconds(1));
-           });
-    while (!s_bRuns)
-    {
-        std::this_thread::yield();
-    }
-}
-
-TEST_F(LaunchDeathTest, AProcessEndsWhileAKernelRuns)
-{
-    EXPECT_EXIT((LeaveRunning(), std::exit(0)), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(LaunchDeathTest, ATrapOutsideOfKernelsEndsTheProcess)
-{
-    EXPECT_DEATH(__trap(), "");
-}
-
-TEST_F(LaunchDeathTest, TheNumberOfThreadsComesFromTheEnvironment)
-{
-    const int iAll = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
-    for (const auto& [pcValue, iExpected] :
-         {std::pair{"1", 1}, {"2", std::min(2, iAll)}, {"1000000", iAll}, {"0", iAll}, {"x", iAll}})
-    {
-        setenv("QX_HOSTCUDA_THREADS", pcValue, 1);
-        EXPECT_EXIT(std::exit(HostCuda::GetLaunchThreads() == iExpected ? 0 : 1), ::testing::ExitedWithCode(0), "")
-            << pcValue;
-        unsetenv("QX_HOSTCUDA_THREADS");
-    }
-}
-
-#if defined(QX_TEST_ASAN)
-
-TEST_F(LaunchDeathTest, AddressSanitizerFindsAKernelThatLeavesItsImage)
-{
-    const auto ReadFrom = [](std::size_t nOffset)
-    {
-        unsigned char* pMemory = nullptr;
-        std::size_t nPitch = 0;
-        cudaMallocPitch(&pMemory, &nPitch, 100, 4);
-        Launch(
-            2, 1, nullptr,
-            [](volatile unsigned char* pFrom)
-            {
-                const unsigned char uRead = pFrom[0];
-                static_cast<void>(uRead);
-            },
-            pMemory + nOffset);
-        cudaDeviceSynchronize();
-        std::exit(0);
-    };
-    EXPECT_EXIT(ReadFrom(3 * 512 + 99), ::testing::ExitedWithCode(0), "");
-    EXPECT_DEATH(ReadFrom(100), "use-after-poison");
-    EXPECT_DEATH(ReadFrom(4 * 512), "heap-buffer-overflow");
-}
-
-#endif
-
-#if defined(QX_TEST_TSAN)
-
-/// Two blocks on two threads each write into their own place, or both into one, ordered by nothing.
-[[noreturn]] void WriteFromTwoBlocks(bool bSame)
-{
-    int* pData = nullptr;
-    cudaMallocManaged(&pData, 4 * sizeof(int));
-    std::fill_n(pData, 4, 0);
-    Launch(
-        2, 1, nullptr,
-        [](int* pValues, bool bOne)
-        {
-            atomicAdd(&pValues[0], 1);
-            Await(&pValues[0], 2);
-            pValues[bOne ? 1 : 1 + blockIdx.x] = 7;
-        },
-        pData, bSame);
-    cudaDeviceSynchronize();
-    std::exit(pData[1] == 7 ? 0 : 1);
-}
-
-TEST_F(LaunchDeathTest, ThreadSanitizerFindsRacesBetweenBlocksOnly)
-{
-    if (HostCuda::GetLaunchThreads() == 1)
-    {
-        return; // one thread has no races
-    }
-    constexpr int c_iRace = 66;
-    EXPECT_EXIT(WriteFromTwoBlocks(false), ::testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(WriteFromTwoBlocks(true), ::testing::ExitedWithCode(c_iRace), "data race");
-}
-
-#endif
 
 } // namespace
 

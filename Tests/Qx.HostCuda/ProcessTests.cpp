@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <sys/mman.h>
@@ -16,147 +18,130 @@ namespace Qx::Test
 namespace
 {
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QX_TEST_ASAN 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define QX_TEST_TSAN 1
-#endif
-#else
-#if defined(__SANITIZE_ADDRESS__)
-#define QX_TEST_ASAN 1
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define QX_TEST_TSAN 1
-#endif
-#endif
-
 class ProcessDeathTest : public ::testing::Test
 {
 protected:
     ProcessDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-/// Sets an environment variable for one scope; null unsets it.
-class CEnvironment
+/// Expects that a child that calls `Act()`, and exits then if it still runs, ends with a code.
+template <class TAct>
+void ExpectExit(int iCode, TAct&& Act, const char* pcOutput = "")
 {
-public:
-    CEnvironment(const char* pcName, const char* pcValue) : m_pcName(pcName)
-    {
-        const char* const pcBefore = std::getenv(pcName);
-        m_bSet = pcBefore != nullptr;
-        m_sBefore = m_bSet ? pcBefore : "";
-        Set(pcValue);
-    }
-    ~CEnvironment() { Set(m_bSet ? m_sBefore.c_str() : nullptr); }
-    CEnvironment(const CEnvironment&) = delete;
-    CEnvironment& operator=(const CEnvironment&) = delete;
-
-private:
-    void Set(const char* pcValue) const
-    {
-        if (pcValue != nullptr)
-        {
-            setenv(m_pcName, pcValue, 1);
-        }
-        else
-        {
-            unsetenv(m_pcName);
-        }
-    }
-
-    const char* m_pcName;
-    bool m_bSet;
-    std::string m_sBefore;
-};
-
-[[noreturn]] void ExitWithDeviceCount()
-{
-    int iCount = 0;
-    std::exit(cudaGetDeviceCount(&iCount) == cudaSuccess ? iCount : 99);
+    EXPECT_EXIT((Act(), std::exit(0)), ::testing::ExitedWithCode(iCode), pcOutput);
 }
 
-TEST_F(ProcessDeathTest, NumberOfDevicesComesFromTheEnvironment)
+void ExitUnless(bool bRight)
 {
-    struct
+    if (!bRight)
     {
-        const char* pcValue;
-        int iCount;
-    } const vCases[] = {{nullptr, 1}, {"3", 3},  {"64", 64}, {"65", 1}, {"-1", 1},
-                        {"", 1},      {"2x", 1}, {" 2", 1},  {"+2", 1}, {"99999999999999999999999", 1}};
-    for (const auto& xCase : vCases)
-    {
-        SCOPED_TRACE(xCase.pcValue != nullptr ? xCase.pcValue : "not set");
-        const CEnvironment xVariable("QX_HOSTCUDA_DEVICES", xCase.pcValue);
-        EXPECT_EXIT(ExitWithDeviceCount(), ::testing::ExitedWithCode(xCase.iCount), "");
+        std::_Exit(3);
     }
 }
 
-[[noreturn]] void ExitWithTotalMemory(std::size_t nExpected)
+TEST_F(ProcessDeathTest, NumbersInRangeComeFromTheEnvironment)
 {
-    std::size_t nFree = 0;
-    std::size_t nTotal = 0;
-    const bool bRight = cudaMemGetInfo(&nFree, &nTotal) == cudaSuccess && nFree == nExpected && nTotal == nExpected;
-    std::exit(bRight ? 0 : 1);
-}
-
-TEST_F(ProcessDeathTest, MemoryOfDevicesComesFromTheEnvironment)
-{
-    const std::size_t nDefault =
-        static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 2;
-    const std::pair<const char*, std::size_t> vCases[] = {
-        {"1000000", 1000000},
-        {nullptr, nDefault},
-        {"0", nDefault},
-        {"64M", nDefault},
-        {"18446744073709551615", nDefault},
+    const auto CountDevices = []
+    {
+        int iCount = 0;
+        ExitUnless(cudaGetDeviceCount(&iCount) == cudaSuccess);
+        return static_cast<std::size_t>(iCount);
     };
-    for (const auto& [pcValue, nExpected] : vCases)
+    const auto CountThreads = [] { return static_cast<std::size_t>(HostCuda::GetLaunchThreads()); };
+    const auto GetMemory = []
     {
-        SCOPED_TRACE(pcValue != nullptr ? pcValue : "not set");
-        const CEnvironment xVariable("QX_HOSTCUDA_MEMORY", pcValue);
-        EXPECT_EXIT(ExitWithTotalMemory(nExpected), ::testing::ExitedWithCode(0), "");
-    }
-}
-
-[[noreturn]] void ExitAfterCallsWithoutDevice()
-{
-    int iValue = 7;
-    void* pMemory = nullptr;
-    cudaStream_t hStream = nullptr;
-    unsigned char vHost[4] = {};
-    bool bRight = cudaGetLastError() == cudaSuccess && cudaRuntimeGetVersion(&iValue) == cudaSuccess;
-    iValue = 7;
-    for (const cudaError_t eError :
-         {cudaGetDeviceCount(&iValue), cudaGetDevice(&iValue), cudaSetDevice(0), cudaMalloc(&pMemory, 16),
-          cudaFree(nullptr), cudaStreamCreate(&hStream), cudaStreamSynchronize(nullptr), cudaEventDestroy(nullptr),
-          cudaMemcpy(vHost, vHost + 2, 2, cudaMemcpyHostToHost), cudaDeviceSynchronize(), cudaDeviceReset(),
-          cudaPeekAtLastError()})
+        std::size_t nFree = 0;
+        std::size_t nTotal = 0;
+        ExitUnless(cudaMemGetInfo(&nFree, &nTotal) == cudaSuccess && nFree == nTotal);
+        return nTotal;
+    };
+    const std::size_t nMemory =
+        static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 2;
+    const std::size_t nAll = std::max(1U, std::thread::hardware_concurrency());
+    const struct
     {
-        bRight = bRight && eError == cudaErrorNoDevice;
+        const char* pcName;
+        const char* pcValue; ///< null: not set
+        std::size_t nExpected;
+        std::size_t (*Get)();
+    } vCases[] = {
+        {"QX_HOSTCUDA_DEVICES", nullptr, 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "3", 3, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "64", 64, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "65", 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "-1", 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "", 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "2x", 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", " 2", 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "+2", 1, CountDevices},
+        {"QX_HOSTCUDA_DEVICES", "99999999999999999999999", 1, CountDevices},
+        {"QX_HOSTCUDA_MEMORY", nullptr, nMemory, GetMemory},
+        {"QX_HOSTCUDA_MEMORY", "1000000", 1000000, GetMemory},
+        {"QX_HOSTCUDA_MEMORY", "0", nMemory, GetMemory},
+        {"QX_HOSTCUDA_MEMORY", "64M", nMemory, GetMemory},
+        {"QX_HOSTCUDA_MEMORY", "18446744073709551615", nMemory, GetMemory},
+        {"QX_HOSTCUDA_THREADS", "1", 1, CountThreads},
+        {"QX_HOSTCUDA_THREADS", "2", std::min<std::size_t>(2, nAll), CountThreads},
+        {"QX_HOSTCUDA_THREADS", "1000000", nAll, CountThreads},
+        {"QX_HOSTCUDA_THREADS", "0", nAll, CountThreads},
+    };
+    for (const auto& [pcName, pcValue, nExpected, Get] : vCases)
+    {
+        SCOPED_TRACE(::testing::Message() << pcName << '=' << (pcValue != nullptr ? pcValue : "not set"));
+        const auto Act = [&, pcVariable = pcName, pcText = pcValue, nWanted = nExpected, GetNumber = Get]
+        {
+            unsetenv(pcVariable);
+            if (pcText != nullptr)
+            {
+                setenv(pcVariable, pcText, 1);
+            }
+            ExitUnless(GetNumber() == nWanted);
+        };
+        ExpectExit(0, Act);
     }
-    bRight = bRight && iValue == 7 && cudaGetLastError() == cudaErrorNoDevice && cudaGetLastError() == cudaSuccess &&
-             HostCuda::RaiseFault(0, cudaErrorAssert) == cudaErrorInvalidDevice;
-    std::exit(bRight ? 0 : 1);
 }
 
 TEST_F(ProcessDeathTest, WithoutDevicesCallsSaySo)
 {
-    const CEnvironment xVariable("QX_HOSTCUDA_DEVICES", "0");
-    EXPECT_EXIT(ExitAfterCallsWithoutDevice(), ::testing::ExitedWithCode(0), "");
+    const auto Act = []
+    {
+        setenv("QX_HOSTCUDA_DEVICES", "0", 1);
+        int iVersion = 0;
+        ExitUnless(cudaGetLastError() == cudaSuccess && cudaRuntimeGetVersion(&iVersion) == cudaSuccess);
+        int iValue = 7;
+        void* pMemory = nullptr;
+        cudaStream_t hStream = nullptr;
+        unsigned char vHost[4] = {};
+        for (const cudaError_t eError :
+             {cudaGetDeviceCount(&iValue), cudaGetDevice(&iValue), cudaSetDevice(0), cudaMalloc(&pMemory, 16),
+              cudaFree(nullptr), cudaStreamCreate(&hStream), cudaStreamSynchronize(nullptr), cudaEventDestroy(nullptr),
+              cudaMemcpy(vHost, vHost + 2, 2, cudaMemcpyHostToHost), cudaDeviceSynchronize(), cudaDeviceReset(),
+              cudaPeekAtLastError(), cudaGetLastError()})
+        {
+            ExitUnless(eError == cudaErrorNoDevice);
+        }
+        ExitUnless(iValue == 7 && cudaGetLastError() == cudaSuccess &&
+                   HostCuda::RaiseFault(0, cudaErrorAssert) == cudaErrorInvalidDevice);
+    };
+    ExpectExit(0, Act);
+}
+
+template <class TKernel, class... TArguments>
+void Launch(unsigned uBlocks, TKernel xKernel, TArguments... xArguments)
+{
+    cudaLaunchConfig_t xConfig{};
+    xConfig.gridDim = uBlocks;
+    cudaLaunchKernelEx(&xConfig, xKernel, xArguments...);
 }
 
 /// A client that leaves everything behind: memory, handles, a held stream with work queued after it.
 void LeaveEverything()
 {
     static CHold* volatile s_pHold = nullptr; // so that the hold is not lost but left
-    cudaStream_t hStream = nullptr;
-    cudaEvent_t hEvent = nullptr;
+    const cudaStream_t hStream = MakeStream();
+    const cudaEvent_t hEvent = MakeEvent();
     void* pMemory = nullptr;
     std::size_t nPitch = 0;
-    cudaStreamCreate(&hStream);
-    cudaEventCreate(&hEvent);
     s_pHold = new CHold(hStream);
     s_pHold->Await();
     cudaMallocPitch(&pMemory, &nPitch, 100, 100);
@@ -168,84 +153,93 @@ void LeaveEverything()
     cudaStreamDestroy(hStream);
 }
 
-/// A client's object that still uses the runtime while the process exits.
-struct SLateClient
+/// Leaves a kernel behind that never ends by itself.
+void LeaveRunning()
 {
-    void* pMemory = nullptr;
-    ~SLateClient()
+    static std::atomic<bool> s_bRuns;
+    const auto Sleep = []
     {
-        cudaMemset(pMemory, 1, 16);
-        if (cudaFree(pMemory) != cudaSuccess || cudaGetLastError() != cudaSuccess)
-        {
-            std::_Exit(3);
-        }
+        s_bRuns = true;
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    };
+    Launch(1000, Sleep);
+    while (!s_bRuns)
+    {
+        std::this_thread::yield();
     }
-};
+}
 
-[[noreturn]] void ExitWithLateClient()
+/// Leaves an object that still uses the runtime while the process exits.
+void LeaveLateClient()
 {
-    static SLateClient s_xClient;
-    cudaMalloc(&s_xClient.pMemory, 16);
+    static const struct SLateClient
+    {
+        void* pMemory = MakeMemory(16);
+        ~SLateClient()
+        {
+            cudaMemset(pMemory, 1, 16);
+            ExitUnless(cudaFree(pMemory) == cudaSuccess && cudaGetLastError() == cudaSuccess);
+        }
+    } s_xClient;
     cudaMemsetAsync(s_xClient.pMemory, 1, 16, nullptr);
-    std::exit(0);
 }
 
-[[noreturn]] void ExitOnAnotherThread()
-{
-    LeaveEverything();
-    std::thread([] { std::exit(0); }).join();
-    std::abort();
-}
-
-[[noreturn]] void ExitWhileComputing(int iMilliseconds)
+void LeaveComputing(int iMilliseconds)
 {
     constexpr int c_iOrder = 700;
+    constexpr std::size_t c_nBytes = 2 * c_iOrder * c_iOrder * sizeof(float);
     const float fOne = 1;
-    float* pMatrix = nullptr;
+    auto* const pMatrix = static_cast<float*>(MakeMemory(c_nBytes));
     cublasHandle_t hHandle = nullptr;
-    cudaStream_t hStream = nullptr;
-    cudaMalloc(reinterpret_cast<void**>(&pMatrix), 2 * c_iOrder * c_iOrder * sizeof(float));
-    cudaMemset(pMatrix, 0, 2 * c_iOrder * c_iOrder * sizeof(float));
-    cudaStreamCreate(&hStream);
+    cudaMemset(pMatrix, 0, c_nBytes);
     cublasCreate(&hHandle);
-    cublasSetStream(hHandle, hStream);
+    cublasSetStream(hHandle, MakeStream());
     for (int iCall = 0; iCall < 100; ++iCall)
     {
         cublasSsyrk(hHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, c_iOrder, c_iOrder, &fOne, pMatrix, c_iOrder, &fOne,
                     pMatrix + c_iOrder * c_iOrder, c_iOrder);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(iMilliseconds));
-    std::exit(0);
 }
 
 TEST_F(ProcessDeathTest, ExitNeitherHangsNorCrashes)
 {
     for (const int iMilliseconds : {0, 3, 7, 20})
     {
-        EXPECT_EXIT(ExitWhileComputing(iMilliseconds), ::testing::ExitedWithCode(0), "^$");
+        ExpectExit(
+            0, [=] { LeaveComputing(iMilliseconds); }, "^$");
     }
-    EXPECT_EXIT((LeaveEverything(), std::exit(0)), ::testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(ExitWithLateClient(), ::testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(ExitOnAnotherThread(), ::testing::ExitedWithCode(0), "");
+    ExpectExit(0, LeaveEverything);
+    ExpectExit(0, LeaveRunning);
+    ExpectExit(0, LeaveLateClient);
+    const auto ExitOnAnotherThread = []
+    {
+        LeaveEverything();
+        std::thread([] { std::exit(0); }).join();
+    };
+    ExpectExit(0, ExitOnAnotherThread);
 }
 
 // As where a kernel meets a wild pointer: a handler, of the client or of a sanitizer, must see it.
-[[noreturn]] void ExitByAFaultOnAStream()
-{
-    std::signal(SIGSEGV, [](int) { _exit(42); });
-    void* pNobody = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    cudaLaunchHostFunc(
-        nullptr, [](void* pAddress) { *static_cast<volatile char*>(pAddress) = 1; }, pNobody);
-    cudaDeviceSynchronize();
-    std::exit(1);
-}
-
 TEST_F(ProcessDeathTest, AFaultOnAStreamReachesTheHandlerOfTheProcess)
 {
-    EXPECT_EXIT(ExitByAFaultOnAStream(), ::testing::ExitedWithCode(42), "");
+    const auto Act = []
+    {
+        std::signal(SIGSEGV, [](int) { _exit(42); });
+        void* const pNobody = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        const auto Write = [](void* pAddress) { *static_cast<volatile char*>(pAddress) = 1; };
+        cudaLaunchHostFunc(nullptr, Write, pNobody);
+        cudaDeviceSynchronize();
+    };
+    ExpectExit(42, Act);
 }
 
-#if defined(QX_TEST_ASAN)
+TEST_F(ProcessDeathTest, ATrapOutsideOfKernelsEndsTheProcess)
+{
+    EXPECT_DEATH(__trap(), "");
+}
+
+#if defined(QX_HOSTCUDA_ASAN)
 
 TEST_F(ProcessDeathTest, AddressSanitizerFindsMisuseOfDeviceMemory)
 {
@@ -261,8 +255,7 @@ TEST_F(ProcessDeathTest, AddressSanitizerFindsMisuseOfDeviceMemory)
     EXPECT_DEATH(MakePitched()[4 * 512] = 1, "heap-buffer-overflow");
     const auto MakeFreed = []
     {
-        void* pMemory = nullptr;
-        cudaMalloc(&pMemory, 100);
+        void* const pMemory = MakeMemory(100);
         cudaFree(pMemory);
         return static_cast<volatile unsigned char*>(pMemory);
     };
@@ -270,7 +263,7 @@ TEST_F(ProcessDeathTest, AddressSanitizerFindsMisuseOfDeviceMemory)
     // A copy that may cross the padding of its device side is still checked on its host side.
     EXPECT_DEATH(
         {
-            const std::vector<unsigned char> vShort(4 * 512 - 1);
+            const Bytes vShort(4 * 512 - 1);
             cudaMemcpy(const_cast<unsigned char*>(MakePitched()), vShort.data(), 4 * 512, cudaMemcpyHostToDevice);
         },
         "heap-buffer-overflow");
@@ -281,172 +274,151 @@ TEST_F(ProcessDeathTest, AddressSanitizerFindsMisuseOfDeviceMemory)
             cudaMemcpyToSymbol(static_cast<const void*>(s_vSymbol), vSource, sizeof(vSource));
         },
         "global-buffer-overflow");
+    // Kernels are checked like other code.
+    const auto ReadInKernel = [&](std::size_t nOffset)
+    {
+        Launch(
+            2, [](volatile unsigned char* pFrom) { static_cast<void>(pFrom[0]); }, MakePitched() + nOffset);
+        cudaDeviceSynchronize();
+    };
+    ExpectExit(0, [&] { ReadInKernel(3 * 512 + 99); });
+    EXPECT_DEATH(ReadInKernel(100), "use-after-poison");
+    EXPECT_DEATH(ReadInKernel(4 * 512), "heap-buffer-overflow");
 }
 
 #endif
 
-#if defined(QX_TEST_TSAN)
+#if defined(QX_HOSTCUDA_TSAN)
 
-/// What every client below has: a block, a stream, and a host buffer that outlives the work.
+/// What every client below has: a block, streams, and a host buffer that outlives the work.
 struct SClient
 {
-    cudaStream_t hStream = nullptr;
-    cudaStream_t hOther = nullptr;
-    void* pDevice = nullptr;
-    std::vector<unsigned char> vHost = std::vector<unsigned char>(64);
+    cudaStream_t hStream = MakeStream();
+    cudaStream_t hOther = MakeStream();
+    void* pDevice = MakeMemory(64);
+    Bytes vHost = Bytes(64);
 
-    SClient()
+    /// Records a new event.
+    static cudaEvent_t Record(cudaStream_t hOn, unsigned uFlags = cudaEventDefault)
     {
-        cudaStreamCreate(&hStream);
-        cudaStreamCreate(&hOther);
-        cudaMalloc(&pDevice, 64);
-    }
-    void Download() { cudaMemcpyAsync(vHost.data(), pDevice, 64, cudaMemcpyDeviceToHost, hStream); }
-    /// Reads the buffer late enough for the work to be long done.
-    [[noreturn]] void ReadAndExit() const
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        volatile unsigned char uSink = 0;
-        uSink = vHost[5];
-        static_cast<void>(uSink);
-        std::exit(0);
+        const cudaEvent_t hEvent = MakeEvent(uFlags);
+        cudaEventRecord(hEvent, hOn);
+        return hEvent;
     }
 };
+
+/// Time for queued work to be long done.
+void Sleep()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
 
 // ThreadSanitizer ends a process that had a race with this code.
 constexpr int c_iRace = 66;
 
-TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisation)
+TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisationAndAcceptsEveryWayToSynchronise)
 {
-    // Each client does something that happens to take time or to touch the same structures, but does not synchronise.
-    const std::pair<const char*, void (*)(SClient&)> vCases[] = {
-        {"nothing", [](SClient&) {}},
-        {"more work on the stream",
-         [](SClient& xClient)
+    // What a client does between a download and its use. The first ones happen to take time or to touch the same
+    // structures, but do not synchronise.
+    const std::tuple<const char*, int, void (*)(SClient&)> vCases[] = {
+        {"nothing", c_iRace, [](SClient&) {}},
+        {"more work on the stream", c_iRace, [](SClient& x) { cudaMemsetAsync(x.pDevice, 1, 64, x.hStream); }},
+        {"another stream is synchronised", c_iRace,
+         [](SClient& x)
          {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             cudaMemsetAsync(xClient.pDevice, 1, 64, xClient.hStream);
+             cudaMemsetAsync(x.pDevice, 1, 64, x.hOther);
+             cudaStreamSynchronize(x.hOther);
          }},
-        {"another stream is synchronised",
-         [](SClient& xClient)
+        {"work is queued on the legacy stream", c_iRace,
+         [](SClient& x) { cudaMemsetAsync(x.pDevice, 1, 64, nullptr); }},
+        {"an event is recorded on the legacy stream", c_iRace, [](SClient&) { SClient::Record(nullptr); }},
+        {"an event is recorded", c_iRace, [](SClient& x) { SClient::Record(x.hStream); }},
+        {"memory is allocated", c_iRace, [](SClient&) { MakeMemory(64); }},
+        {"stream", 0, [](SClient& x) { cudaStreamSynchronize(x.hStream); }},
+        {"legacy stream", 0, [](SClient&) { cudaStreamSynchronize(nullptr); }},
+        {"device", 0, [](SClient&) { cudaDeviceSynchronize(); }},
+        {"query", 0,
+         [](SClient& x)
          {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             cudaMemsetAsync(xClient.pDevice, 1, 64, xClient.hOther);
-             cudaStreamSynchronize(xClient.hOther);
-         }},
-        {"work that follows is queued on the legacy stream",
-         [](SClient& xClient)
-         {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             cudaMemsetAsync(xClient.pDevice, 1, 64, nullptr);
-         }},
-        {"an event is recorded on the legacy stream and nobody waits",
-         [](SClient&)
-         {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             cudaEvent_t hEvent = nullptr;
-             cudaEventCreate(&hEvent);
-             cudaEventRecord(hEvent, nullptr);
-         }},
-        {"an event is recorded and nobody waits",
-         [](SClient& xClient)
-         {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             cudaEvent_t hEvent = nullptr;
-             cudaEventCreate(&hEvent);
-             cudaEventRecord(hEvent, xClient.hStream);
-         }},
-        {"memory is allocated",
-         [](SClient&)
-         {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             void* pMemory = nullptr;
-             cudaMalloc(&pMemory, 64);
-         }},
-    };
-    for (const auto& [pcName, Forget] : vCases)
-    {
-        SCOPED_TRACE(pcName);
-        EXPECT_EXIT(
-            {
-                SClient xClient;
-                xClient.Download();
-                Forget(xClient);
-                xClient.ReadAndExit();
-            },
-            ::testing::ExitedWithCode(c_iRace), "data race");
-    }
-}
-
-TEST_F(ProcessDeathTest, ThreadSanitizerAcceptsEveryWayToSynchronise)
-{
-    const std::pair<const char*, void (*)(SClient&)> vCases[] = {
-        {"stream", [](SClient& xClient) { cudaStreamSynchronize(xClient.hStream); }},
-        {"legacy stream", [](SClient&) { cudaStreamSynchronize(nullptr); }},
-        {"device", [](SClient&) { cudaDeviceSynchronize(); }},
-        {"query",
-         [](SClient& xClient)
-         {
-             while (cudaStreamQuery(xClient.hStream) == cudaErrorNotReady)
+             while (cudaStreamQuery(x.hStream) == cudaErrorNotReady)
              {
                  std::this_thread::yield();
              }
          }},
-        {"event",
-         [](SClient& xClient)
-         {
-             cudaEvent_t hEvent = nullptr;
-             cudaEventCreate(&hEvent);
-             cudaEventRecord(hEvent, xClient.hStream);
-             cudaEventSynchronize(hEvent);
-         }},
-        {"event on the legacy stream after the work is done",
+        {"event", 0, [](SClient& x) { cudaEventSynchronize(SClient::Record(x.hStream)); }},
+        {"event on the legacy stream after the work is done", 0,
          [](SClient&)
          {
-             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-             cudaEvent_t hEvent = nullptr;
-             cudaEventCreate(&hEvent);
-             cudaEventRecord(hEvent, nullptr);
-             cudaEventSynchronize(hEvent);
+             Sleep();
+             cudaEventSynchronize(SClient::Record(nullptr));
          }},
-        {"another stream that waits for an event",
-         [](SClient& xClient)
+        {"another stream that waits for an event", 0,
+         [](SClient& x)
          {
-             cudaEvent_t hEvent = nullptr;
-             cudaEventCreateWithFlags(&hEvent, cudaEventDisableTiming);
-             cudaEventRecord(hEvent, xClient.hStream);
-             cudaStreamWaitEvent(xClient.hOther, hEvent);
-             cudaStreamSynchronize(xClient.hOther);
+             cudaStreamWaitEvent(x.hOther, SClient::Record(x.hStream, cudaEventDisableTiming));
+             cudaStreamSynchronize(x.hOther);
          }},
-        {"synchronous call", [](SClient& xClient) { cudaMemset(xClient.pDevice, 1, 64); }},
-        {"free", [](SClient& xClient) { cudaFree(xClient.pDevice); }},
-        {"reset", [](SClient&) { cudaDeviceReset(); }},
+        {"synchronous call", 0, [](SClient& x) { cudaMemset(x.pDevice, 1, 64); }},
+        {"free", 0, [](SClient& x) { cudaFree(x.pDevice); }},
+        {"reset", 0, [](SClient&) { cudaDeviceReset(); }},
     };
-    for (const auto& [pcName, Synchronise] : vCases)
+    for (const auto& [pcName, iCode, Act] : vCases)
     {
         SCOPED_TRACE(pcName);
-        EXPECT_EXIT(
-            {
-                SClient xClient;
-                xClient.Download();
-                Synchronise(xClient);
-                xClient.ReadAndExit();
-            },
-            ::testing::ExitedWithCode(0), "");
-    }
-}
-
-TEST_F(ProcessDeathTest, ThreadSanitizerFindsASourceThatChangesBeforeItIsRead)
-{
-    EXPECT_EXIT(
+        const auto Download = [Between = Act, bRace = iCode == c_iRace]
         {
             SClient xClient;
-            cudaMemcpyAsync(xClient.pDevice, xClient.vHost.data(), 64, cudaMemcpyHostToDevice, xClient.hStream);
-            xClient.vHost[5] = 1;
-            cudaStreamSynchronize(xClient.hStream);
+            cudaMemcpyAsync(xClient.vHost.data(), xClient.pDevice, 64, cudaMemcpyDeviceToHost, xClient.hStream);
+            if (bRace)
+            {
+                Sleep();
+            }
+            Between(xClient);
+            Sleep();
+            [[maybe_unused]] const unsigned char uRead = static_cast<volatile unsigned char&>(xClient.vHost[5]);
             std::exit(0);
-        },
-        ::testing::ExitedWithCode(c_iRace), "data race");
+        };
+        ExpectExit(iCode, Download, iCode == c_iRace ? "data race" : "");
+    }
+    const auto ChangeSource = []
+    {
+        SClient xClient;
+        cudaMemcpyAsync(xClient.pDevice, xClient.vHost.data(), 64, cudaMemcpyHostToDevice, xClient.hStream);
+        xClient.vHost[5] = 1;
+        cudaStreamSynchronize(xClient.hStream);
+        std::exit(0);
+    };
+    ExpectExit(c_iRace, ChangeSource, "data race");
+}
+
+TEST_F(ProcessDeathTest, ThreadSanitizerFindsRacesBetweenBlocksOnly)
+{
+    if (HostCuda::GetLaunchThreads() == 1)
+    {
+        return; // one thread has no races
+    }
+    // Two blocks on two threads each write into their own place, or both into one, ordered by nothing.
+    for (const auto& [bSame, iCode] : {std::pair{false, 0}, {true, c_iRace}})
+    {
+        const auto Act = [bOne = bSame]
+        {
+            int* pData = nullptr;
+            cudaMallocManaged(&pData, 3 * sizeof(int));
+            std::fill_n(pData, 3, 0);
+            const auto Write = [](int* pValues, bool bOnePlace)
+            {
+                atomicAdd(&pValues[0], 1);
+                while (atomicAdd(&pValues[0], 0) < 2)
+                {
+                    std::this_thread::yield();
+                }
+                pValues[bOnePlace ? 1 : 1 + blockIdx.x] = 7;
+            };
+            Launch(2, Write, pData, bOne);
+            cudaDeviceSynchronize();
+        };
+        ExpectExit(iCode, Act, bSame ? "data race" : "");
+    }
 }
 
 #endif

@@ -1,18 +1,16 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace Qx::Test
 {
 
-/// A value that a runtime's headers give to an expression.
+/// What a runtime's headers say of a name: the value of a constant or the mangled type of a function.
 struct SFact
 {
-    std::string sExpression;
-    long long iValue = 0;
+    const char* pcName;
+    std::string sFact;
 };
 
 /// The answers of the stand-in's headers.

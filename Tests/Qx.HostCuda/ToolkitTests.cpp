@@ -14,14 +14,15 @@ namespace Qx::Test
 namespace
 {
 
-TEST(Toolkit, ValuesAndLayoutsOfTheHeadersAreTheSame)
+TEST(Toolkit, ValuesTypesAndLayoutsOfTheHeadersAreTheSame)
 {
     const auto vOurs = GetStandInFacts();
     const auto vTheirs = GetToolkitFacts();
     ASSERT_EQ(vOurs.size(), vTheirs.size());
+    EXPECT_GT(vOurs.size(), 300U) << "names of the headers are missing";
     for (std::size_t nFact = 0; nFact < vOurs.size(); ++nFact)
     {
-        EXPECT_EQ(vOurs[nFact].iValue, vTheirs[nFact].iValue) << vOurs[nFact].sExpression;
+        EXPECT_EQ(vOurs[nFact].sFact, vTheirs[nFact].sFact) << vOurs[nFact].pcName;
     }
 }
 

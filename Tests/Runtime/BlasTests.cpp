@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <functional>
 #include <limits>
 #include <vector>
 
@@ -30,7 +29,7 @@ protected:
         unsigned uSeed = 0;
         for (float*& pBlock : m_vBlocks)
         {
-            ASSERT_EQ(cudaMalloc(reinterpret_cast<void**>(&pBlock), c_nBytes), cudaSuccess);
+            pBlock = static_cast<float*>(MakeMemory(c_nBytes));
             Write(pBlock, Numbers(++uSeed));
         }
     }
@@ -83,12 +82,8 @@ TEST_F(Blas, MultipliesAMatrixOfAnyLayoutWithAVector)
     const Floats vA = Read(pA);
     const Floats vX = Read(pX);
     const Floats vY = Read(pY);
-    const struct
-    {
-        cublasOperation_t eTrans;
-        int iStepX, iStepY;
-    } vCases[]{{CUBLAS_OP_N, 1, 1}, {CUBLAS_OP_T, 1, 1}, {CUBLAS_OP_C, 2, -3}, {CUBLAS_OP_N, -2, 3}};
-    for (const auto& [eTrans, iStepX, iStepY] : vCases)
+    for (const auto& [eTrans, iStepX, iStepY] :
+         {std::tuple(CUBLAS_OP_N, 1, 1), {CUBLAS_OP_T, 1, 1}, {CUBLAS_OP_C, 2, -3}, {CUBLAS_OP_N, -2, 3}})
     {
         const bool bPlain = eTrans == CUBLAS_OP_N;
         const int iX = bPlain ? 3 : 4;
@@ -125,21 +120,20 @@ TEST_F(Blas, FillsOneTriangleOfAProductWithItsTranspose)
             ASSERT_EQ(cublasSsyrk(m_hHandle, eFill, eTrans, 4, 3, &m_fTwo, pA, 5, &m_fThree, pC, 6),
                       CUBLAS_STATUS_SUCCESS);
             Floats vExpected = vC;
-            for (std::size_t nCol = 0; nCol < 4; ++nCol)
+            for (std::size_t nElement = 0; nElement < 16; ++nElement)
             {
-                for (std::size_t nRow = 0; nRow < 4; ++nRow)
+                const std::size_t nRow = nElement % 4;
+                const std::size_t nCol = nElement / 4;
+                float fSum = 0;
+                for (std::size_t nInner = 0; nInner < 3; ++nInner)
                 {
-                    float fSum = 0;
-                    for (std::size_t nInner = 0; nInner < 3; ++nInner)
-                    {
-                        fSum += eTrans == CUBLAS_OP_N ? vA[nRow + 5 * nInner] * vA[nCol + 5 * nInner]
-                                                      : vA[nInner + 5 * nRow] * vA[nInner + 5 * nCol];
-                    }
+                    fSum += eTrans == CUBLAS_OP_N ? vA[nRow + 5 * nInner] * vA[nCol + 5 * nInner]
+                                                  : vA[nInner + 5 * nRow] * vA[nInner + 5 * nCol];
+                }
+                if (nRow == nCol || (nRow > nCol) == (eFill == CUBLAS_FILL_MODE_LOWER))
+                {
                     float& fC = vExpected[nRow + 6 * nCol];
-                    if (nRow == nCol || (nRow > nCol) == (eFill == CUBLAS_FILL_MODE_LOWER))
-                    {
-                        fC = 2 * fSum + 3 * fC;
-                    }
+                    fC = 2 * fSum + 3 * fC;
                 }
             }
             EXPECT_EQ(Read(pC), vExpected) << eFill << ' ' << eTrans;
@@ -297,8 +291,7 @@ TEST_F(Blas, FailsWhereTheDeviceCannotWork)
     EXPECT_EQ(hHandle, nullptr);
     EXPECT_EQ(cudaDeviceReset(), cudaSuccess);
     ASSERT_EQ(cublasCreate(&hHandle), CUBLAS_STATUS_SUCCESS);
-    float* pBlock = nullptr;
-    ASSERT_EQ(cudaMalloc(reinterpret_cast<void**>(&pBlock), 64), cudaSuccess);
+    const auto* const pBlock = static_cast<const float*>(MakeMemory(64));
     EXPECT_EQ(HostCuda::RaiseFault(1, cudaErrorIllegalAddress), cudaSuccess);
     EXPECT_EQ(cublasSasum(hHandle, 16, pBlock, 1, &fSum), CUBLAS_STATUS_EXECUTION_FAILED);
     EXPECT_EQ(fSum, 7);

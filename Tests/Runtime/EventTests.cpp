@@ -1,6 +1,4 @@
-#include <chrono>
 #include <cstdint>
-#include <thread>
 
 #include "RuntimeTest.h"
 
@@ -13,6 +11,9 @@ namespace
 class Events : public CRuntimeTest
 {
 };
+
+constexpr unsigned c_vEventFlags[] = {cudaEventDefault, cudaEventDisableTiming, cudaEventBlockingSync,
+                                      cudaEventBlockingSync | cudaEventDisableTiming};
 
 TEST_F(Events, NeverRecordedEventIsComplete)
 {
@@ -27,14 +28,16 @@ TEST_F(Events, NeverRecordedEventIsComplete)
 TEST_F(Events, EventIsCompleteWhenTheWorkBeforeItsRecordIsDone)
 {
     const CStreamScope hCreated;
-    for (const unsigned uFlags :
-         std::initializer_list<unsigned>{cudaEventDefault, cudaEventDisableTiming, cudaEventBlockingSync,
-                                         cudaEventBlockingSync | cudaEventDisableTiming})
+    const CStreamScope hFree(cudaStreamNonBlocking);
+    const CHold xFree(hFree); // no concern of the others
+    for (const unsigned uFlags : c_vEventFlags)
     {
-        for (const cudaStream_t hStream : {static_cast<cudaStream_t>(hCreated), cudaStream_t{}})
+        // A record on the legacy stream captures the blocking streams too.
+        for (const auto& [hHeld, hStream] :
+             {std::pair<cudaStream_t, cudaStream_t>{hCreated, hCreated}, {nullptr, nullptr}, {hCreated, nullptr}})
         {
             const CEventScope hEvent(uFlags);
-            CHold xHold(hStream);
+            CHold xHold(hHeld);
             ASSERT_EQ(cudaEventRecord(hEvent, hStream), cudaSuccess);
             const CHold xLater(hStream);
             EXPECT_EQ(cudaEventQuery(hEvent), cudaErrorNotReady);
@@ -43,22 +46,6 @@ TEST_F(Events, EventIsCompleteWhenTheWorkBeforeItsRecordIsDone)
             EXPECT_EQ(cudaEventQuery(hEvent), cudaSuccess);
             EXPECT_EQ(cudaStreamQuery(hStream), cudaErrorNotReady) << "later work is no concern of the event";
         }
-    }
-}
-
-TEST_F(Events, LegacyRecordCapturesBlockingStreams)
-{
-    const CStreamScope hBlocking;
-    const CStreamScope hFree(cudaStreamNonBlocking);
-    for (const unsigned uFlags : std::initializer_list<unsigned>{cudaEventDefault, cudaEventDisableTiming})
-    {
-        const CEventScope hEvent(uFlags);
-        const CHold xFree(hFree);
-        CHold xHold(hBlocking);
-        ASSERT_EQ(cudaEventRecord(hEvent), cudaSuccess);
-        EXPECT_EQ(cudaEventQuery(hEvent), cudaErrorNotReady);
-        xHold.Release();
-        EXPECT_EQ(cudaEventSynchronize(hEvent), cudaSuccess);
     }
 }
 
@@ -84,7 +71,7 @@ TEST_F(Events, WaitingOrdersStreamsAlsoOfOtherDevices)
     const CBlock xBlock(EMemory::Device, 64);
     for (const int iDevice : {0, 1})
     {
-        for (const unsigned uFlags : std::initializer_list<unsigned>{cudaEventDefault, cudaEventDisableTiming})
+        for (const unsigned uFlags : c_vEventFlags)
         {
             const CStreamScope hFirst(cudaStreamNonBlocking);
             const CEventScope hEvent(uFlags);
@@ -93,14 +80,14 @@ TEST_F(Events, WaitingOrdersStreamsAlsoOfOtherDevices)
             ASSERT_EQ(cudaSetDevice(0), cudaSuccess);
             for (int iTime = 0; iTime < 50; ++iTime)
             {
-                std::vector<unsigned char> vResult(64);
+                Bytes vResult(64);
                 ASSERT_EQ(cudaMemsetAsync(xBlock.Get(), iTime, 64, hFirst), cudaSuccess);
                 ASSERT_EQ(cudaEventRecord(hEvent, hFirst), cudaSuccess);
                 ASSERT_EQ(cudaStreamWaitEvent(hSecond, hEvent, 0), cudaSuccess);
                 ASSERT_EQ(cudaMemcpyAsync(vResult.data(), xBlock.Get(), 64, cudaMemcpyDeviceToHost, hSecond),
                           cudaSuccess);
                 ASSERT_EQ(cudaStreamSynchronize(hSecond), cudaSuccess);
-                ASSERT_EQ(vResult, std::vector<unsigned char>(64, static_cast<unsigned char>(iTime)));
+                ASSERT_EQ(vResult, Bytes(64, static_cast<unsigned char>(iTime)));
             }
             CHold xHold(hFirst);
             ASSERT_EQ(cudaEventRecord(hEvent, hFirst), cudaSuccess);
@@ -115,10 +102,8 @@ TEST_F(Events, WaitingOrdersStreamsAlsoOfOtherDevices)
 TEST_F(Events, WaitSurvivesEventAndStream)
 {
     const CStreamScope hWaiting;
-    cudaStream_t hStream = nullptr;
-    cudaEvent_t hEvent = nullptr;
-    ASSERT_EQ(cudaStreamCreate(&hStream), cudaSuccess);
-    ASSERT_EQ(cudaEventCreate(&hEvent), cudaSuccess);
+    const cudaStream_t hStream = MakeStream();
+    const cudaEvent_t hEvent = MakeEvent();
     CHold xHold(hStream);
     ASSERT_EQ(cudaEventRecord(hEvent, hStream), cudaSuccess);
     ASSERT_EQ(cudaStreamWaitEvent(hWaiting, hEvent), cudaSuccess);
@@ -137,9 +122,8 @@ TEST_F(Events, ElapsedTimeIsThatBetweenTheRecords)
     const CEventScope hEnd;
     const auto xBefore = std::chrono::steady_clock::now();
     ASSERT_EQ(cudaEventRecord(hStart, hStream), cudaSuccess);
-    ASSERT_EQ(cudaLaunchHostFunc(
-                  hStream, [](void*) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }, nullptr),
-              cudaSuccess);
+    const auto Sleep = [](void*) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
+    ASSERT_EQ(cudaLaunchHostFunc(hStream, Sleep, nullptr), cudaSuccess);
     ASSERT_EQ(cudaEventRecord(hEnd, hStream), cudaSuccess);
     ASSERT_EQ(cudaEventSynchronize(hEnd), cudaSuccess);
     const std::chrono::duration<float, std::milli> xUpperBound = std::chrono::steady_clock::now() - xBefore;
@@ -188,95 +172,67 @@ TEST_F(Events, ElapsedTimeRefusesWhatHasNoTime)
     const CEventScope hOther;
     ASSERT_EQ(cudaEventRecord(hOther), cudaSuccess);
     ASSERT_EQ(cudaSetDevice(0), cudaSuccess);
-    struct
-    {
-        cudaEvent_t hStart;
-        cudaEvent_t hEnd;
-        cudaError_t eExpected;
-    } const vCases[] = {
-        {hNever, hRecorded, cudaErrorInvalidResourceHandle},
-        {hRecorded, hNever, cudaErrorInvalidResourceHandle},
-        {hUntimed, hRecorded, cudaErrorInvalidResourceHandle},
-        {hRecorded, hUntimed, cudaErrorInvalidResourceHandle},
-        {nullptr, hRecorded, cudaErrorInvalidResourceHandle},
-        {hRecorded, nullptr, cudaErrorInvalidResourceHandle},
-        {hOther, hRecorded, cudaErrorInvalidResourceHandle},
-        {hPending, hNever, cudaErrorInvalidResourceHandle},
-        {hRecorded, hPending, cudaErrorNotReady},
-        {hPending, hRecorded, cudaErrorNotReady},
+    constexpr auto c_eHandle = cudaErrorInvalidResourceHandle;
+    const std::tuple<cudaEvent_t, cudaEvent_t, cudaError_t> vCases[] = {
+        {hNever, hRecorded, c_eHandle},           {hRecorded, hNever, c_eHandle},
+        {hUntimed, hRecorded, c_eHandle},         {hRecorded, hUntimed, c_eHandle},
+        {nullptr, hRecorded, c_eHandle},          {hRecorded, nullptr, c_eHandle},
+        {hOther, hRecorded, c_eHandle},           {hPending, hNever, c_eHandle},
+        {hRecorded, hPending, cudaErrorNotReady}, {hPending, hRecorded, cudaErrorNotReady},
     };
     float fTime = -7;
-    for (const auto& xCase : vCases)
+    for (const auto& [hStart, hEnd, eExpected] : vCases)
     {
-        ExpectFailure(cudaEventElapsedTime(&fTime, xCase.hStart, xCase.hEnd), xCase.eExpected);
+        ExpectResult(cudaEventElapsedTime(&fTime, hStart, hEnd), eExpected);
     }
     EXPECT_EQ(fTime, -7.0F);
-    ExpectFailure(cudaEventElapsedTime(nullptr, hRecorded, hRecorded), cudaErrorInvalidValue);
+    ExpectResult(cudaEventElapsedTime(nullptr, hRecorded, hRecorded), cudaErrorInvalidValue);
 }
 
 TEST_F(Events, DeadAndForeignHandlesAreRefusedByEveryCall)
 {
     QX_STAND_IN_ONLY("handles of destroyed objects are undefined");
     const CStreamScope hStream;
-    cudaEvent_t hStale = nullptr;
-    ASSERT_EQ(cudaEventCreate(&hStale), cudaSuccess);
+    const cudaEvent_t hStale = MakeEvent();
     ASSERT_EQ(cudaEventDestroy(hStale), cudaSuccess);
     const CEventScope hReuser; // may have the place of the stale one, not its handle
-    int iObject = 0;
-    const cudaEvent_t vHandles[] = {nullptr,
-                                    hStale,
-                                    reinterpret_cast<cudaEvent_t>(static_cast<cudaStream_t>(hStream)),
-                                    reinterpret_cast<cudaEvent_t>(&iObject),
-                                    reinterpret_cast<cudaEvent_t>(UINTPTR_MAX),
-                                    reinterpret_cast<cudaEvent_t>(std::uintptr_t{5})};
-    for (const cudaEvent_t hEvent : vHandles)
+    float fTime = 0;
+    for (const cudaEvent_t hEvent :
+         {cudaEvent_t{}, hStale, reinterpret_cast<cudaEvent_t>(static_cast<cudaStream_t>(hStream)),
+          reinterpret_cast<cudaEvent_t>(&fTime), reinterpret_cast<cudaEvent_t>(UINTPTR_MAX),
+          reinterpret_cast<cudaEvent_t>(std::uintptr_t{5})})
     {
-        float fTime = 0;
-        ExpectFailure(cudaEventRecord(hEvent, hStream), cudaErrorInvalidResourceHandle);
-        ExpectFailure(cudaEventSynchronize(hEvent), cudaErrorInvalidResourceHandle);
-        ExpectFailure(cudaEventQuery(hEvent), cudaErrorInvalidResourceHandle);
-        ExpectFailure(cudaEventElapsedTime(&fTime, hEvent, hEvent), cudaErrorInvalidResourceHandle);
-        ExpectFailure(cudaStreamWaitEvent(hStream, hEvent), cudaErrorInvalidResourceHandle);
-        ExpectFailure(cudaEventDestroy(hEvent), cudaErrorInvalidResourceHandle);
+        ExpectResult(cudaEventRecord(hEvent, hStream), cudaErrorInvalidResourceHandle);
+        ExpectResult(cudaEventSynchronize(hEvent), cudaErrorInvalidResourceHandle);
+        ExpectResult(cudaEventQuery(hEvent), cudaErrorInvalidResourceHandle);
+        ExpectResult(cudaEventElapsedTime(&fTime, hEvent, hEvent), cudaErrorInvalidResourceHandle);
+        ExpectResult(cudaStreamWaitEvent(hStream, hEvent), cudaErrorInvalidResourceHandle);
+        ExpectResult(cudaEventDestroy(hEvent), cudaErrorInvalidResourceHandle);
     }
-    ExpectFailure(cudaStreamWaitEvent(hStream, hReuser, 1), cudaErrorInvalidValue);
+    ExpectResult(cudaStreamWaitEvent(hStream, hReuser, 1), cudaErrorInvalidValue);
     ASSERT_EQ(cudaSetDevice(1), cudaSuccess);
-    ExpectFailure(cudaEventRecord(hReuser, nullptr), cudaErrorInvalidResourceHandle, "a stream of another device");
+    ExpectResult(cudaEventRecord(hReuser, nullptr), cudaErrorInvalidResourceHandle, "a stream of another device");
     EXPECT_EQ(cudaEventRecord(hReuser, hStream), cudaSuccess);
 }
 
 TEST_F(Events, CreationChecksItsFlags)
 {
     cudaEvent_t hEvent = nullptr;
-    struct
+    for (const unsigned uFlags : {8U, 0x80000000U, unsigned{cudaEventInterprocess}})
     {
-        unsigned uFlags;
-        cudaError_t eExpected;
-    } const vCases[] = {
-        {8, cudaErrorInvalidValue},
-        {0x80000000U, cudaErrorInvalidValue},
-        {cudaEventInterprocess, cudaErrorInvalidValue},
-#ifdef QX_HOSTCUDA
-        {cudaEventInterprocess | cudaEventDisableTiming, cudaErrorNotSupported},
-#endif
-    };
-    for (const auto& xCase : vCases)
-    {
-        ExpectFailure(cudaEventCreateWithFlags(&hEvent, xCase.uFlags), xCase.eExpected);
+        ExpectResult(cudaEventCreateWithFlags(&hEvent, uFlags), cudaErrorInvalidValue);
     }
-    ExpectFailure(cudaEventCreate(nullptr), cudaErrorInvalidValue);
-    EXPECT_EQ(hEvent, nullptr);
+    ExpectResult(cudaEventCreate(nullptr), cudaErrorInvalidValue);
 #ifdef QX_HOSTCUDA
-    HostCuda::SStatistics xStatistics;
+    ExpectResult(cudaEventCreateWithFlags(&hEvent, cudaEventInterprocess | cudaEventDisableTiming),
+                 cudaErrorNotSupported);
     {
         const CEventScope hFirst;
         const CEventScope hSecond;
-        EXPECT_EQ(HostCuda::GetStatistics(0, xStatistics), cudaSuccess);
-        EXPECT_EQ(xStatistics.nEventCount, 2U);
+        EXPECT_EQ(GetStatistics().nEventCount, 2U);
     }
-    EXPECT_EQ(HostCuda::GetStatistics(0, xStatistics), cudaSuccess);
-    EXPECT_EQ(xStatistics.nEventCount, 0U);
 #endif
+    EXPECT_EQ(hEvent, nullptr);
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <atomic>
+#include <chrono>
 #include <cstddef>
-#include <cstring>
+#include <functional>
+#include <thread>
 #include <vector>
 
 #include <cuda_runtime.h>
@@ -18,6 +19,16 @@ namespace Qx::Test
 
 /// The memory of a device of the stand-in.
 inline constexpr std::size_t c_nBudget = std::size_t{64} << 20;
+
+#ifdef QX_HOSTCUDA
+/// What is alive on a device.
+inline HostCuda::SStatistics GetStatistics(int iDevice = 0)
+{
+    HostCuda::SStatistics xStatistics;
+    EXPECT_EQ(HostCuda::GetStatistics(iDevice, xStatistics), cudaSuccess);
+    return xStatistics;
+}
+#endif
 
 /// The fixture of the runtime's contract, which the toolkit's runtime and the stand-in have in common. Device 0 is
 /// current. Every test must leave no pending error, and nothing alive where that can be asked.
@@ -43,9 +54,7 @@ protected:
         for (int iDevice = m_iDevices - 1; iDevice >= 0; --iDevice)
         {
 #ifdef QX_HOSTCUDA
-            HostCuda::SStatistics xStatistics;
-            EXPECT_EQ(HostCuda::GetStatistics(iDevice, xStatistics), cudaSuccess);
-            EXPECT_EQ(xStatistics, HostCuda::SStatistics{}) << "something is left alive on device " << iDevice;
+            EXPECT_EQ(GetStatistics(iDevice), HostCuda::SStatistics{}) << "left alive on device " << iDevice;
 #endif
             EXPECT_EQ(cudaSetDevice(iDevice), cudaSuccess);
             EXPECT_EQ(cudaDeviceReset(), cudaSuccess);
@@ -72,29 +81,94 @@ protected:
     }                                                                                                                  \
     static_assert(true)
 
-/// Checks that a call failed with a code, which is now pending, and resets that.
-inline void ExpectFailure(cudaError_t eResult, cudaError_t eExpected, const char* pcWhat = "")
+/// Checks the result of a call: a failure is now pending, and is reset; success leaves nothing pending.
+inline void ExpectResult(cudaError_t eResult, cudaError_t eExpected, const char* pcWhat = "")
 {
     EXPECT_EQ(eResult, eExpected) << pcWhat << ": " << cudaGetErrorName(eResult);
     EXPECT_EQ(cudaGetLastError(), eExpected) << pcWhat;
+}
+
+/// A call and its name.
+struct SCall
+{
+    const char* pcName;
+    std::function<cudaError_t()> Make;
+};
+
+/// A call under way on another thread, which waits for something.
+class CWaiting
+{
+public:
+    /// Expects that the call does not return by itself.
+    explicit CWaiting(std::function<cudaError_t()> Make) : m_xResult(std::async(std::launch::async, std::move(Make)))
+    {
+        EXPECT_EQ(m_xResult.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    }
+
+    cudaError_t Get() { return m_xResult.get(); }
+
+private:
+    std::future<cudaError_t> m_xResult;
+};
+
+/// Joins threads that run `Work(number)`.
+template <class TWork>
+void RunOnThreads(int iThreads, const TWork& Work)
+{
+    std::vector<std::thread> vThreads;
+    for (int iThread = 0; iThread < iThreads; ++iThread)
+    {
+        vThreads.emplace_back(Work, iThread);
+    }
+    for (std::thread& xThread : vThreads)
+    {
+        xThread.join();
+    }
+}
+
+// Objects that the test ends itself.
+inline cudaStream_t MakeStream(unsigned uFlags = cudaStreamDefault)
+{
+    cudaStream_t hStream = nullptr;
+    EXPECT_EQ(cudaStreamCreateWithFlags(&hStream, uFlags), cudaSuccess);
+    return hStream;
+}
+inline cudaEvent_t MakeEvent(unsigned uFlags = cudaEventDefault)
+{
+    cudaEvent_t hEvent = nullptr;
+    EXPECT_EQ(cudaEventCreateWithFlags(&hEvent, uFlags), cudaSuccess);
+    return hEvent;
+}
+inline void* MakeMemory(std::size_t nSize)
+{
+    void* pMemory = nullptr;
+    EXPECT_EQ(cudaMalloc(&pMemory, nSize), cudaSuccess);
+    return pMemory;
+}
+
+/// A stream that is no more.
+inline cudaStream_t MakeDeadStream()
+{
+    const cudaStream_t hStream = MakeStream();
+    EXPECT_EQ(cudaStreamDestroy(hStream), cudaSuccess);
+    return hStream;
 }
 
 /// An event for one scope.
 class CEventScope
 {
 public:
-    explicit CEventScope(unsigned uFlags = cudaEventDefault)
-    {
-        EXPECT_EQ(cudaEventCreateWithFlags(&m_hEvent, uFlags), cudaSuccess);
-    }
+    explicit CEventScope(unsigned uFlags = cudaEventDefault) : m_hEvent(MakeEvent(uFlags)) {}
     ~CEventScope() { EXPECT_EQ(cudaEventDestroy(m_hEvent), cudaSuccess); }
     CEventScope(const CEventScope&) = delete;
     CEventScope& operator=(const CEventScope&) = delete;
     operator cudaEvent_t() const { return m_hEvent; }
 
 private:
-    cudaEvent_t m_hEvent = nullptr;
+    cudaEvent_t m_hEvent;
 };
+
+using Bytes = std::vector<unsigned char>;
 
 /// Kinds of memory a client can hold.
 enum class EMemory
@@ -126,7 +200,7 @@ public:
             m_pMemory = m_vPageable.data();
             break;
         case EMemory::Device:
-            EXPECT_EQ(cudaMalloc(&m_pMemory, nSize), cudaSuccess);
+            m_pMemory = MakeMemory(nSize);
             break;
         case EMemory::Pitched:
             EXPECT_EQ(cudaMallocPitch(&m_pMemory, &nPitch, c_nPitch - 1, nSize / c_nPitch), cudaSuccess);
@@ -160,14 +234,14 @@ public:
     }
 
     /// The contents, read by a copy of the whole block.
-    [[nodiscard]] std::vector<unsigned char> Read() const
+    [[nodiscard]] Bytes Read() const
     {
-        std::vector<unsigned char> vBytes(m_nSize);
+        Bytes vBytes(m_nSize);
         EXPECT_EQ(cudaMemcpy(vBytes.data(), m_pMemory, m_nSize, cudaMemcpyDefault), cudaSuccess);
         return vBytes;
     }
 
-    void Write(const std::vector<unsigned char>& vBytes) const
+    void Write(const Bytes& vBytes) const
     {
         ASSERT_EQ(vBytes.size(), m_nSize);
         EXPECT_EQ(cudaMemcpy(m_pMemory, vBytes.data(), m_nSize, cudaMemcpyDefault), cudaSuccess);
@@ -177,13 +251,13 @@ private:
     EMemory m_eMemory;
     std::size_t m_nSize;
     void* m_pMemory = nullptr;
-    std::vector<unsigned char> m_vPageable;
+    Bytes m_vPageable;
 };
 
 /// `nSize` different-looking bytes.
-inline std::vector<unsigned char> MakeBytes(std::size_t nSize, unsigned uSeed = 1)
+inline Bytes MakeBytes(std::size_t nSize, unsigned uSeed = 1)
 {
-    std::vector<unsigned char> vBytes(nSize);
+    Bytes vBytes(nSize);
     for (unsigned char& uByte : vBytes)
     {
         uSeed = uSeed * 1664525U + 1013904223U;
