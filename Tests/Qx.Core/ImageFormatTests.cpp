@@ -27,6 +27,7 @@ struct STypeCase
     int iSize; ///< bytes of a channel, channels of a pixel; -1: has none
 };
 
+// Unknown are also neighbours of the ranges, and values that a narrower type would take for one.
 constexpr STypeCase c_axDataTypes[] = {
     {0, "Void", 0},
     {0x1400, "Byte", 1},
@@ -45,7 +46,6 @@ constexpr STypeCase c_axDataTypes[] = {
     {EDataType::Packed12, "Unknown", -1},
     {EDataType::Integral10, "Unknown", -1},
     {EDataType::Integral12, "Unknown", -1},
-    // No data types: neighbours of the ranges, and values that a narrower type would take for one.
     {9, "Unknown", -1},
     {16, "Unknown", -1},
     {0x1407, "Unknown", -1},

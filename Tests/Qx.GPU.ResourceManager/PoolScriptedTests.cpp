@@ -346,10 +346,10 @@ TEST_F(PoolScripted, AnyFailingCallIsReportedChangesNothingAndMayBeRetried)
         }
         EXPECT_EQ(sThrown, !bFails ? "nothing" : bLack ? "Qx.OutOfMemoryException" : "Qx.CudaException");
         EXPECT_EQ(CScriptedRuntime::sm_bHasFailed, iNth <= xCase.iCalls) << "another number of calls";
+        // With every call failing, so does the device query of the exception itself.
+        EXPECT_TRUE(CScriptedRuntime::sm_eLastError == cudaSuccess || bPersistent);
         if (bFails)
         {
-            // With every call failing, so does the device query of the exception itself.
-            EXPECT_TRUE(CScriptedRuntime::sm_eLastError == cudaSuccess || bPersistent);
             EXPECT_EQ(Statistics(), vBefore[0]);
             EXPECT_EQ(Statistics(EPool::PageLocked), vBefore[1]);
             EXPECT_EQ(CScriptedRuntime::LiveBlocks(), nLiveBefore);
@@ -445,7 +445,7 @@ TEST_F(PoolScripted, IdleBlocksMayFillHalfOfTheDeviceUnlessTheClientSetALimit)
 
 TEST_F(PoolScripted, TheLeastRecentlyUsedIdleBlocksMakeRoomForAReleasedOne)
 {
-    std::vector<CCudaMemoryPitchResource> vBlocks = _LendRows({10, 20, 30, 20, 40, 60});
+    std::vector<CCudaMemoryPitchResource> vBlocks = _LendRows({10, 20, 30, 20, 40, 60, 10});
     const auto vLent = vBlocks;
     CResourceManager::SetIdleLimit(60 * c_nRow);
     for (std::size_t nBlock = 0; nBlock < 3; ++nBlock)
@@ -465,6 +465,11 @@ TEST_F(PoolScripted, TheLeastRecentlyUsedIdleBlocksMakeRoomForAReleasedOne)
     _Release(vBlocks[5]);
     EXPECT_EQ(TakeFreed(vLent), Indices{5}) << "larger than the limit: freed itself, and nothing else for it";
     EXPECT_EQ(Statistics().nBytesIdle, 40 * c_nRow);
+
+    CScriptedRuntime::FailCall(1, cudaErrorUnknown, false, "cudaFree");
+    EXPECT_THROW(CResourceManager::SetIdleLimit(30 * c_nRow), CQxException);
+    _Release(vBlocks[6]);
+    EXPECT_EQ(TakeFreed(vLent), Indices{4}) << "the limit holds from then on";
 }
 
 // Three idle blocks, oldest first, and a lent one; what each operation frees fails at the second block.
@@ -493,7 +498,7 @@ TEST_F(PoolScripted, WhenABlockCannotBeFreedThePoolKeepsItAndTheOnesAfterIt)
             _Release(vBlocks[nBlock]);
         }
         CResourceManager::SetIdleLimit(30 * c_nRow);
-        CScriptedRuntime::FailCall("cudaFree", 2, cudaErrorUnknown);
+        CScriptedRuntime::FailCall(2, cudaErrorUnknown, false, "cudaFree");
         EXPECT_TRUE(ThrowsChain(
             [&] { xCase.Operation(vBlocks[3]); },
             {Cuda("Error freeing idle GPU memory", cudaErrorUnknown, xCase.pcFunction, c_pcFile, m_iDevice)}));
@@ -548,6 +553,9 @@ TEST_F(PoolScripted, ABlockBelongsToItsDeviceWhicheverIsCurrent)
     CScriptedRuntime::Reset(m_iDevice);
     _Release(xFirst, true);
     EXPECT_EQ(CScriptedRuntime::Calls(), Names{_FreeCall("cudaFree", xFirstBefore)}) << "the device stays as it was";
+
+    CResourceManager::ForgetDevice(iFirstDevice);
+    EXPECT_EQ(Statistics().nBlocksInUse, 2U);
     _Release(xSecond);
     _Release(xThird);
 }

@@ -129,12 +129,7 @@ void CScriptedRuntime::Reset(int iDevice)
     g_iFailAfter = 0;
 }
 
-void CScriptedRuntime::FailCall(int iNth, cudaError_t eError, bool bPersistent)
-{
-    FailCall(nullptr, iNth, eError, bPersistent);
-}
-
-void CScriptedRuntime::FailCall(const char* pcName, int iNth, cudaError_t eError, bool bPersistent)
+void CScriptedRuntime::FailCall(int iNth, cudaError_t eError, bool bPersistent, const char* pcName)
 {
     g_pcFail = pcName;
     g_iFailAfter = iNth;

@@ -23,11 +23,9 @@ struct CScriptedRuntime
     /// access, no failure, no recorded call. Live blocks stay.
     static void Reset(int iDevice);
 
-    /// Makes the @p iNth (from 1) of the calls from now on fail; with @p bPersistent those after it too.
-    static void FailCall(int iNth, cudaError_t eError, bool bPersistent = false);
-
-    /// The same of the calls of @p pcName only.
-    static void FailCall(const char* pcName, int iNth, cudaError_t eError, bool bPersistent = false);
+    /// Makes the @p iNth (from 1) of the calls from now on fail; with @p bPersistent those after it too. With a name
+    /// the calls of that name alone count.
+    static void FailCall(int iNth, cudaError_t eError, bool bPersistent = false, const char* pcName = nullptr);
 
     /// The calls since `Reset`: "cudaFree 0x1000" with the address for those that free a block, "cudaHostAlloc mapped"
     /// with the flags, the plain name for others.
