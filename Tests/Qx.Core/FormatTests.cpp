@@ -1,50 +1,39 @@
-#include <algorithm>
 #include <climits>
-#include <iterator>
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "Qx.Core/QxFormat.h"
 
+namespace Qx::Test
+{
+
 namespace
 {
 
-using Qx::sprintf_s;
-
-TEST(Format, CutsOffWhatDoesNotFitAndAlwaysTerminates)
+// Guards on both sides show a write outside the buffer where no sanitizer looks.
+template <std::size_t N>
+std::string _Printed(const char* pcText)
 {
     struct
     {
-        const char* pcText;
-        const char* pcExpected;
-    } const axCases[] = {
-        {"", ""}, {"123", "123"}, {"1234567", "1234567"}, {"12345678", "1234567"}, {"123456789", "1234567"},
-    };
-    for (const auto& xCase : axCases)
-    {
-        // Guards on both sides show a write outside the buffer where no sanitizer looks.
-        struct
-        {
-            char acBefore[4];
-            char acBuffer[8];
-            char acBehind[4];
-        } xMemory;
-        std::fill_n(reinterpret_cast<char*>(&xMemory), sizeof(xMemory), '#');
-        EXPECT_EQ(sprintf_s(xMemory.acBuffer, "%s", xCase.pcText), static_cast<int>(std::string(xCase.pcText).size()));
-        EXPECT_STREQ(xMemory.acBuffer, xCase.pcExpected);
-        EXPECT_TRUE(
-            std::all_of(std::begin(xMemory.acBefore), std::end(xMemory.acBefore), [](char c) { return c == '#'; }));
-        EXPECT_TRUE(
-            std::all_of(std::begin(xMemory.acBehind), std::end(xMemory.acBehind), [](char c) { return c == '#'; }));
-    }
+        char acBefore[4] = {'#', '#', '#', '#'};
+        char acBuffer[N];
+        char acBehind[4] = {'#', '#', '#', '#'};
+    } xMemory;
+    EXPECT_EQ(sprintf_s(xMemory.acBuffer, "%s", pcText), static_cast<int>(std::strlen(pcText)));
+    EXPECT_EQ(std::string(xMemory.acBefore, 4) + std::string(xMemory.acBehind, 4), "########");
+    return xMemory.acBuffer;
 }
 
-TEST(Format, ABufferOfOneHoldsTheEmptyText)
+TEST(Format, CutsOffWhatDoesNotFitAndAlwaysTerminates)
 {
-    char acBuffer[1] = {'#'};
-    EXPECT_EQ(sprintf_s(acBuffer, "%d", 12345), 5);
-    EXPECT_EQ(acBuffer[0], '\0');
+    EXPECT_EQ(_Printed<8>(""), "");
+    EXPECT_EQ(_Printed<8>("1234567"), "1234567");
+    EXPECT_EQ(_Printed<8>("12345678"), "1234567");
+    EXPECT_EQ(_Printed<8>("123456789"), "1234567");
+    EXPECT_EQ(_Printed<1>("12345"), "");
 }
 
 TEST(Format, FormatsAsSprintf)
@@ -63,3 +52,5 @@ TEST(Format, ArgumentsThatCannotBeFormattedLeaveTheEmptyText)
 }
 
 } // namespace
+
+} // namespace Qx::Test

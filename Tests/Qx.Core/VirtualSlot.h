@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <vector>
 
 namespace Qx::Test
 {
@@ -26,6 +27,13 @@ std::size_t VirtualSlot(TOperation pOperation)
     const std::ptrdiff_t iOffset = aiWords[0] - 1;
 #endif
     return bVirtual ? static_cast<std::size_t>(iOffset) / sizeof(void*) : c_nNotVirtual;
+}
+
+/// The places of several.
+template <typename... TOperations>
+std::vector<std::size_t> VirtualSlots(TOperations... pOperations)
+{
+    return {VirtualSlot(pOperations)...};
 }
 
 } // namespace Qx::Test

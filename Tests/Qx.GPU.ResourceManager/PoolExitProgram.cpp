@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
@@ -46,14 +47,8 @@ public:
     CHolder& operator=(const CHolder&) = delete;
     ~CHolder()
     {
-        try
-        {
-            CResourceManager::ReleaseResource(m_xResource, m_bFree);
-        }
-        catch (const Qx::CQxException& xException)
-        {
-            _Fail(xException.ToString().ToCString());
-        }
+        // An exception here ends the process as well.
+        CResourceManager::ReleaseResource(m_xResource, m_bFree);
         if (m_xResource.m_pDevice != nullptr)
         {
             _Fail("a release during the exit did not empty the resource");
@@ -72,22 +67,23 @@ struct SLateClient
 {
     ~SLateClient()
     {
-        const auto MustRefuse = [](const char* pcWhat, auto&& Operation)
+        const std::pair<const char*, void (*)()> c_vOperations[] = {
+            {"pitched block", [] { CResourceManager::GetCudaMemoryPitch(640, 999); }},
+            {"linear block", [] { CResourceManager::GetCudaMemory(999); }},
+            {"idle block", [] { CResourceManager::GetCudaMemoryPitch(640, 4); }},
+            {"trim", [] { CResourceManager::Trim(0); }},
+        };
+        for (const auto& [pcName, Operation] : c_vOperations)
         {
             try
             {
                 Operation();
+                _Fail(std::string("not refused during the exit: ") + pcName);
             }
-            catch (const Qx::CQxException&)
+            catch (const Qx::CQxException&) // as it must
             {
-                return;
             }
-            _Fail(std::string("not refused during the exit: ") + pcWhat);
-        };
-        MustRefuse("pitched block", [] { CResourceManager::GetCudaMemoryPitch(640, 999); });
-        MustRefuse("linear block", [] { CResourceManager::GetCudaMemory(999); });
-        MustRefuse("idle block", [] { CResourceManager::GetCudaMemoryPitch(640, 4); });
-        MustRefuse("trim", [] { CResourceManager::Trim(0); });
+        }
     }
 };
 

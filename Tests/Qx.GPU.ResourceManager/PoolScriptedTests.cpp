@@ -1,42 +1,67 @@
-// What the pool does when the runtime, the host's memory or the device behave as no test can order from real ones.
+// What the pool does, with calls, failures, addresses and devices that no test can order from a real runtime.
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <functional>
+#include <limits>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Qx.Core/QxFormat.h"
-#include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "ScriptedRuntime.h"
 #include "Support/AllocationFault.h"
-#include "Support/Chain.h"
+#include "Support/CudaChain.h"
+
+namespace Qx::Test
+{
+
+using namespace GPU;
 
 namespace
 {
 
-using Qx::CQxException;
-using Qx::CQxOutOfMemoryException;
-using Qx::GPU::CCudaMemoryPitchResource;
-using Qx::GPU::CCudaMemoryResource;
-using Qx::GPU::CResource;
-using Qx::GPU::CResourceManager;
-using Qx::GPU::EPool;
-using Qx::Test::CAllocationFault;
-using Qx::Test::CScriptedRuntime;
-using Qx::Test::ThrowsChain;
-
 using Names = std::vector<std::string>;
+using Indices = std::vector<std::size_t>;
 
 constexpr const char* c_pcFile = "Source/Qx.GPU.ResourceManager/ResourceManager";
-constexpr std::size_t c_nPitch = CScriptedRuntime::c_nPitchUnit;
+constexpr std::size_t c_nRow = CScriptedRuntime::c_nPitchUnit;
+constexpr std::size_t c_nNoLimit = std::numeric_limits<std::size_t>::max();
 
-void _Release(CResource& xResource)
+CCudaMemoryResource& _Linear(std::size_t nSize)
 {
-    CResourceManager::ReleaseResource(xResource, false);
+    return CResourceManager::GetCudaMemory(nSize);
+}
+
+CCudaMemoryPitchResource& _Pitched(std::size_t nWidth, std::size_t nRows)
+{
+    return CResourceManager::GetCudaMemoryPitch(nWidth, nRows);
+}
+
+CCudaMemoryResource& _PageLocked(std::size_t nSize)
+{
+    return CResourceManager::GetPageLockedMemory(nSize);
+}
+
+/// Lends blocks of so many rows of `c_nRow` bytes; widths tell apart blocks of equal size.
+std::vector<CCudaMemoryPitchResource> _LendRows(const std::vector<std::size_t>& vRows)
+{
+    std::vector<CCudaMemoryPitchResource> vBlocks;
+    for (const std::size_t nRows : vRows)
+    {
+        vBlocks.push_back(_Pitched(100 + vBlocks.size(), nRows));
+    }
+    return vBlocks;
+}
+
+void _Release(CResource& xResource, bool bFree = false)
+{
+    CResourceManager::ReleaseResource(xResource, bFree);
 }
 
 std::size_t _Address(const CResource& xResource)
@@ -44,14 +69,14 @@ std::size_t _Address(const CResource& xResource)
     return reinterpret_cast<std::size_t>(xResource.m_pDevice);
 }
 
-std::string _Freed(const CResource& xResource)
+std::string _FreeCall(const char* pcFree, const CResource& xResource)
 {
-    char acText[40];
-    Qx::sprintf_s(acText, "cudaFree %zx", _Address(xResource));
+    char acText[60];
+    sprintf_s(acText, "%s %p", pcFree, xResource.m_pDevice);
     return acText;
 }
 
-/// Every test has devices of its own that the pool has not seen, and must leave nothing on them.
+/// Every test has devices of its own that the pool has not seen, and must leave no block of them in use.
 class PoolScripted : public ::testing::Test
 {
 protected:
@@ -60,13 +85,15 @@ protected:
     void TearDown() override
     {
         EXPECT_EQ(CScriptedRuntime::sm_eLastError, cudaSuccess);
-        CScriptedRuntime::Reset(m_iDevice);
         for (int iDevice = m_iFirstDevice; iDevice <= m_iDevice; ++iDevice)
         {
-            EXPECT_EQ(CResourceManager::GetStatistics(iDevice).nBlocksInUse, 0U);
-            CScriptedRuntime::sm_iDevice = iDevice;
-            CResourceManager::Trim(0);
-            EXPECT_EQ(CResourceManager::GetStatistics(iDevice).nBytesIdle, 0U);
+            CScriptedRuntime::Reset(iDevice);
+            for (const EPool ePool : {EPool::Device, EPool::PageLocked})
+            {
+                EXPECT_EQ(CResourceManager::GetStatistics(iDevice, ePool).nBlocksInUse, 0U);
+                CResourceManager::Trim(0, ePool);
+                EXPECT_EQ(CResourceManager::GetStatistics(iDevice, ePool).nBytesIdle, 0U);
+            }
         }
         EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
     }
@@ -75,6 +102,25 @@ protected:
     {
         m_iDevice = sm_iNextDevice++;
         CScriptedRuntime::Reset(m_iDevice);
+    }
+
+    SPoolStatistics Statistics(EPool ePool = EPool::Device) const
+    {
+        return CResourceManager::GetStatistics(m_iDevice, ePool);
+    }
+
+    /// Which blocks of @p vLent were freed since the calls were reset, which it does.
+    Indices TakeFreed(const std::vector<CCudaMemoryPitchResource>& vLent) const
+    {
+        Indices vIndices;
+        for (const void* pBlock : CScriptedRuntime::Freed())
+        {
+            const auto pIsFreed = [&](const CResource& x) { return x.m_pDevice == pBlock; };
+            const auto pFound = std::find_if(vLent.begin(), vLent.end(), pIsFreed);
+            vIndices.push_back(static_cast<std::size_t>(pFound - vLent.begin()));
+        }
+        CScriptedRuntime::Reset(m_iDevice);
+        return vIndices;
     }
 
     static inline int sm_iNextDevice = 0;
@@ -90,135 +136,280 @@ TEST_F(PoolScripted, LinearMemoryIsTheKindThatTheHostCanReadOnTheDevice)
         int iIntegrated;
         const char* pcAllocation;
         const char* pcFree;
-    } c_vCases[] = {{1, 0, "cudaMallocManaged", "cudaFree"},
-                    {1, 1, "cudaMallocManaged", "cudaFree"},
-                    {0, 1, "cudaHostAlloc", "cudaFreeHost"},
-                    {0, 0, "cudaMallocManaged", "cudaFree"}};
+    } c_vCases[] = {
+        {1, 0, "cudaMallocManaged", "cudaFree"},
+        {1, 1, "cudaMallocManaged", "cudaFree"},
+        {0, 1, "cudaHostAlloc mapped", "cudaFreeHost"},
+        {0, 0, "cudaMallocManaged", "cudaFree"},
+    };
     for (const auto& xCase : c_vCases)
     {
-        SCOPED_TRACE(xCase.pcAllocation);
         NextDevice();
         CScriptedRuntime::sm_iConcurrentManagedAccess = xCase.iConcurrent;
         CScriptedRuntime::sm_iIntegrated = xCase.iIntegrated;
-        CCudaMemoryResource xLinear = CResourceManager::GetCudaMemory(100);
+        CCudaMemoryResource xLinear = _Linear(100);
         EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaDeviceGetAttribute",
                                                     "cudaDeviceGetAttribute", xCase.pcAllocation}));
-
         CScriptedRuntime::Reset(m_iDevice);
-        CCudaMemoryPitchResource xPitched = CResourceManager::GetCudaMemoryPitch(100, 2);
+        CCudaMemoryPitchResource xPitched = _Pitched(100, 2);
         EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMallocPitch"})) << "properties asked again";
 
+        const Names vFrees{_FreeCall("cudaFree", xPitched), _FreeCall(xCase.pcFree, xLinear)};
         CScriptedRuntime::Reset(m_iDevice);
-        CResourceManager::ReleaseResource(xPitched, true);
-        CResourceManager::ReleaseResource(xLinear, true);
-        const Names vCalls = CScriptedRuntime::Calls();
-        ASSERT_EQ(vCalls.size(), 2U);
-        EXPECT_EQ(vCalls[0].substr(0, vCalls[0].find(' ')), "cudaFree");
-        EXPECT_EQ(vCalls[1].substr(0, vCalls[1].find(' ')), xCase.pcFree);
+        _Release(xPitched, true);
+        _Release(xLinear, true);
+        EXPECT_EQ(CScriptedRuntime::Calls(), vFrees);
     }
 }
 
 TEST_F(PoolScripted, PageLockedMemoryIsAPoolOfItsOwnThatGoesWithItsDevice)
 {
-    NextDevice();
-    CCudaMemoryResource xHost = CResourceManager::GetPageLockedMemory(100);
-    EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaHostAlloc"}));
-    CCudaMemoryResource xLinear = CResourceManager::GetCudaMemory(100);
-    void* const pHost = xHost.m_pDevice;
-    CResourceManager::ReleaseResource(xHost, false);
-    CResourceManager::ReleaseResource(xLinear, false);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesIdle, 100U);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, EPool::PageLocked).nBytesIdle, 100U);
-
+    CCudaMemoryResource xHost = _PageLocked(100);
+    EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaHostAlloc portable"}));
+    _Release(_Linear(100));
+    _Release(xHost);
     CResourceManager::Trim(0);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, EPool::PageLocked).nBlocksIdle, 1U);
-    xHost = CResourceManager::GetPageLockedMemory(100);
-    EXPECT_EQ(xHost.m_pDevice, pHost);
+    EXPECT_EQ(Statistics().nBlocksIdle, 0U);
+    EXPECT_EQ(Statistics(EPool::PageLocked).nBytesIdle, 100U);
     CResourceManager::SetIdleLimit(99, EPool::PageLocked);
-    CResourceManager::ReleaseResource(xHost, false);
     EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
 
-    CScriptedRuntime::FailCall(2, cudaErrorMemoryAllocation, true);
-    try
-    {
-        CResourceManager::GetPageLockedMemory(200);
-        ADD_FAILURE() << "nothing was thrown";
-    }
-    catch (const CQxOutOfMemoryException& xException)
-    {
-        const std::string sExpected =
-            "Error allocating page-locked memory. Out of memory: requested 200 bytes, in use 0 "
-            "bytes in 0 blocks, idle 0 bytes in 0 blocks, Device ID: " +
-            std::to_string(m_iDevice);
-        EXPECT_EQ(xException.GetMessageText().ToCString(), sExpected);
-    }
-    CScriptedRuntime::Reset(m_iDevice);
-    xHost = CResourceManager::GetPageLockedMemory(100);
+    xHost = _PageLocked(100);
     void* const pGone = xHost.m_pDevice;
     CResourceManager::ForgetDevice(m_iDevice);
-    CResourceManager::ReleaseResource(xHost, false);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, EPool::PageLocked).nBlocksIdle, 0U) << "memory that is gone";
+    _Release(xHost);
+    EXPECT_EQ(Statistics(EPool::PageLocked).nBlocksIdle, 0U) << "memory that is gone";
     ASSERT_EQ(cudaFreeHost(pGone), cudaSuccess);
 }
 
-TEST_F(PoolScripted, AnyFailingCallOfAFirstRequestLeavesNothingBehindAndIsRetried)
+TEST_F(PoolScripted, AnIdleBlockAnswersEqualRequestsOnlyAndThatWithoutACall)
+{
+    const std::function<CResource&(std::size_t, std::size_t)> Pitched = _Pitched;
+    const auto Linear = [](std::size_t nSize, std::size_t) -> CResource& { return _Linear(nSize); };
+    const auto PageLocked = [](std::size_t nSize, std::size_t) -> CResource& { return _PageLocked(nSize); };
+    const struct
+    {
+        std::function<CResource&(std::size_t nWidth, std::size_t nRows)> Lend;
+        std::size_t nWidth;
+        std::size_t nRows;
+    } c_vRequests[] = {{Pitched, 64, 32},  {Pitched, 65, 32}, {Pitched, 63, 32},  {Pitched, 64, 31}, {Pitched, 64, 33},
+                       {Pitched, 32, 64},  {Pitched, 0, 32},  {Pitched, 64, 0},   {Pitched, 1, 32},  {Pitched, 64, 1},
+                       {Pitched, 2048, 1}, {Linear, 64, 1},   {Linear, 2048, 1},  {Linear, 2047, 1}, {Linear, 0, 1},
+                       {Linear, 1, 1},     {Linear, 32, 1},   {PageLocked, 64, 1}};
+    std::vector<void*> vBlocks;
+    for (const auto& [Lend, nWidth, nRows] : c_vRequests)
+    {
+        // The reference itself may be given back, too: it is emptied, and whole again when the block is lent again.
+        CResource& xLent = Lend(nWidth, nRows);
+        vBlocks.push_back(xLent.m_pDevice);
+        _Release(xLent);
+        EXPECT_EQ(xLent.m_pDevice, nullptr);
+    }
+    EXPECT_EQ(std::set<void*>(vBlocks.begin(), vBlocks.end()).size(), vBlocks.size());
+    auto pBlock = vBlocks.begin();
+    for (const auto& [Lend, nWidth, nRows] : c_vRequests)
+    {
+        CScriptedRuntime::Reset(m_iDevice);
+        CResource& xLent = Lend(nWidth, nRows);
+        EXPECT_EQ(xLent.m_pDevice, *pBlock++);
+        _Release(xLent);
+        EXPECT_EQ(CScriptedRuntime::Calls(), Names{"cudaGetDevice"});
+    }
+}
+
+TEST_F(PoolScripted, TheBlockOfAKeyThatWasReleasedLastIsLentFirst)
+{
+    CCudaMemoryResource xFirst = _Linear(10);
+    CCudaMemoryResource xSecond = _Linear(10);
+    const std::size_t vAddresses[] = {_Address(xFirst), _Address(xSecond)};
+    _Release(xFirst);
+    _Release(xSecond);
+    xSecond = _Linear(10);
+    xFirst = _Linear(10);
+    EXPECT_EQ(_Address(xSecond), vAddresses[1]);
+    EXPECT_EQ(_Address(xFirst), vAddresses[0]);
+    _Release(xFirst, true);
+    _Release(xSecond, true);
+}
+
+TEST_F(PoolScripted, StatisticsCountBlocksWithTheirPadding)
+{
+    EXPECT_EQ(CResourceManager::GetStatistics(), SPoolStatistics{});
+    CCudaMemoryPitchResource xFirst = _Pitched(100, 3);
+    CCudaMemoryPitchResource xSecond = _Pitched(100, 30);
+    CCudaMemoryResource xThird = _Linear(777);
+    // Blocks and bytes in use, idle, the peak, hits, misses, trimmed blocks and bytes.
+    constexpr std::size_t c_nPeak = 33 * c_nRow + 777;
+    EXPECT_EQ(Statistics(), (SPoolStatistics{3, c_nPeak, 0, 0, c_nPeak, 0, 3, 0, 0}));
+    _Release(xFirst);
+    _Release(xThird);
+    EXPECT_EQ(Statistics(), (SPoolStatistics{1, 30 * c_nRow, 2, 3 * c_nRow + 777, c_nPeak, 0, 3, 0, 0}));
+    CResourceManager::Trim(777);
+    EXPECT_EQ(Statistics(), (SPoolStatistics{1, 30 * c_nRow, 1, 777, c_nPeak, 0, 3, 1, 3 * c_nRow}));
+    _Release(_Linear(777));
+    _Release(xSecond, true);
+    const SPoolStatistics xLast{0, 0, 1, 777, c_nPeak, 1, 3, 1, 3 * c_nRow};
+    EXPECT_EQ(CResourceManager::GetStatistics(), xLast) << "a block that was not idle is not trimmed";
+
+    // Numbers of no device, also those under which page-locked memory may be kept.
+    _Release(_PageLocked(10));
+    for (const int iNoDevice : {12345, ~m_iDevice})
+    {
+        CResourceManager::ForgetDevice(iNoDevice);
+        EXPECT_EQ(CResourceManager::GetStatistics(iNoDevice), SPoolStatistics{});
+    }
+    EXPECT_EQ(Statistics(), xLast);
+    EXPECT_EQ(Statistics(EPool::PageLocked).nBlocksIdle, 1U);
+}
+
+TEST_F(PoolScripted, AReleaseOfWhatIsNotLentIsRefusedAndChangesNothing)
+{
+    CCudaMemoryResource xIdle = _Linear(20);
+    CCudaMemoryResource xFreed = _Linear(21);
+    CCudaMemoryResource xLent = _Linear(22);
+    constexpr const char* c_pcUnknown = "is not from the pool or was freed already";
+    const std::pair<void*, const char*> c_vCases[] = {
+        {xIdle.m_pDevice, "was given back already"},
+        {xFreed.m_pDevice, c_pcUnknown},
+        {this, c_pcUnknown},
+        {static_cast<char*>(xLent.m_pDevice) + 1, c_pcUnknown},
+    };
+    _Release(xIdle);
+    _Release(xFreed, true);
+    const SPoolStatistics xBefore = Statistics();
+    CScriptedRuntime::Reset(m_iDevice);
+    for (const bool bFree : {false, true})
+    {
+        for (const auto& [pBlock, pcWhy] : c_vCases)
+        {
+            CCudaMemoryResource xResource;
+            xResource.m_pDevice = pBlock;
+            char acText[120];
+            sprintf_s(acText, "Error releasing GPU memory. Block %p %s", pBlock, pcWhy);
+            EXPECT_TRUE(ThrowsChain([&] { _Release(xResource, bFree); }, {Plain(acText, "ReleaseResource", c_pcFile)}));
+            EXPECT_EQ(xResource.m_pDevice, pBlock);
+        }
+        CCudaMemoryResource xEmpty;
+        EXPECT_NO_THROW(_Release(xEmpty, bFree));
+    }
+    EXPECT_EQ(CScriptedRuntime::Calls(), Names{});
+    EXPECT_EQ(Statistics(), xBefore);
+    _Release(xLent);
+}
+
+TEST_F(PoolScripted, AnyFailingCallIsReportedChangesNothingAndMayBeRetried)
 {
     const struct
     {
-        std::function<CResource&()> Request;
-        EPool ePool;
-        int iAllocation; // the call that allocates, the last one
-    } c_vCases[] = {{[]() -> CResource& { return CResourceManager::GetCudaMemory(9); }, EPool::Device, 5},
-                    {[]() -> CResource& { return CResourceManager::GetCudaMemoryPitch(9, 9); }, EPool::Device, 5},
-                    {[]() -> CResource& { return CResourceManager::GetPageLockedMemory(9); }, EPool::PageLocked, 3}};
+        const char* pcName;
+        int iCalls;
+        bool bAllocates; // on a device that was not used before, with its last call
+        std::function<void(CResource& xLent, CResource*& pNew)> Operation;
+    } c_vCases[] = {
+        {"linear", 5, true, [](CResource&, CResource*& pNew) { pNew = &_Linear(9); }},
+        {"pitched", 5, true, [](CResource&, CResource*& pNew) { pNew = &_Pitched(9, 9); }},
+        {"page-locked", 3, true, [](CResource&, CResource*& pNew) { pNew = &_PageLocked(9); }},
+        {"hit", 1, false, [](CResource&, CResource*& pNew) { pNew = &_Pitched(80, 8); }},
+        {"free", 1, false, [](CResource& xLent, CResource*&) { _Release(xLent, true); }},
+        {"trim", 2, false, [](CResource&, CResource*&) { CResourceManager::Trim(0); }},
+        {"limit", 2, false, [](CResource&, CResource*&) { CResourceManager::SetIdleLimit(0); }},
+        {"statistics", 1, false, [](CResource&, CResource*&) { CResourceManager::GetStatistics(); }},
+    };
+    const auto Run = [&](const auto& xCase, int iNth, cudaError_t eError, bool bPersistent)
+    {
+        SCOPED_TRACE(std::string(xCase.pcName) + ", call " + std::to_string(iNth) + ", error " +
+                     std::to_string(eError));
+        NextDevice();
+        CCudaMemoryPitchResource xLent;
+        if (!xCase.bAllocates)
+        {
+            xLent = _Pitched(70, 7);
+            _Release(_Pitched(80, 8));
+        }
+        const SPoolStatistics vBefore[] = {Statistics(), Statistics(EPool::PageLocked)};
+        const std::size_t nLiveBefore = CScriptedRuntime::LiveBlocks();
+
+        // Only a lack of memory is made up for, if it passes.
+        const bool bLack = xCase.bAllocates && iNth == xCase.iCalls && eError == cudaErrorMemoryAllocation;
+        const bool bFails = iNth <= xCase.iCalls && (!bLack || bPersistent);
+        CScriptedRuntime::FailCall(iNth, eError, bPersistent);
+        CResource* pNew = nullptr;
+        std::string sThrown = "nothing";
+        try
+        {
+            xCase.Operation(xLent, pNew);
+        }
+        catch (const CQxException& xException)
+        {
+            sThrown = xException.GetName().ToCString();
+            EXPECT_STREQ(xException.GetFile().ToCString(), c_pcFile);
+        }
+        EXPECT_EQ(sThrown, !bFails ? "nothing" : bLack ? "Qx.OutOfMemoryException" : "Qx.CudaException");
+        EXPECT_EQ(CScriptedRuntime::sm_bHasFailed, iNth <= xCase.iCalls) << "another number of calls";
+        // With every call failing, so does the device query of the exception itself.
+        EXPECT_TRUE(CScriptedRuntime::sm_eLastError == cudaSuccess || bPersistent);
+        if (bFails)
+        {
+            EXPECT_EQ(Statistics(), vBefore[0]);
+            EXPECT_EQ(Statistics(EPool::PageLocked), vBefore[1]);
+            EXPECT_EQ(CScriptedRuntime::LiveBlocks(), nLiveBefore);
+            CScriptedRuntime::Reset(m_iDevice);
+            xCase.Operation(xLent, pNew);
+        }
+        CScriptedRuntime::Reset(m_iDevice);
+        if (pNew != nullptr)
+        {
+            _Release(*pNew);
+        }
+        _Release(xLent);
+    };
     for (const auto& xCase : c_vCases)
     {
-        for (const cudaError_t eError : {cudaErrorUnknown, cudaErrorMemoryAllocation})
+        for (int iNth = 1; iNth <= xCase.iCalls + 1; ++iNth)
         {
-            for (const bool bPersistent : {false, true})
+            for (const cudaError_t eError : {cudaErrorUnknown, cudaErrorMemoryAllocation})
             {
-                int iNth = 1;
-                for (bool bHasFailed = true; bHasFailed; ++iNth)
-                {
-                    SCOPED_TRACE("call " + std::to_string(iNth) + ", error " + std::to_string(eError));
-                    ASSERT_LT(iNth, 20);
-                    NextDevice();
-                    CScriptedRuntime::FailCall(iNth, eError, bPersistent);
-                    CResource* pLent = nullptr;
-                    try
-                    {
-                        pLent = &xCase.Request();
-                    }
-                    catch (const CQxException& xException)
-                    {
-                        const bool bOutOfMemory = iNth == xCase.iAllocation && eError == cudaErrorMemoryAllocation;
-                        EXPECT_STREQ(xException.GetName().ToCString(),
-                                     bOutOfMemory ? "Qx.OutOfMemoryException" : "Qx.CudaException");
-                        EXPECT_STREQ(xException.GetFile().ToCString(), c_pcFile);
-                        // With every call failing, so does the device query of the exception itself.
-                        EXPECT_TRUE(CScriptedRuntime::sm_eLastError == cudaSuccess || bPersistent);
-                    }
-                    bHasFailed = CScriptedRuntime::sm_bHasFailed;
-                    // Only an allocation that is refused for lack of memory, once, is made up for.
-                    const bool bMadeUp =
-                        iNth == xCase.iAllocation && eError == cudaErrorMemoryAllocation && !bPersistent;
-                    ASSERT_EQ(pLent != nullptr, !bHasFailed || bMadeUp);
-                    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, xCase.ePool).nBlocksInUse,
-                              pLent != nullptr ? 1U : 0U);
-                    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice, xCase.ePool).uMisses,
-                              pLent != nullptr ? 1U : 0U);
-                    EXPECT_EQ(CScriptedRuntime::LiveBlocks(), pLent != nullptr ? 1U : 0U);
-                    CScriptedRuntime::Reset(m_iDevice);
-                    if (pLent == nullptr)
-                    {
-                        pLent = &xCase.Request();
-                    }
-                    CResourceManager::ReleaseResource(*pLent, true);
-                }
-                EXPECT_EQ(iNth, xCase.iAllocation + 2) << "a first request makes another number of calls";
+                Run(xCase, iNth, eError, false);
+                Run(xCase, iNth, eError, true);
             }
         }
     }
+}
+
+TEST_F(PoolScripted, ImpossibleRequestsAreRefusedWithTheFigures)
+{
+    constexpr std::size_t c_nHalf = std::size_t{1} << 32;
+    constexpr const char* c_pcWithIdle = "in use 5000 bytes in 1 blocks, idle 300 bytes in 1 blocks";
+    constexpr const char* c_pcHeld = "in use 5000 bytes in 1 blocks, idle 0 bytes in 0 blocks";
+    constexpr const char* c_pcNothing = "in use 0 bytes in 0 blocks, idle 0 bytes in 0 blocks";
+    constexpr const char* c_pcHuge = "9223372036854775807 bytes";
+    const struct
+    {
+        const char* pcFunction;
+        const char* pcMemory;
+        const char* pcRequested;
+        const char* pcFigures;
+        std::function<void()> Request;
+    } c_vCases[] = {
+        {"GetCudaMemory", "GPU", c_pcHuge, c_pcHeld, [] { _Linear(c_nNoLimit / 2); }},
+        {"GetPageLockedMemory", "page-locked", c_pcHuge, c_pcNothing, [] { _PageLocked(c_nNoLimit / 2); }},
+        // A product that wraps does not reach the runtime, bytes that wrap when the rows are padded do.
+        {"GetCudaMemoryPitch", "GPU", "4294967296 rows of 4294967296 bytes", c_pcWithIdle,
+         [] { _Pitched(c_nHalf, c_nHalf); }},
+        {"GetCudaMemoryPitch", "GPU", "16777216 rows of 1 bytes", c_pcHeld, [] { _Pitched(1, std::size_t{1} << 24); }},
+    };
+    CCudaMemoryResource xHeld = _Linear(5000);
+    for (const auto& xCase : c_vCases)
+    {
+        _Release(_Linear(300));
+        CScriptedRuntime::sm_nPitch = std::size_t{1} << 40;
+        const std::string sText = std::string("Error allocating ") + xCase.pcMemory +
+                                  " memory. Out of memory: requested " + xCase.pcRequested + ", " + xCase.pcFigures +
+                                  ", Device ID: " + std::to_string(m_iDevice);
+        EXPECT_TRUE(ThrowsChain(xCase.Request, {{"Qx.OutOfMemoryException", sText, xCase.pcFunction, c_pcFile}}));
+        EXPECT_EQ(CScriptedRuntime::sm_eLastError, cudaSuccess);
+    }
+    _Release(xHeld);
 }
 
 TEST_F(PoolScripted, IdleBlocksMayFillHalfOfTheDeviceUnlessTheClientSetALimit)
@@ -228,7 +419,11 @@ TEST_F(PoolScripted, IdleBlocksMayFillHalfOfTheDeviceUnlessTheClientSetALimit)
         std::size_t nTotalMemory;
         std::size_t nSetLimit; // 0: none
         std::vector<std::size_t> vIdleBytes;
-    } c_vCases[] = {{1000, 0, {300, 500, 300, 300}}, {998, 0, {300, 200, 300, 300}}, {1000, 600, {300, 500, 600, 600}}};
+    } c_vCases[] = {
+        {1000, 0, {300, 500, 300, 300}},
+        {998, 0, {300, 200, 300, 300}},
+        {1000, 600, {300, 500, 600, 600}},
+    };
     for (const auto& xCase : c_vCases)
     {
         NextDevice();
@@ -237,42 +432,130 @@ TEST_F(PoolScripted, IdleBlocksMayFillHalfOfTheDeviceUnlessTheClientSetALimit)
         {
             CResourceManager::SetIdleLimit(xCase.nSetLimit);
         }
-        CCudaMemoryResource vBlocks[] = {CResourceManager::GetCudaMemory(300), CResourceManager::GetCudaMemory(200),
-                                         CResourceManager::GetCudaMemory(100), CResourceManager::GetCudaMemory(601)};
+        CCudaMemoryResource vBlocks[] = {_Linear(300), _Linear(200), _Linear(100), _Linear(601)};
         std::vector<std::size_t> vIdleBytes;
         for (CCudaMemoryResource& xBlock : vBlocks)
         {
             _Release(xBlock);
-            vIdleBytes.push_back(CResourceManager::GetStatistics(m_iDevice).nBytesIdle);
+            vIdleBytes.push_back(Statistics().nBytesIdle);
         }
         EXPECT_EQ(vIdleBytes, xCase.vIdleBytes);
     }
 }
 
+TEST_F(PoolScripted, TheLeastRecentlyUsedIdleBlocksMakeRoomForAReleasedOne)
+{
+    std::vector<CCudaMemoryPitchResource> vBlocks = _LendRows({10, 20, 30, 20, 40, 60, 10});
+    const auto vLent = vBlocks;
+    CResourceManager::SetIdleLimit(60 * c_nRow);
+    for (std::size_t nBlock = 0; nBlock < 3; ++nBlock)
+    {
+        _Release(vBlocks[nBlock]);
+    }
+    EXPECT_EQ(TakeFreed(vLent), Indices{}) << "60 rows just fit";
+
+    // Used again, the first one is the most recent of 1, 2, 0.
+    _Release(_Pitched(vLent[0].m_nWidth, vLent[0].m_nRows));
+    _Release(vBlocks[3]);
+    EXPECT_EQ(TakeFreed(vLent), Indices{1});
+    _Release(vBlocks[4]);
+    EXPECT_EQ(TakeFreed(vLent), (Indices{2, 0}));
+    CResourceManager::SetIdleLimit(60 * c_nRow - 1);
+    EXPECT_EQ(TakeFreed(vLent), Indices{3});
+    _Release(vBlocks[5]);
+    EXPECT_EQ(TakeFreed(vLent), Indices{5}) << "larger than the limit: freed itself, and nothing else for it";
+    EXPECT_EQ(Statistics().nBytesIdle, 40 * c_nRow);
+
+    CScriptedRuntime::FailCall(1, cudaErrorUnknown, false, "cudaFree");
+    EXPECT_THROW(CResourceManager::SetIdleLimit(30 * c_nRow), CQxException);
+    _Release(vBlocks[6]);
+    EXPECT_EQ(TakeFreed(vLent), Indices{4}) << "the limit holds from then on";
+}
+
+// Three idle blocks, oldest first, and a lent one; what each operation frees fails at the second block.
+TEST_F(PoolScripted, WhenABlockCannotBeFreedThePoolKeepsItAndTheOnesAfterIt)
+{
+    const struct
+    {
+        const char* pcFunction;
+        std::function<void(CResource& xLent)> Operation;
+    } c_vCases[] = {
+        {"Trim", [](CResource&) { CResourceManager::Trim(0); }},
+        {"SetIdleLimit", [](CResource&) { CResourceManager::SetIdleLimit(0); }},
+        {"ReleaseResource", [](CResource& xLent) { _Release(xLent); }},
+        {"GetCudaMemory", [](CResource&) { _Linear(c_nNoLimit / 2); }},
+    };
+    for (int iCase = 0; iCase < 8; ++iCase)
+    {
+        const auto& xCase = c_vCases[iCase / 2];
+        const bool bReuse = iCase % 2 != 0;
+        SCOPED_TRACE(xCase.pcFunction);
+        NextDevice();
+        std::vector<CCudaMemoryPitchResource> vBlocks = _LendRows({10, 10, 10, 25});
+        const auto vLent = vBlocks;
+        for (std::size_t nBlock = 0; nBlock < 3; ++nBlock)
+        {
+            _Release(vBlocks[nBlock]);
+        }
+        CResourceManager::SetIdleLimit(30 * c_nRow);
+        CScriptedRuntime::FailCall(2, cudaErrorUnknown, false, "cudaFree");
+        EXPECT_TRUE(ThrowsChain(
+            [&] { xCase.Operation(vBlocks[3]); },
+            {Cuda("Error freeing idle GPU memory", cudaErrorUnknown, xCase.pcFunction, c_pcFile, m_iDevice)}));
+        EXPECT_EQ(TakeFreed(vLent), Indices{0});
+        EXPECT_EQ(Statistics().nBytesIdle, 20 * c_nRow);
+        EXPECT_EQ(Statistics().nBlocksIdle, 2U);
+        EXPECT_EQ(Statistics().nBytesInUse, 25 * c_nRow);
+        EXPECT_EQ(vBlocks[3].m_pDevice, vLent[3].m_pDevice);
+
+        // The two are idle as before, in their order, and the lent one can be given back.
+        CResourceManager::SetIdleLimit(c_nNoLimit);
+        _Release(vBlocks[3]);
+        if (bReuse)
+        {
+            _Release(_Pitched(vLent[1].m_nWidth, vLent[1].m_nRows));
+        }
+        CResourceManager::Trim(0);
+        EXPECT_EQ(TakeFreed(vLent), bReuse ? (Indices{2, 3, 1}) : (Indices{1, 2, 3}));
+    }
+}
+
+TEST_F(PoolScripted, ABlockThatCannotBeFreedAtItsReleaseStaysLent)
+{
+    CResource& xRecord = _Pitched(64, 64);
+    CCudaMemoryResource xStale;
+    xStale.m_pDevice = xRecord.m_pDevice;
+    CScriptedRuntime::FailCall(1, cudaErrorUnknown);
+    EXPECT_TRUE(ThrowsChain([&] { _Release(xRecord, true); }, {Cuda("Error freeing GPU memory", cudaErrorUnknown,
+                                                                    "ReleaseResource", c_pcFile, m_iDevice)}));
+    EXPECT_EQ(xRecord.m_pDevice, xStale.m_pDevice);
+    _Release(xRecord, true);
+    EXPECT_THROW(_Release(xStale), CQxException);
+}
+
 TEST_F(PoolScripted, ABlockBelongsToItsDeviceWhicheverIsCurrent)
 {
-    CCudaMemoryPitchResource xFirst = CResourceManager::GetCudaMemoryPitch(64, 4);
+    CCudaMemoryPitchResource xFirst = _Pitched(64, 4);
+    const CCudaMemoryPitchResource xFirstBefore = xFirst;
     const int iFirstDevice = m_iDevice;
     NextDevice();
-    CCudaMemoryPitchResource xSecond = CResourceManager::GetCudaMemoryPitch(64, 4);
-    const std::size_t nFirst = _Address(xFirst);
-    const std::string sFreed = _Freed(xFirst);
-    CScriptedRuntime::Reset(m_iDevice);
+    CCudaMemoryPitchResource xSecond = _Pitched(64, 4);
     _Release(xFirst);
-    EXPECT_EQ(CScriptedRuntime::Calls(), Names{});
-    EXPECT_EQ(CResourceManager::GetStatistics(iFirstDevice).nBytesIdle, 4 * c_nPitch);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesIdle, 0U);
+    EXPECT_EQ(CResourceManager::GetStatistics(iFirstDevice).nBytesIdle, 4 * c_nRow);
+    EXPECT_EQ(Statistics().nBytesIdle, 0U);
 
-    CCudaMemoryPitchResource xThird = CResourceManager::GetCudaMemoryPitch(64, 4);
-    EXPECT_NE(_Address(xThird), nFirst) << "a block was lent on another device than its own";
+    CCudaMemoryPitchResource xThird = _Pitched(64, 4);
+    EXPECT_NE(xThird.m_pDevice, xFirstBefore.m_pDevice) << "a block was lent on another device than its own";
     CScriptedRuntime::sm_iDevice = iFirstDevice;
-    CCudaMemoryPitchResource xFourth = CResourceManager::GetCudaMemoryPitch(64, 4);
-    EXPECT_EQ(_Address(xFourth), nFirst);
+    xFirst = _Pitched(64, 4);
+    EXPECT_EQ(xFirst.m_pDevice, xFirstBefore.m_pDevice);
 
     CScriptedRuntime::Reset(m_iDevice);
-    CResourceManager::ReleaseResource(xFourth, true);
-    EXPECT_EQ(CScriptedRuntime::Calls(), Names{sFreed}) << "only the free, and the current device as it was";
-    EXPECT_EQ(CScriptedRuntime::sm_iDevice, m_iDevice);
+    _Release(xFirst, true);
+    EXPECT_EQ(CScriptedRuntime::Calls(), Names{_FreeCall("cudaFree", xFirstBefore)}) << "the device stays as it was";
+
+    CResourceManager::ForgetDevice(iFirstDevice);
+    EXPECT_EQ(Statistics().nBlocksInUse, 2U);
     _Release(xSecond);
     _Release(xThird);
 }
@@ -282,49 +565,34 @@ TEST_F(PoolScripted, AnyFailingHostAllocationOfARequestLeavesNothingBehind)
     for (const bool bKnownDevice : {false, true})
     {
         CCudaMemoryPitchResource xLent;
-        const int iFailures = Qx::Test::FailEachAllocation(
-            [&]
+        const auto Setup = [&]
+        {
+            _Release(xLent, true);
+            NextDevice();
+            if (bKnownDevice)
             {
-                CResourceManager::ReleaseResource(xLent, true);
-                NextDevice();
-                if (bKnownDevice)
-                {
-                    CResourceManager::ReleaseResource(CResourceManager::GetCudaMemory(8), true);
-                }
-            },
-            [&] { xLent = CResourceManager::GetCudaMemoryPitch(8, 8); },
-            [&]
-            {
-                EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
-                EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBlocksInUse, 0U);
-                CResourceManager::ReleaseResource(CResourceManager::GetCudaMemoryPitch(8, 8), true);
-            });
+                _Release(_Linear(8), true);
+            }
+        };
+        const auto Check = [&]
+        {
+            EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
+            EXPECT_EQ(Statistics().nBlocksInUse, 0U);
+            _Release(_Pitched(8, 8), true);
+        };
         // The record, its bucket and on a new device that device's record, in two modes.
-        EXPECT_EQ(iFailures, bKnownDevice ? 4 : 6);
-        EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 1U);
-        CResourceManager::ReleaseResource(xLent, true);
+        EXPECT_EQ(FailEachAllocation(
+                      Setup, [&] { xLent = _Pitched(8, 8); }, Check),
+                  bKnownDevice ? 4 : 6);
+        _Release(xLent, true);
     }
-}
-
-TEST_F(PoolScripted, AHitAndItsReleaseAllocateNothingOnTheHost)
-{
-    for (const bool bKeep : {true, false}) // the first round makes the block, the second is served with it
-    {
-        CCudaMemoryPitchResource xResource = CResourceManager::GetCudaMemoryPitch(30, 30);
-        EXPECT_EQ(bKeep, CResourceManager::GetStatistics(m_iDevice).uHits == 0);
-        _Release(xResource);
-    }
-    const CAllocationFault xFault(0, CAllocationFault::EMode::Persistent);
-    CCudaMemoryPitchResource xResource = CResourceManager::GetCudaMemoryPitch(30, 30);
-    _Release(xResource);
-    EXPECT_FALSE(CAllocationFault::HasStruck());
 }
 
 TEST_F(PoolScripted, ManyBlocksAreFoundAlsoWhenTheTablesCannotGrow)
 {
     constexpr std::size_t c_nBlocks = 300;
     static bool s_bHasGrown = false; // tables never shrink, so a repetition of the test finds them large
-    CResourceManager::ReleaseResource(CResourceManager::GetCudaMemory(1), true);
+    _Release(_Linear(1), true);
     for (const bool bGrow : {false, true})
     {
         std::vector<CCudaMemoryResource> vBlocks(c_nBlocks);
@@ -333,27 +601,25 @@ TEST_F(PoolScripted, ManyBlocksAreFoundAlsoWhenTheTablesCannotGrow)
         {
             // A request allocates its two records; what it allocates beyond is room in the tables.
             const CAllocationFault xFault(bGrow ? 1000 : 2, CAllocationFault::EMode::Persistent);
-            vBlocks[nBlock] = CResourceManager::GetCudaMemory(nBlock + 1);
+            vBlocks[nBlock] = _Linear(nBlock + 1);
             bStruck |= CAllocationFault::HasStruck();
         }
         EXPECT_EQ(bStruck, !bGrow && !s_bHasGrown);
         s_bHasGrown |= bGrow;
-        const std::vector<CCudaMemoryResource> vLent = vBlocks;
+        const auto vLent = vBlocks;
         for (CCudaMemoryResource& xBlock : vBlocks)
         {
             _Release(xBlock);
         }
-        EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBlocksIdle, c_nBlocks);
         for (std::size_t nBlock = c_nBlocks; nBlock-- > 0;)
         {
-            vBlocks[nBlock] = CResourceManager::GetCudaMemory(nBlock + 1);
+            vBlocks[nBlock] = _Linear(nBlock + 1);
             EXPECT_EQ(vBlocks[nBlock].m_pDevice, vLent[nBlock].m_pDevice);
         }
         for (CCudaMemoryResource& xBlock : vBlocks)
         {
-            CResourceManager::ReleaseResource(xBlock, true);
+            _Release(xBlock, true);
         }
-        EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
         CScriptedRuntime::Reset(m_iDevice);
     }
 }
@@ -375,7 +641,7 @@ TEST_F(PoolScripted, SizesThatWereUsedOnceLeaveNoRecord)
     for (std::size_t nRound = 0; nRound < 2 * c_nRounds; ++nRound)
     {
         CScriptedRuntime::Reset(m_iDevice);
-        CResourceManager::ReleaseResource(CResourceManager::GetCudaMemory(nRound + 1), true);
+        _Release(_Linear(nRound + 1), true);
         if (nRound == c_nRounds)
         {
             nBefore = _HostBytes();
@@ -386,56 +652,31 @@ TEST_F(PoolScripted, SizesThatWereUsedOnceLeaveNoRecord)
 
 TEST_F(PoolScripted, ABlockThatIsBeingFreedIsNotLentAndThePoolIsNotLockedMeanwhile)
 {
-    // Requests, inside the free, what the freed block would answer.
-    static CCudaMemoryPitchResource s_xMeanwhile;
-    const auto Request = [] { s_xMeanwhile = CResourceManager::GetCudaMemoryPitch(16, 16); };
     const struct
     {
         const char* pcName;
-        std::function<void(CCudaMemoryPitchResource&)> Free;
+        bool bIdle;
+        std::function<void(CResource&)> Free;
     } c_vCases[] = {
-        {"trim", [](CCudaMemoryPitchResource& xBlock) { (_Release(xBlock), CResourceManager::Trim(0)); }},
-        {"flag", [](CCudaMemoryPitchResource& xBlock) { CResourceManager::ReleaseResource(xBlock, true); }},
-        {"room for another block",
-         [](CCudaMemoryPitchResource& xBlock)
-         {
-             CCudaMemoryPitchResource xOther = CResourceManager::GetCudaMemoryPitch(17, 16);
-             CResourceManager::SetIdleLimit(16 * c_nPitch);
-             _Release(xBlock);
-             _Release(xOther);
-         }},
-        {"out of memory",
-         [](CCudaMemoryPitchResource& xBlock)
-         {
-             _Release(xBlock);
-             CScriptedRuntime::FailCall(2, cudaErrorMemoryAllocation);
-             CCudaMemoryPitchResource xOther = CResourceManager::GetCudaMemoryPitch(17, 16);
-             _Release(xOther);
-         }},
+        {"trim", true, [](CResource&) { CResourceManager::Trim(0); }},
+        {"room for another block", true, [](CResource&) { _Release(_Pitched(17, 16)); }},
+        {"flag", false, [](CResource& xBlock) { _Release(xBlock, true); }},
     };
     for (const auto& xCase : c_vCases)
     {
         SCOPED_TRACE(xCase.pcName);
         NextDevice();
-        CCudaMemoryPitchResource xBlock = CResourceManager::GetCudaMemoryPitch(16, 16);
+        CResourceManager::SetIdleLimit(16 * c_nRow);
+        CCudaMemoryPitchResource xBlock = _Pitched(16, 16);
         const std::size_t nAddress = _Address(xBlock);
-        const std::string sFreed = _Freed(xBlock);
-        CScriptedRuntime::sm_bHasFailed = false;
-        s_xMeanwhile = {};
-        // The hook fires inside the first call that follows; arm it anew until that call is the free.
-        static std::function<void()> s_Hook;
-        s_Hook = [&]
+        if (xCase.bIdle)
         {
-            if (CScriptedRuntime::Calls().back() == sFreed)
-            {
-                Request();
-            }
-            else
-            {
-                CScriptedRuntime::sm_pOnCall = [] { s_Hook(); };
-            }
-        };
-        CScriptedRuntime::sm_pOnCall = [] { s_Hook(); };
+            _Release(xBlock);
+        }
+        // Requests, inside the free, what the freed block would answer.
+        static CCudaMemoryPitchResource s_xMeanwhile;
+        s_xMeanwhile = {};
+        CScriptedRuntime::sm_pOnFree = [] { s_xMeanwhile = _Pitched(16, 16); };
         xCase.Free(xBlock);
         ASSERT_NE(s_xMeanwhile.m_pDevice, nullptr);
         EXPECT_NE(_Address(s_xMeanwhile), nAddress);
@@ -445,86 +686,61 @@ TEST_F(PoolScripted, ABlockThatIsBeingFreedIsNotLentAndThePoolIsNotLockedMeanwhi
 
 TEST_F(PoolScripted, ABlockAtTheAddressOfAForgottenOneIsLentByOneHolderAtATime)
 {
-    constexpr std::size_t c_nReused = 0xABC000;
-    const auto Request = []
-    {
-        CScriptedRuntime::sm_nNextAddress = c_nReused;
-        return CResourceManager::GetCudaMemory(64);
-    };
     // The same address is lent to two holders that are forgotten, then to a third.
+    constexpr std::size_t c_nReused = 0xABC000;
     std::vector<CCudaMemoryResource> vHolders;
     for (int iHolder = 0; iHolder < 3; ++iHolder)
     {
-        vHolders.push_back(Request());
-        ASSERT_EQ(_Address(vHolders.back()), c_nReused);
-        EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBlocksInUse, 1U);
+        CScriptedRuntime::sm_nNextAddress = c_nReused;
+        vHolders.push_back(_Linear(64));
+        EXPECT_EQ(Statistics().nBlocksInUse, 1U);
         if (iHolder < 2)
         {
             ASSERT_EQ(cudaFree(vHolders.back().m_pDevice), cudaSuccess);
-            CScriptedRuntime::Reset(m_iDevice);
             CResourceManager::ForgetDevice(m_iDevice);
-            EXPECT_EQ(CScriptedRuntime::Calls(), Names{});
-            EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBlocksInUse, 0U);
-            EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesInUse, 0U);
+            EXPECT_EQ(Statistics().nBytesInUse, 0U);
         }
     }
-    CScriptedRuntime::sm_nNextAddress = c_nReused + 0x1000;
+    CCudaMemoryResource xStale = vHolders[0];
     for (CCudaMemoryResource& xHolder : vHolders)
     {
-        CCudaMemoryResource xOther = CResourceManager::GetCudaMemory(64);
+        CCudaMemoryResource xOther = _Linear(64);
         EXPECT_NE(_Address(xOther), c_nReused) << "lent while a holder may use it";
-        CResourceManager::ReleaseResource(xOther, true);
+        _Release(xOther, true);
         _Release(xHolder);
         EXPECT_EQ(xHolder.m_pDevice, nullptr);
     }
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBlocksInUse, 0U);
-    CCudaMemoryResource xNext = CResourceManager::GetCudaMemory(64);
+    CCudaMemoryResource xNext = _Linear(64);
     EXPECT_EQ(_Address(xNext), c_nReused);
     _Release(xNext);
-    xNext.m_pDevice = CScriptedRuntime::Pointer(c_nReused);
-    EXPECT_THROW(_Release(xNext), CQxException) << "all holders have given the block back";
+    EXPECT_THROW(_Release(xStale), CQxException) << "all holders have given the block back";
 }
 
 TEST_F(PoolScripted, RecordsOfMemoryThatTheRuntimeHandsOutAnewAreReplaced)
 {
     // A device reset that the pool was not told of: one record lent, one idle, both addresses come again.
-    CCudaMemoryResource xLent = CResourceManager::GetCudaMemory(64);
-    CCudaMemoryResource xIdle = CResourceManager::GetCudaMemory(128);
-    const std::size_t vAddresses[] = {_Address(xLent), _Address(xIdle)};
+    CCudaMemoryResource xLent = _Linear(64);
+    CCudaMemoryResource xIdle = _Linear(128);
+    const CCudaMemoryResource vGone[] = {xLent, xIdle};
     _Release(xIdle);
-    for (const std::size_t nAddress : vAddresses)
-    {
-        ASSERT_EQ(cudaFree(CScriptedRuntime::Pointer(nAddress)), cudaSuccess);
-    }
     std::vector<CCudaMemoryResource> vNew;
-    for (const std::size_t nAddress : vAddresses)
+    for (const CCudaMemoryResource& xGone : vGone)
     {
-        CScriptedRuntime::sm_nNextAddress = nAddress;
-        vNew.push_back(CResourceManager::GetCudaMemory(256));
-        EXPECT_EQ(_Address(vNew.back()), nAddress);
+        ASSERT_EQ(cudaFree(xGone.m_pDevice), cudaSuccess);
+        CScriptedRuntime::sm_nNextAddress = _Address(xGone);
+        vNew.push_back(_Linear(256));
+        EXPECT_EQ(vNew.back().m_pDevice, xGone.m_pDevice);
     }
-    CScriptedRuntime::sm_nNextAddress = vAddresses[1] + 0x1000;
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesInUse, 512U);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesIdle, 0U);
+    EXPECT_EQ(Statistics().nBytesInUse, 512U);
+    EXPECT_EQ(Statistics().nBytesIdle, 0U);
     _Release(vNew[0]);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesInUse, 512U) << "its old holder has not given it back";
+    EXPECT_EQ(Statistics().nBytesInUse, 512U) << "its old holder has not given it back";
     _Release(vNew[1]);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesInUse, 256U);
+    EXPECT_EQ(Statistics().nBytesInUse, 256U);
     _Release(xLent);
-    EXPECT_EQ(CResourceManager::GetStatistics(m_iDevice).nBytesIdle, 512U);
-}
-
-TEST_F(PoolScripted, ABlockWhoseBytesCannotBeCountedIsRefused)
-{
-    CScriptedRuntime::sm_nPitch = std::size_t{1} << 40;
-    const auto Request = [] { CResourceManager::GetCudaMemoryPitch(1, std::size_t{1} << 24); };
-    EXPECT_TRUE(
-        ThrowsChain(Request, {{"Qx.OutOfMemoryException",
-                               "Error allocating GPU memory. Out of memory: requested 16777216 rows of 1 bytes, in use "
-                               "0 bytes in 0 blocks, idle 0 bytes in 0 blocks, Device ID: " +
-                                   std::to_string(m_iDevice),
-                               "GetCudaMemoryPitch", c_pcFile}}));
-    EXPECT_EQ(CScriptedRuntime::LiveBlocks(), 0U);
+    EXPECT_EQ(Statistics().nBytesIdle, 512U);
 }
 
 } // namespace
+
+} // namespace Qx::Test

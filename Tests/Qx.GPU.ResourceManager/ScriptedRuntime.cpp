@@ -1,7 +1,10 @@
 #include "ScriptedRuntime.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
+#include <span>
+#include <string_view>
 #include <utility>
 
 #include "Qx.Core/QxFormat.h"
@@ -9,34 +12,26 @@
 namespace Qx::Test
 {
 
-int CScriptedRuntime::sm_iDevice = 0;
-int CScriptedRuntime::sm_iConcurrentManagedAccess = 1;
-int CScriptedRuntime::sm_iIntegrated = 0;
-std::size_t CScriptedRuntime::sm_nTotalMemory = 0;
-std::size_t CScriptedRuntime::sm_nNextAddress = 0x1000;
-std::size_t CScriptedRuntime::sm_nPitch = 0;
-void (*CScriptedRuntime::sm_pOnCall)() = nullptr;
-bool CScriptedRuntime::sm_bHasFailed = false;
-cudaError_t CScriptedRuntime::sm_eLastError = cudaSuccess;
-
 namespace
 {
 
 struct SCall
 {
     const char* pcName;
-    std::size_t nAddress;
+    const void* pBlock; // of a free
+    bool bFreed;
 };
 
 struct SLive
 {
-    std::size_t nAddress; // 0: free entry
+    const void* pBlock; // null: free entry
     bool bHost;
 };
 
 SCall g_vCalls[4096];
 std::size_t g_nCalls = 0;
 SLive g_vLive[1024];
+const char* g_pcFail = nullptr; // null: any call
 int g_iFailAfter = 0;
 bool g_bPersistent = false;
 cudaError_t g_eFail = cudaSuccess;
@@ -47,18 +42,15 @@ cudaError_t _Fail(cudaError_t eError)
     return eError;
 }
 
-cudaError_t _Call(const char* pcName, std::size_t nAddress = 0)
+cudaError_t _Call(const char* pcName, const void* pBlock = nullptr)
 {
     if (g_nCalls == std::size(g_vCalls))
     {
         std::abort();
     }
-    g_vCalls[g_nCalls++] = {pcName, nAddress};
-    if (const auto pOnCall = std::exchange(CScriptedRuntime::sm_pOnCall, nullptr))
-    {
-        pOnCall();
-    }
-    if (g_iFailAfter == 0 || --g_iFailAfter > 0)
+    g_vCalls[g_nCalls++] = {pcName, pBlock, false};
+    const bool bMayFail = g_pcFail == nullptr || std::string_view(g_pcFail) == pcName;
+    if (!bMayFail || g_iFailAfter == 0 || --g_iFailAfter > 0)
     {
         return cudaSuccess;
     }
@@ -67,46 +59,57 @@ cudaError_t _Call(const char* pcName, std::size_t nAddress = 0)
     return _Fail(g_eFail);
 }
 
-SLive& _Entry(std::size_t nAddress)
+template <typename T>
+cudaError_t _Answer(const char* pcName, T& xResult, T xValue)
 {
-    for (SLive& xLive : g_vLive)
+    const cudaError_t eError = _Call(pcName);
+    if (eError == cudaSuccess)
     {
-        if (xLive.nAddress == nAddress)
-        {
-            return xLive;
-        }
+        xResult = xValue;
     }
-    static SLive s_xNone;
-    s_xNone = {0, false};
-    return s_xNone;
+    return eError;
 }
 
-cudaError_t _Allocate(const char* pcName, void** ppBlock, bool bHost)
+SLive* _Entry(const void* pBlock)
+{
+    return std::find_if(std::begin(g_vLive), std::end(g_vLive), [&](const SLive& x) { return x.pBlock == pBlock; });
+}
+
+cudaError_t _Allocate(const char* pcName, void** ppBlock, std::size_t nBytes, bool bHost)
 {
     if (const cudaError_t eError = _Call(pcName))
     {
         return eError;
     }
-    const std::size_t nAddress = CScriptedRuntime::sm_nNextAddress;
-    CScriptedRuntime::sm_nNextAddress += 0x1000;
-    _Entry(0) = {nAddress, bHost};
-    *ppBlock = CScriptedRuntime::Pointer(nAddress);
+    if (nBytes > CScriptedRuntime::sm_nTotalMemory)
+    {
+        return _Fail(cudaErrorMemoryAllocation);
+    }
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): no memory stands behind the address
+    *ppBlock = reinterpret_cast<void*>(
+        std::exchange(CScriptedRuntime::sm_nNextAddress, CScriptedRuntime::sm_nNextAddress + 0x1000));
+    *_Entry(nullptr) = {*ppBlock, bHost};
     return cudaSuccess;
 }
 
-cudaError_t _Free(const char* pcName, void* pBlock, bool bHost)
+cudaError_t _Free(const char* pcName, const void* pBlock, bool bHost)
 {
-    const auto nAddress = reinterpret_cast<std::size_t>(pBlock);
-    if (const cudaError_t eError = _Call(pcName, nAddress))
+    SCall& xCall = g_vCalls[g_nCalls];
+    if (const cudaError_t eError = _Call(pcName, pBlock))
     {
         return eError;
     }
-    SLive& xLive = _Entry(nAddress);
-    if (xLive.nAddress == 0 || xLive.bHost != bHost)
+    SLive* const pLive = _Entry(pBlock);
+    if (pBlock == nullptr || pLive == std::end(g_vLive) || pLive->bHost != bHost)
     {
         return _Fail(cudaErrorInvalidValue);
     }
-    xLive.nAddress = 0;
+    if (const auto pOnFree = std::exchange(CScriptedRuntime::sm_pOnFree, nullptr))
+    {
+        pOnFree();
+    }
+    pLive->pBlock = nullptr;
+    xCall.bFreed = true;
     return cudaSuccess;
 }
 
@@ -119,15 +122,16 @@ void CScriptedRuntime::Reset(int iDevice)
     sm_iIntegrated = 0;
     sm_nTotalMemory = std::size_t{1} << 40;
     sm_nPitch = 0;
-    sm_pOnCall = nullptr;
+    sm_pOnFree = nullptr;
     sm_bHasFailed = false;
     sm_eLastError = cudaSuccess;
     g_nCalls = 0;
     g_iFailAfter = 0;
 }
 
-void CScriptedRuntime::FailCall(int iNth, cudaError_t eError, bool bPersistent)
+void CScriptedRuntime::FailCall(int iNth, cudaError_t eError, bool bPersistent, const char* pcName)
 {
+    g_pcFail = pcName;
     g_iFailAfter = iNth;
     g_eFail = eError;
     g_bPersistent = bPersistent;
@@ -137,26 +141,36 @@ void CScriptedRuntime::FailCall(int iNth, cudaError_t eError, bool bPersistent)
 std::vector<std::string> CScriptedRuntime::Calls()
 {
     std::vector<std::string> vCalls;
-    for (std::size_t nCall = 0; nCall < g_nCalls; ++nCall)
+    for (const SCall& xCall : std::span(g_vCalls, g_nCalls))
     {
-        char acAddress[32] = "";
-        if (g_vCalls[nCall].nAddress != 0)
+        vCalls.push_back(xCall.pcName);
+        if (xCall.pBlock != nullptr)
         {
-            Qx::sprintf_s(acAddress, " %zx", g_vCalls[nCall].nAddress);
+            char acBlock[32];
+            sprintf_s(acBlock, " %p", xCall.pBlock);
+            vCalls.back() += acBlock;
         }
-        vCalls.push_back(std::string(g_vCalls[nCall].pcName) + acAddress);
     }
     return vCalls;
 }
 
+std::vector<const void*> CScriptedRuntime::Freed()
+{
+    std::vector<const void*> vBlocks;
+    for (const SCall& xCall : std::span(g_vCalls, g_nCalls))
+    {
+        if (xCall.bFreed)
+        {
+            vBlocks.push_back(xCall.pBlock);
+        }
+    }
+    return vBlocks;
+}
+
 std::size_t CScriptedRuntime::LiveBlocks()
 {
-    std::size_t nBlocks = 0;
-    for (const SLive& xLive : g_vLive)
-    {
-        nBlocks += xLive.nAddress != 0 ? 1 : 0;
-    }
-    return nBlocks;
+    return static_cast<std::size_t>(
+        std::count_if(std::begin(g_vLive), std::end(g_vLive), [](const SLive& x) { return x.pBlock != nullptr; }));
 }
 
 } // namespace Qx::Test
@@ -169,18 +183,7 @@ extern "C"
 
     cudaError_t cudaGetDevice(int* piDevice)
     {
-        const cudaError_t eError = Qx::Test::_Call("cudaGetDevice");
-        if (eError == cudaSuccess)
-        {
-            *piDevice = CScriptedRuntime::sm_iDevice;
-        }
-        return eError;
-    }
-
-    cudaError_t cudaSetDevice(int iDevice)
-    {
-        CScriptedRuntime::sm_iDevice = iDevice;
-        return Qx::Test::_Call("cudaSetDevice");
+        return Qx::Test::_Answer("cudaGetDevice", *piDevice, CScriptedRuntime::sm_iDevice);
     }
 
     cudaError_t cudaGetLastError()
@@ -190,49 +193,39 @@ extern "C"
 
     cudaError_t cudaDeviceGetAttribute(int* piValue, cudaDeviceAttr eAttribute, int)
     {
-        const cudaError_t eError = Qx::Test::_Call("cudaDeviceGetAttribute");
-        if (eError == cudaSuccess)
-        {
-            *piValue = eAttribute == cudaDevAttrIntegrated ? CScriptedRuntime::sm_iIntegrated
-                                                           : CScriptedRuntime::sm_iConcurrentManagedAccess;
-        }
-        return eError;
+        return Qx::Test::_Answer("cudaDeviceGetAttribute", *piValue,
+                                 eAttribute == cudaDevAttrIntegrated ? CScriptedRuntime::sm_iIntegrated
+                                                                     : CScriptedRuntime::sm_iConcurrentManagedAccess);
     }
 
     cudaError_t cudaMemGetInfo(std::size_t* pnFree, std::size_t* pnTotal)
     {
-        const cudaError_t eError = Qx::Test::_Call("cudaMemGetInfo");
-        if (eError == cudaSuccess)
-        {
-            *pnFree = 0;
-            *pnTotal = CScriptedRuntime::sm_nTotalMemory;
-        }
-        return eError;
+        *pnFree = 0;
+        return Qx::Test::_Answer("cudaMemGetInfo", *pnTotal, CScriptedRuntime::sm_nTotalMemory);
     }
 
     cudaError_t cudaMallocPitch(void** ppBlock, std::size_t* pnPitch, std::size_t nWidth, std::size_t)
     {
-        const cudaError_t eError = Qx::Test::_Allocate("cudaMallocPitch", ppBlock, false);
-        if (eError == cudaSuccess)
-        {
-            constexpr std::size_t c_nUnit = CScriptedRuntime::c_nPitchUnit;
-            *pnPitch = CScriptedRuntime::sm_nPitch != 0 ? CScriptedRuntime::sm_nPitch
-                                                        : (nWidth + c_nUnit - 1) / c_nUnit * c_nUnit;
-        }
-        return eError;
+        constexpr std::size_t c_nUnit = CScriptedRuntime::c_nPitchUnit;
+        const std::size_t nPitch = CScriptedRuntime::sm_nPitch;
+        *pnPitch = nPitch != 0 ? nPitch : (nWidth + c_nUnit - 1) / c_nUnit * c_nUnit;
+        return Qx::Test::_Allocate("cudaMallocPitch", ppBlock, nWidth, false);
     }
 
-    cudaError_t cudaMallocManaged(void** ppBlock, std::size_t, unsigned int uFlags)
+    cudaError_t cudaMallocManaged(void** ppBlock, std::size_t nBytes, unsigned int uFlags)
     {
-        return uFlags == cudaMemAttachGlobal ? Qx::Test::_Allocate("cudaMallocManaged", ppBlock, false)
+        return uFlags == cudaMemAttachGlobal ? Qx::Test::_Allocate("cudaMallocManaged", ppBlock, nBytes, false)
                                              : Qx::Test::_Fail(cudaErrorInvalidValue);
     }
 
-    cudaError_t cudaHostAlloc(void** ppBlock, std::size_t, unsigned int uFlags)
+    cudaError_t cudaHostAlloc(void** ppBlock, std::size_t nBytes, unsigned int uFlags)
     {
-        return uFlags == cudaHostAllocMapped || uFlags == cudaHostAllocPortable
-                   ? Qx::Test::_Allocate("cudaHostAlloc", ppBlock, true)
-                   : Qx::Test::_Fail(cudaErrorInvalidValue);
+        if (uFlags != cudaHostAllocMapped && uFlags != cudaHostAllocPortable)
+        {
+            return Qx::Test::_Fail(cudaErrorInvalidValue);
+        }
+        const char* const pcName = uFlags == cudaHostAllocMapped ? "cudaHostAlloc mapped" : "cudaHostAlloc portable";
+        return Qx::Test::_Allocate(pcName, ppBlock, nBytes, true);
     }
 
     cudaError_t cudaFree(void* pBlock)

@@ -13,7 +13,8 @@ namespace Qx::Test
 /// pool makes answered from here, with any device number, without a device and without memory behind the addresses.
 ///
 /// It allocates nothing through `operator new` while the pool calls it. Freeing what is not alive, or with the wrong
-/// function, fails as with the real runtime. For single-threaded tests.
+/// function, fails as with the real runtime, and so does a linear allocation beyond the device's memory. For
+/// single-threaded tests.
 struct CScriptedRuntime
 {
     static constexpr std::size_t c_nPitchUnit = 512;
@@ -22,31 +23,28 @@ struct CScriptedRuntime
     /// access, no failure, no recorded call. Live blocks stay.
     static void Reset(int iDevice);
 
-    /// Makes the @p iNth (from 1) of the calls from now on fail; with @p bPersistent those after it too.
-    static void FailCall(int iNth, cudaError_t eError, bool bPersistent = false);
+    /// Makes the @p iNth (from 1) of the calls from now on fail; with @p bPersistent those after it too. With a name
+    /// the calls of that name alone count.
+    static void FailCall(int iNth, cudaError_t eError, bool bPersistent = false, const char* pcName = nullptr);
 
-    /// The calls since `Reset`: "cudaFree 1000" with the address in hexadecimal for those that concern a block, the
-    /// plain name for others.
+    /// The calls since `Reset`: "cudaFree 0x1000" with the address for those that free a block, "cudaHostAlloc mapped"
+    /// with the flags, the plain name for others.
     static std::vector<std::string> Calls();
+
+    /// The blocks that were freed since `Reset`, in order.
+    static std::vector<const void*> Freed();
 
     static std::size_t LiveBlocks();
 
-    /// A block's pointer from its address.
-    static void* Pointer(std::size_t nAddress)
-    {
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): no memory stands behind the address
-        return reinterpret_cast<void*>(nAddress);
-    }
-
-    static int sm_iDevice;
-    static int sm_iConcurrentManagedAccess;
-    static int sm_iIntegrated;
-    static std::size_t sm_nTotalMemory;
-    static std::size_t sm_nNextAddress; ///< of the next allocation; moves on by 0x1000 with each
-    static std::size_t sm_nPitch;       ///< of pitched allocations; 0: the width rounded up
-    static void (*sm_pOnCall)();        ///< called once, inside the next call
-    static bool sm_bHasFailed;          ///< a planned failure has happened
-    static cudaError_t sm_eLastError;
+    static inline int sm_iDevice = 0;
+    static inline int sm_iConcurrentManagedAccess = 1;
+    static inline int sm_iIntegrated = 0;
+    static inline std::size_t sm_nTotalMemory = 0;
+    static inline std::size_t sm_nNextAddress = 0x1000; ///< of the next allocation; moves on by 0x1000 with each
+    static inline std::size_t sm_nPitch = 0;            ///< of pitched allocations; 0: the width rounded up
+    static inline void (*sm_pOnFree)() = nullptr;       ///< called once, inside the next `cudaFree`
+    static inline bool sm_bHasFailed = false;           ///< a planned failure has happened
+    static inline cudaError_t sm_eLastError = cudaSuccess;
 };
 
 } // namespace Qx::Test
