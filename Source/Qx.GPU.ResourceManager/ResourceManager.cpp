@@ -221,7 +221,9 @@ void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSi
         static_cast<void>(cudaGetLastError());
         _ThrowPoolOutOfMemory(xKey, xSite);
     }
-    CheckCuda(eResult, xSite, "Error allocating GPU memory");
+    CheckCuda(eResult, xSite,
+              xKey.eKind == EBlockKind::PageLocked ? "Error allocating page-locked memory"
+                                                   : "Error allocating GPU memory");
     CDroppedRecords xDropped;
     return g_xPool.AddLent(xKey, std::move(pBlock), pBucket, xDropped);
 }

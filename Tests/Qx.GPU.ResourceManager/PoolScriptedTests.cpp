@@ -299,21 +299,26 @@ TEST_F(PoolScripted, AReleaseOfWhatIsNotLentIsRefusedAndChangesNothing)
 
 TEST_F(PoolScripted, AnyFailingCallIsReportedChangesNothingAndMayBeRetried)
 {
+    constexpr const char* c_pcAllocating = "Error allocating GPU memory";
+    constexpr const char* c_pcFreeing = "Error freeing idle GPU memory";
+    constexpr const char* c_pcDevice = "Error getting CUDA device ID";
     const struct
     {
         const char* pcName;
         int iCalls;
-        bool bAllocates; // on a device that was not used before, with its last call
+        bool bAllocates;       // on a device that was not used before, with its last call
+        const char* pcMessage; // of its last call
         std::function<void(CResource& xLent, CResource*& pNew)> Operation;
     } c_vCases[] = {
-        {"linear", 5, true, [](CResource&, CResource*& pNew) { pNew = &_Linear(9); }},
-        {"pitched", 5, true, [](CResource&, CResource*& pNew) { pNew = &_Pitched(9, 9); }},
-        {"page-locked", 3, true, [](CResource&, CResource*& pNew) { pNew = &_PageLocked(9); }},
-        {"hit", 1, false, [](CResource&, CResource*& pNew) { pNew = &_Pitched(80, 8); }},
-        {"free", 1, false, [](CResource& xLent, CResource*&) { _Release(xLent, true); }},
-        {"trim", 2, false, [](CResource&, CResource*&) { CResourceManager::Trim(0); }},
-        {"limit", 2, false, [](CResource&, CResource*&) { CResourceManager::SetIdleLimit(0); }},
-        {"statistics", 1, false, [](CResource&, CResource*&) { CResourceManager::GetStatistics(); }},
+        {"linear", 5, true, c_pcAllocating, [](CResource&, CResource*& pNew) { pNew = &_Linear(9); }},
+        {"pitched", 5, true, c_pcAllocating, [](CResource&, CResource*& pNew) { pNew = &_Pitched(9, 9); }},
+        {"page-locked", 3, true, "Error allocating page-locked memory",
+         [](CResource&, CResource*& pNew) { pNew = &_PageLocked(9); }},
+        {"hit", 1, false, c_pcDevice, [](CResource&, CResource*& pNew) { pNew = &_Pitched(80, 8); }},
+        {"free", 1, false, "Error freeing GPU memory", [](CResource& xLent, CResource*&) { _Release(xLent, true); }},
+        {"trim", 2, false, c_pcFreeing, [](CResource&, CResource*&) { CResourceManager::Trim(0); }},
+        {"limit", 2, false, c_pcFreeing, [](CResource&, CResource*&) { CResourceManager::SetIdleLimit(0); }},
+        {"statistics", 1, false, c_pcDevice, [](CResource&, CResource*&) { CResourceManager::GetStatistics(); }},
     };
     const auto Run = [&](const auto& xCase, int iNth, cudaError_t eError, bool bPersistent)
     {
@@ -343,6 +348,8 @@ TEST_F(PoolScripted, AnyFailingCallIsReportedChangesNothingAndMayBeRetried)
         {
             sThrown = xException.GetName().ToCString();
             EXPECT_STREQ(xException.GetFile().ToCString(), c_pcFile);
+            const std::string sMessage = xException.GetMessageText().ToCString();
+            EXPECT_TRUE(iNth < xCase.iCalls || sMessage.starts_with(xCase.pcMessage)) << sMessage;
         }
         EXPECT_EQ(sThrown, !bFails ? "nothing" : bLack ? "Qx.OutOfMemoryException" : "Qx.CudaException");
         EXPECT_EQ(CScriptedRuntime::sm_bHasFailed, iNth <= xCase.iCalls) << "another number of calls";
