@@ -55,7 +55,7 @@ runs "$folder/by-pkg-config"
     $(pkg-config --cflags --libs qx-cuda) -ldl "-Wl,-rpath,$libraries"
 runs "$folder/recorded"
 
-if command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null; then
+if command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null && command -v file >/dev/null; then
     "$(dirname "$cmake")/cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$folder/package" >"$folder/cpack.log" 2>&1 ||
         { cat "$folder/cpack.log" >&2 && fail "no Debian package was made"; }
     package=$(find "$folder/package" -maxdepth 1 -name 'qx-cuda_*.deb')
