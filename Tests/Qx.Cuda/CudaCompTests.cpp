@@ -138,37 +138,6 @@ TEST(CudaComp, SizesALaunchForANumberOfThreads)
     }
 }
 
-// The grid's second dimension is the smallest that brings the first below the limit; found by trying, it must be what
-// the class computes.
-TEST(CudaComp, TakesTheSmallestRowCountThatFits)
-{
-    for (unsigned int uBlocks = 65534; uBlocks < 4294000000U; uBlocks += 98765431U / 7)
-    {
-        const unsigned int uLimit = uBlocks % 65535 == 0 ? 65535 : 65534;
-        SShape xExpected{uBlocks, 1, 1};
-        if (uBlocks > uLimit)
-        {
-            unsigned int uRows = 2;
-            while (uBlocks / uRows > uLimit)
-            {
-                ++uRows;
-            }
-            xExpected = {uBlocks / uRows + 1, uRows, 1};
-        }
-        CQxCudaComp xComp;
-        try
-        {
-            xComp.SetKernelConfiguration(uBlocks, 1);
-        }
-        catch (const CQxException&)
-        {
-            // The product wraps; the configuration is stored all the same.
-            EXPECT_LT(xExpected.uX * xExpected.uY, uBlocks);
-        }
-        EXPECT_EQ(Shape(xComp.GetGrid()), xExpected) << uBlocks;
-    }
-}
-
 TEST(CudaComp, RefusesThreadCountsThatNoConfigurationCovers)
 {
     CQxCudaComp xComp;

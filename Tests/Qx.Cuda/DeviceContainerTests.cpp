@@ -209,6 +209,9 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
         {SetMatrix(4, 5), vSame, {0, 0, 1}, {4, 5, 1, 1}},
         {[&] { xMatrix.Resize(2, 10); }, vNone, {0, 0, 1}, {2, 10, 1, 1}},
         {SetMatrix(2, 3), vOther, {0, 0, 1}, {2, 3, 1, 1}},
+        {[&] { xMatrix.Resize(0, 3); }, {"cudaFree", "cudaMalloc"}, {0, 0, 1}, {0, 3, 0, 1}},
+        {[&] { xMatrix.Resize(3, 0); }, {"cudaMalloc"}, {0, 0, 1}, {3, 0, 0, 1}},
+        {SetMatrix(2, 3), vFirst, {0, 0, 1}, {2, 3, 1, 1}},
         {[&] { xMatrix.Delete(); }, {"cudaFree"}, {0, 0, 1}, {0, 0, 0, 1}},
     };
     for (const auto& xStep : vSteps)
@@ -219,6 +222,10 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
         EXPECT_EQ(CCudaRecorder::CallNames(), xStep.vCalls);
         EXPECT_EQ(GetState(xVector), xStep.vVector);
         EXPECT_EQ(GetState(xMatrix), xStep.vMatrix);
+        CQxVector<TypeParam> xGot(1);
+        EXPECT_EQ(xStep.vVector[1] == 0,
+                  bool(ThrowsChain([&] { xVector.Get(xGot); }, {TestFixture::c_xGetVector, TestFixture::c_xNoBlock})));
+        EXPECT_EQ(xGot.GetSize(), xStep.vVector[0]);
     }
 
     const CQxMatrix<TypeParam> xHost = MakeMatrix<TypeParam>(3, 2);
@@ -231,13 +238,21 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
     };
     const TypeParam* const pDevice = xMatrix.GetDataPtr();
     EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments, Copy(pDevice, xHost.GetDataPtr(), cudaMemcpyHostToDevice));
-    CQxMatrix<TypeParam> xResult = MakeMatrix<TypeParam>(6, 1);
     xMatrix.Resize(2, 3);
-    xMatrix.Get(xResult);
-    EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
-              Copy(xResult.GetDataPtr(), pDevice, cudaMemcpyDeviceToHost));
-    EXPECT_EQ(xResult.GetColCount(), 3U);
-    EXPECT_EQ(List(xResult), List(xHost)) << "another shape of as many elements keeps them";
+    for (const auto& [nRows, nCols] : {std::pair{6U, 1U}, {2U, 1U}, {1U, 3U}})
+    {
+        CQxMatrix<TypeParam> xResult = MakeMatrix<TypeParam>(nRows, nCols);
+        xMatrix.Get(xResult);
+        EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
+                  Copy(xResult.GetDataPtr(), pDevice, cudaMemcpyDeviceToHost));
+        EXPECT_EQ(xResult.GetColCount(), 3U);
+        EXPECT_EQ(List(xResult), List(xHost)) << "another shape of as many elements keeps them";
+    }
+    CQxVector<TypeParam> xVectorResult;
+    xVector.Set(MakeVector<TypeParam>(5));
+    xVector.Resize(5);
+    xVector.Get(xVectorResult);
+    EXPECT_EQ(List(xVectorResult), List(MakeVector<TypeParam>(5)));
 }
 
 TYPED_TEST(DeviceContainer, EveryFailingCallLeavesTheObjectAsPromised)

@@ -52,21 +52,16 @@ static_assert(!std::is_copy_constructible_v<CQxDeviceImage2D> && !std::is_copy_a
 static_assert(!std::is_polymorphic_v<CQxDeviceImage2D> && sizeof(CQxDeviceImage2D) == 80);
 static_assert(!std::is_convertible_v<CQxImageFormat, CQxDeviceImage2D>);
 
-TEST_F(DeviceImage2D, StartsEmptyWithoutTouchingPoolOrDevice)
+TEST_F(DeviceImage2D, StartsEmptyAndBorrowsRowsOfTheFormatsWidthThatItGivesBackPooled)
 {
     {
         CQxDeviceImage2D xImage;
         EXPECT_TRUE(IsEmpty(xImage));
         xImage.Release();
-        xImage.Release();
         EXPECT_TRUE(IsEmpty(xImage));
     }
     EXPECT_EQ(CPoolRecorder::sm_iRelease, 0);
     EXPECT_TRUE(CCudaRecorder::Calls().empty());
-}
-
-TEST_F(DeviceImage2D, BorrowsRowsOfTheFormatsWidthAndGivesThemBackPooled)
-{
     {
         const CQxDeviceImage2D xImage(c_xFormat);
         EXPECT_EQ(CPoolRecorder::sm_nWidth, 2560U);

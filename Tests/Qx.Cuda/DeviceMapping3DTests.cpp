@@ -150,10 +150,8 @@ TEST_F(DeviceMapping3D, KeepsItsBlockExactlyWhenTheByteCountStays)
         EXPECT_EQ(Calls(), (std::vector<int>{0, 0, 0}));
         const void* pBlock = nullptr;
         const std::pair<Counts, std::vector<int>> axCases[] = {
-            {{2, 3, 4}, {0, 1, 1}},
-            {{3, 2, 4}, {0, 0, 1}},
-            {{5, 5, 1}, {1, 1, 1}},
-            {{1, 1, 25}, {0, 0, 1}},
+            {{2, 3, 4}, {0, 1, 1}},  {{3, 2, 4}, {0, 0, 1}}, {{5, 5, 1}, {1, 1, 1}},
+            {{1, 1, 25}, {0, 0, 1}}, {{1, 1, 1}, {1, 1, 1}},
         };
         for (const auto& [vCounts, vCalls] : axCases)
         {
