@@ -282,10 +282,12 @@ TEST_F(DeviceMapping3D, ReportsEveryFailedCallAndReadsNoValuesThatWereNotCopied)
             };
             EXPECT_TRUE(IsFailureOn(0) || IsFailureOn(-1)) << xException.ToString().ToCString();
             EXPECT_TRUE(pDevice->IsValid());
-            // After a failed upload: the new grid on the old block.
-            EXPECT_EQ(pDevice->Contains(2.5F, 1.5F, 3.5F), bReadable);
-            EXPECT_EQ(MappedHeight(*pDevice, bReadable ? Triple{1.5F, 2.5F, 3.5F} : Triple{2.5F, 1.5F, 3.5F}),
-                      std::nullopt);
+            // After a failed upload: the new grid on the old block, but no values.
+            float fX = bReadable ? 2.5F : 1.5F;
+            float fY = bReadable ? 1.5F : 2.5F;
+            float fZ = 3.5F;
+            EXPECT_EQ(bReadable, !ThrowsChain([&] { pDevice->Map(fX, fY, fZ); }, {c_xInvalid}));
+            EXPECT_EQ(MappedHeight(*pDevice, {fY, fX, fZ}), std::nullopt);
             pDevice->Create(xHost);
             EXPECT_TRUE(Holds(*pDevice, xHost));
         };
