@@ -10,17 +10,24 @@ namespace Qx::Test
 namespace
 {
 
+/// Runs the body as often as said, without the allocations of the recorder.
 template <typename TBody>
-int AllocationsOf(TBody&& xBody)
+int AllocationsOf(int iTimes, TBody&& xBody)
 {
+    CCudaRecorder::Pause();
     const std::uint64_t uBefore = CountAllocations();
-    xBody();
-    return static_cast<int>(CountAllocations() - uBefore);
+    for (int iTime = 0; iTime < iTimes; ++iTime)
+    {
+        xBody();
+    }
+    const auto iAllocations = static_cast<int>(CountAllocations() - uBefore);
+    CCudaRecorder::Reset();
+    return iAllocations;
 }
 
 TEST(Allocations, AreCountedAtAll)
 {
-    EXPECT_GE(AllocationsOf([] { delete new CQxImage({640, 480, EDataType::UByte, EPixelType::Lum}); }), 2);
+    EXPECT_GE(AllocationsOf(1, [] { delete new CQxImage({640, 480, EDataType::UByte, EPixelType::Lum}); }), 2);
 }
 
 TEST(Allocations, ASteadyFrameLoopMakesNone)
@@ -32,21 +39,14 @@ TEST(Allocations, ASteadyFrameLoopMakesNone)
     CQxDeviceImage2D xOther(xFormat);
     xImage.CopyTo(xResult);
     const auto xBefore = GPU::CResourceManager::GetStatistics();
-
-    CCudaRecorder::Pause();
-    const int iAllocations = AllocationsOf(
-        [&]
-        {
-            for (int iFrame = 0; iFrame < 100; ++iFrame)
-            {
-                xImage.Create(xFrame);
-                xOther.Create(xFormat);
-                xOther.SetZero();
-                xImage.CopyTo(xResult);
-            }
-        });
-    CCudaRecorder::Reset();
-    EXPECT_EQ(iAllocations, 0);
+    const auto ShowFrame = [&]
+    {
+        xImage.Create(xFrame);
+        xOther.Create(xFormat);
+        xOther.SetZero();
+        xImage.CopyTo(xResult);
+    };
+    EXPECT_EQ(AllocationsOf(100, ShowFrame), 0);
     const auto xAfter = GPU::CResourceManager::GetStatistics();
     EXPECT_EQ(xAfter.uMisses, xBefore.uMisses);
     EXPECT_EQ(xAfter.uHits, xBefore.uHits);
@@ -59,18 +59,7 @@ TEST(Allocations, ImagesOfAFrameComeFromThePoolWithoutAny)
     const CQxImage xFrame(xFormat);
     CQxDeviceImage2D{xFrame};
     const auto uMisses = GPU::CResourceManager::GetStatistics().uMisses;
-
-    CCudaRecorder::Pause();
-    const int iAllocations = AllocationsOf(
-        [&]
-        {
-            for (int iFrame = 0; iFrame < 100; ++iFrame)
-            {
-                CQxDeviceImage2D{xFrame};
-            }
-        });
-    CCudaRecorder::Reset();
-    EXPECT_EQ(iAllocations, 0);
+    EXPECT_EQ(AllocationsOf(100, [&] { CQxDeviceImage2D{xFrame}; }), 0);
     EXPECT_EQ(GPU::CResourceManager::GetStatistics().uMisses, uMisses);
 }
 

@@ -97,22 +97,10 @@ TEST_F(CudaCompDebug, ForgetsBuffersOnResetWithoutFreeingThem)
     const CudaDebug::SParameter xCopy = xParams;
     CCudaRecorder::Reset();
     xParams.Reset();
-    EXPECT_EQ(xParams.pItems, nullptr);
-    EXPECT_EQ(xParams.pCounter, nullptr);
-    EXPECT_EQ(xParams.iCapacity, 1);
+    EXPECT_TRUE(xParams.pItems == nullptr && xParams.pCounter == nullptr && xParams.iCapacity == 1);
     EXPECT_TRUE(CCudaRecorder::Calls().empty());
     EXPECT_EQ(cudaFree(xCopy.pItems), cudaSuccess);
     EXPECT_EQ(cudaFree(xCopy.pCounter), cudaSuccess);
-}
-
-// 5.6 GB: the product needs 64 bits. Nothing of that size is allocated here.
-TEST_F(CudaCompDebug, ComputesTheBufferSizeIn64Bits)
-{
-    auto& xParams = CQxCudaCompDebug::GetDebugParams();
-    CCudaRecorder::FailCall("cudaMalloc", 1, cudaErrorMemoryAllocation);
-    xParams.Malloc(100000000);
-    EXPECT_EQ(CCudaRecorder::Calls()[0].vArguments[1], 5600000000U);
-    EXPECT_EQ(cudaGetLastError(), cudaErrorMemoryAllocation);
 }
 
 TEST_F(CudaCompDebug, NeverKeepsAnOlderBufferUnderANewCapacity)
@@ -135,6 +123,13 @@ TEST_F(CudaCompDebug, NeverKeepsAnOlderBufferUnderANewCapacity)
         EXPECT_EQ(cudaFree(xOld.pItems), cudaSuccess);
         EXPECT_EQ(cudaFree(xOld.pCounter), cudaSuccess);
     }
+    // 5.6 GB: the product needs 64 bits. Nothing of that size is allocated here.
+    CCudaRecorder::Reset();
+    CCudaRecorder::FailCall("cudaMalloc", 1, cudaErrorMemoryAllocation);
+    xParams.Malloc(100000000);
+    EXPECT_EQ(CCudaRecorder::Calls()[0].vArguments[1], 5600000000U);
+    EXPECT_EQ(cudaGetLastError(), cudaErrorMemoryAllocation);
+    xParams.Delete();
     xParams.Malloc(-1);
     EXPECT_EQ(xParams.pItems, nullptr);
     EXPECT_NE(cudaGetLastError(), cudaSuccess);
@@ -142,26 +137,22 @@ TEST_F(CudaCompDebug, NeverKeepsAnOlderBufferUnderANewCapacity)
 
 TEST_F(CudaCompDebug, ReadsAsManyItemsAsWereWrittenAndNeverMoreThanTheCapacity)
 {
-    struct SCase
-    {
-        int iCount;
-        std::size_t nExpected; // of a vector that had 10
-    };
     auto& xParams = CQxCudaCompDebug::GetDebugParams();
     xParams.Malloc(5);
-    for (const SCase& xCase : {SCase{0, 10}, SCase{-4, 10}, SCase{3, 3}, SCase{5, 5}, SCase{6, 5}, SCase{INT32_MAX, 5}})
+    // The items that are read; 10 are there before, and stay where none was written.
+    for (const auto& [iCount, nExpected] : {std::pair{0, 10U}, {-4, 10U}, {3, 3U}, {5, 5U}, {6, 5U}, {INT32_MAX, 5U}})
     {
-        SCOPED_TRACE(xCase.iCount);
-        Write(xCase.iCount);
-        EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), xCase.iCount);
+        SCOPED_TRACE(iCount);
+        const bool bRead = iCount > 0;
+        Write(iCount);
+        EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), iCount);
         std::vector<SItem> vItems(10);
         CCudaRecorder::Reset();
         CQxCudaCompDebug::GetDebugItems(vItems);
-        ASSERT_EQ(vItems.size(), xCase.nExpected);
-        EXPECT_EQ(CCudaRecorder::CallNames(), Names(xCase.iCount > 0 ? 2 : 1, "cudaMemcpy"));
+        ASSERT_EQ(vItems.size(), nExpected);
+        EXPECT_EQ(CCudaRecorder::CallNames(), Names(bRead ? 2 : 1, "cudaMemcpy"));
         for (std::size_t nItem = 0; nItem < vItems.size(); ++nItem)
         {
-            const bool bRead = xCase.iCount > 0;
             EXPECT_EQ(vItems[nItem].aiPosition[0], bRead ? 100 + static_cast<int>(nItem) : 0);
             EXPECT_EQ(vItems[nItem].bFlag, bRead);
             EXPECT_EQ(vItems[nItem].afValue[8], bRead ? 0.5F : 0.0F);

@@ -1,5 +1,6 @@
 #include <memory>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "Qx.Cuda/QxCudaComp.h"
 #include "Qx.CudaRecorder/CudaRecorder.h"
 #include "Support/CudaChain.h"
+#include "Support/Stream.h"
 
 namespace Qx::Test
 {
@@ -16,8 +18,6 @@ namespace
 {
 
 constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaComp";
-constexpr const char* c_pcNotConfigured =
-    "Kernel launch configuration isn't initialized. Block or Grid is zero. Call EvalKernelDim_2D_1D() before";
 
 struct SShape
 {
@@ -32,14 +32,15 @@ struct SShape
     }
 };
 
-SShape Grid(const CQxCudaComp& xComp)
+SShape Shape(const dim3& xDim)
 {
-    return {xComp.GetGrid().x, xComp.GetGrid().y, xComp.GetGrid().z};
+    return {xDim.x, xDim.y, xDim.z};
 }
 
-SShape Block(const CQxCudaComp& xComp)
+void ExpectConfiguration(const CQxCudaComp& xComp, const SShape& xGrid, const SShape& xBlock)
 {
-    return {xComp.GetBlock().x, xComp.GetBlock().y, xComp.GetBlock().z};
+    EXPECT_EQ(Shape(xComp.GetGrid()), xGrid);
+    EXPECT_EQ(Shape(xComp.GetBlock()), xBlock);
 }
 
 CQxImageFormat Size(int iWidth, int iHeight)
@@ -52,15 +53,15 @@ static_assert(std::has_virtual_destructor_v<CQxCudaComp> && !std::is_copy_constr
 
 TEST(CudaComp, StartsUnconfiguredAndRefusesToBegin)
 {
+    const SLink xRefused =
+        Plain("Kernel launch configuration isn't initialized. Block or Grid is zero. Call EvalKernelDim_2D_1D() before",
+              "Begin", c_pcFile);
     {
         CQxCudaComp xComp;
-        EXPECT_EQ(Grid(xComp), (SShape{0, 0, 1}));
-        EXPECT_EQ(Block(xComp), (SShape{0, 0, 1}));
+        ExpectConfiguration(xComp, {0, 0, 1}, {0, 0, 1});
         EXPECT_EQ(xComp.GetStream(), nullptr);
-        EXPECT_TRUE(
-            ThrowsChain([&] { xComp.Begin("Kernel", nullptr); }, {Plain(c_pcNotConfigured, "Begin", c_pcFile)}));
-        EXPECT_TRUE(ThrowsChain([&] { xComp.Begin(CQxString("Kernel"), nullptr); },
-                                {Plain(c_pcNotConfigured, "Begin", c_pcFile)}));
+        EXPECT_TRUE(ThrowsChain([&] { xComp.Begin("Kernel", nullptr); }, {xRefused}));
+        EXPECT_TRUE(ThrowsChain([&] { xComp.Begin(CQxString("Kernel"), nullptr); }, {xRefused}));
     }
     EXPECT_TRUE(CCudaRecorder::Calls().empty());
 }
@@ -91,12 +92,10 @@ TEST(CudaComp, SizesALaunchForAnImage)
     };
     for (const SCase& xCase : vCases)
     {
-        SCOPED_TRACE(testing::Message() << xCase.iWidth << " x " << xCase.iHeight << ", " << xCase.iResources << ", "
-                                        << xCase.iWarps);
+        SCOPED_TRACE(&xCase - vCases.data());
         CQxCudaComp xComp;
         xComp.EvalKernelDim_2D_1D(Size(xCase.iWidth, xCase.iHeight), xCase.iResources, xCase.iWarps);
-        EXPECT_EQ(Block(xComp), xCase.xBlock);
-        EXPECT_EQ(Grid(xComp), xCase.xGrid);
+        ExpectConfiguration(xComp, xCase.xGrid, xCase.xBlock);
         if (xCase.xBlock.uX == 0)
         {
             EXPECT_THROW(xComp.Begin("Kernel", nullptr), CQxException);
@@ -112,18 +111,12 @@ TEST(CudaComp, RefusesAnImageWithoutPixelsAndKeepsTheConfiguration)
                             {Plain("Invalid array size 0 x 480", "EvalKernelDim_2D_1D", c_pcFile)}));
     EXPECT_TRUE(ThrowsChain([&] { xComp.EvalKernelDim_2D_1D(Size(640, -1), 32, 8); },
                             {Plain("Invalid array size 640 x -1", "EvalKernelDim_2D_1D", c_pcFile)}));
-    EXPECT_EQ(Grid(xComp), (SShape{2, 48, 1}));
-    EXPECT_EQ(Block(xComp), (SShape{32, 1, 1}));
+    ExpectConfiguration(xComp, {2, 48, 1}, {32, 1, 1});
 }
 
 TEST(CudaComp, SizesALaunchForANumberOfThreads)
 {
-    struct SCase
-    {
-        unsigned int uThreads, uBlock;
-        SShape xGrid;
-    };
-    const std::vector<SCase> vCases{
+    const std::tuple<unsigned int, unsigned int, SShape> c_vCases[] = {
         {1, 256, {1, 1, 1}},
         {256, 256, {1, 1, 1}},
         {257, 256, {2, 1, 1}},
@@ -136,44 +129,12 @@ TEST(CudaComp, SizesALaunchForANumberOfThreads)
         {131071, 1, {43691, 3, 1}},
         {4294967295U, 4294967295U, {1, 1, 1}},
     };
-    for (const SCase& xCase : vCases)
+    for (const auto& [uThreads, uBlock, xGrid] : c_vCases)
     {
-        SCOPED_TRACE(testing::Message() << xCase.uThreads << " in blocks of " << xCase.uBlock);
+        SCOPED_TRACE(uThreads);
         CQxCudaComp xComp;
-        xComp.SetKernelConfiguration(xCase.uThreads, xCase.uBlock);
-        EXPECT_EQ(Grid(xComp), xCase.xGrid);
-        EXPECT_EQ(Block(xComp), (SShape{xCase.uBlock, 1, 1}));
-    }
-}
-
-// The grid's second dimension is the smallest that brings the first below the limit; found by trying, it must be what
-// the class computes.
-TEST(CudaComp, TakesTheSmallestRowCountThatFits)
-{
-    for (unsigned int uBlocks = 65534; uBlocks < 4294000000U; uBlocks += 98765431U / 7)
-    {
-        const unsigned int uLimit = uBlocks % 65535 == 0 ? 65535 : 65534;
-        SShape xExpected{uBlocks, 1, 1};
-        if (uBlocks > uLimit)
-        {
-            unsigned int uRows = 2;
-            while (uBlocks / uRows > uLimit)
-            {
-                ++uRows;
-            }
-            xExpected = {uBlocks / uRows + 1, uRows, 1};
-        }
-        CQxCudaComp xComp;
-        try
-        {
-            xComp.SetKernelConfiguration(uBlocks, 1);
-        }
-        catch (const CQxException&)
-        {
-            // The product wraps; the configuration is stored all the same.
-            EXPECT_LT(xExpected.uX * xExpected.uY, uBlocks);
-        }
-        EXPECT_EQ(Grid(xComp), xExpected) << uBlocks;
+        xComp.SetKernelConfiguration(uThreads, uBlock);
+        ExpectConfiguration(xComp, xGrid, {uBlock, 1, 1});
     }
 }
 
@@ -190,64 +151,67 @@ TEST(CudaComp, RefusesThreadCountsThatNoConfigurationCovers)
     Refuses(0, 256, "Number of threads is 0");
     Refuses(0, 0, "Number of threads is 0");
     Refuses(256, 0, "Number of threads in a block is 0");
-    EXPECT_EQ(Grid(xComp), (SShape{100, 1, 1}));
-    EXPECT_EQ(Block(xComp), (SShape{10, 1, 1}));
-
+    ExpectConfiguration(xComp, {100, 1, 1}, {10, 1, 1});
     Refuses(4294967295U, 1024, "Too many threads for given configuration algorithm");
-    EXPECT_EQ(Grid(xComp), (SShape{64528, 65, 1}));
-    EXPECT_EQ(Block(xComp), (SShape{1024, 1, 1}));
+    ExpectConfiguration(xComp, {64528, 65, 1}, {1024, 1, 1});
     Refuses(4294967295U, 1, "Too many threads for given configuration algorithm");
-    EXPECT_EQ(Grid(xComp), (SShape{65536, 65536, 1}));
+    ExpectConfiguration(xComp, {65536, 65536, 1}, {1, 1, 1});
 }
 
 TEST(CudaComp, CreatesOneEventRecordsItOnTheStreamOfEndAndDestroysIt)
 {
-    cudaStream_t pStream = nullptr;
-    ASSERT_EQ(cudaStreamCreate(&pStream), cudaSuccess);
+    const CStreamScope xStream;
     {
         CQxCudaComp xComp;
-        xComp.SetStream(pStream);
-        EXPECT_EQ(xComp.GetStream(), pStream);
+        xComp.SetStream(xStream);
+        EXPECT_EQ(xComp.GetStream(), static_cast<cudaStream_t>(xStream));
         xComp.SetKernelConfiguration(1, 1);
         CCudaRecorder::Reset();
         xComp.Begin("Kernel", nullptr);
         xComp.Begin(CQxString("Kernel"), nullptr);
-        xComp.End("Kernel", pStream);
-        xComp.End(CQxString("Kernel"), pStream);
+        xComp.End("Kernel", xStream);
+        xComp.End(CQxString("Kernel"), xStream);
         EXPECT_EQ(CCudaRecorder::CallNames(),
                   (std::vector<std::string>{"cudaEventCreateWithFlags", "cudaEventRecord", "cudaEventSynchronize",
                                             "cudaEventRecord", "cudaEventSynchronize"}));
         EXPECT_EQ(CCudaRecorder::Last("cudaEventCreateWithFlags").vArguments[1], 2U);
-        EXPECT_EQ(CCudaRecorder::Last("cudaEventRecord").vArguments[1], reinterpret_cast<std::uintptr_t>(pStream));
+        EXPECT_EQ(CCudaRecorder::Last("cudaEventRecord").vArguments[1],
+                  reinterpret_cast<std::uintptr_t>(xComp.GetStream()));
         CCudaRecorder::Reset();
         CCudaRecorder::FailCall("cudaEventDestroy", 1, cudaErrorUnknown); // which nobody is told of
     }
     EXPECT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{"cudaEventDestroy"});
     EXPECT_EQ(cudaGetLastError(), cudaErrorUnknown);
-    EXPECT_EQ(cudaStreamDestroy(pStream), cudaSuccess);
 }
 
-std::string Report(const char* pcMessage, const char* pcKernel, const char* pcError, std::size_t nFree,
-                   std::size_t nTotal)
+/// A launch of 15 x 1080 blocks of 128 threads, and the text of its reports.
+class CudaCompReport : public ::testing::Test
 {
-    return std::string(pcMessage) + "\n\nKernel: '" + pcKernel + "'\nCUDA Error String: '" + pcError +
-           "'\n\nKernel Configuration:\n - Grid:  [15, 1080, 1] = 16200\n - Block: [128, 1, 1] = 128\n\nFree Memory: " +
-           std::to_string(nFree) + "/" + std::to_string(nTotal);
-}
+protected:
+    void SetUp() override
+    {
+        m_xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
+        ASSERT_EQ(cudaMemGetInfo(&m_nFree, &m_nTotal), cudaSuccess);
+    }
 
-TEST(CudaComp, ReportsTheStepThatFailedAndRecordsTheErrorThatIsPendingAfterTheReport)
+    std::string _Report(const std::string& sMessage, const std::string& sKernel, const char* pcError) const
+    {
+        return sMessage + "\n\nKernel: '" + sKernel + "'\nCUDA Error String: '" + pcError +
+               "'\n\nKernel Configuration:\n - Grid:  [15, 1080, 1] = 16200\n - Block: [128, 1, 1] = 128\n\n" +
+               "Free Memory: " + std::to_string(m_nFree) + "/" + std::to_string(m_nTotal);
+    }
+
+    CQxCudaComp m_xComp;
+    std::size_t m_nFree = 0;
+    std::size_t m_nTotal = 0;
+};
+
+TEST_F(CudaCompReport, NamesTheStepThatFailedAndRecordsTheErrorThatIsPendingAfterwards)
 {
-    std::size_t nFree = 0;
-    std::size_t nTotal = 0;
-    CQxCudaComp xComp;
-    xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
-    ASSERT_EQ(cudaMemGetInfo(&nFree, &nTotal), cudaSuccess);
     const auto Reports = [&](const char* pcCall, const char* pcStep, const char* pcFunction, auto&& xBody)
     {
-        CCudaRecorder::Reset();
-        CCudaRecorder::FailCall(pcCall, 1, cudaErrorInvalidValue);
-        const SLink xExpected = Cuda(Report(pcStep, "100 %s Sharpen", "invalid argument", nFree, nTotal).c_str(),
-                                     cudaSuccess, pcFunction, c_pcFile);
+        const std::string sReport = _Report(pcStep, "100 %s Sharpen", "invalid argument");
+        const SLink xExpected = Cuda(sReport.c_str(), cudaSuccess, pcFunction, c_pcFile);
         CCudaRecorder::Reset();
         CCudaRecorder::FailCall(pcCall, 1, cudaErrorInvalidValue);
         EXPECT_TRUE(ThrowsChain(xBody, {xExpected}));
@@ -259,22 +223,20 @@ TEST(CudaComp, ReportsTheStepThatFailedAndRecordsTheErrorThatIsPendingAfterTheRe
                                       "cudaGetLastError", "cudaGetErrorName", "cudaGetErrorString", "cudaGetDevice"}));
     };
     Reports("cudaEventCreateWithFlags", "Start: Error creating stop event", "Begin",
-            [&] { xComp.Begin("100 %s Sharpen", nullptr); });
-    xComp.Begin("100 %s Sharpen", nullptr);
+            [&] { m_xComp.Begin("100 %s Sharpen", nullptr); });
+    m_xComp.Begin("100 %s Sharpen", nullptr);
     Reports("cudaEventRecord", "End: Error putting end event on main stream", "End",
-            [&] { xComp.End("100 %s Sharpen", nullptr); });
+            [&] { m_xComp.End("100 %s Sharpen", nullptr); });
     EXPECT_EQ(CCudaRecorder::Count("cudaEventSynchronize"), 0U);
     Reports("cudaEventSynchronize", "End: Error during Kernel execution", "End",
-            [&] { xComp.End(CQxString("100 %s Sharpen"), nullptr); });
+            [&] { m_xComp.End(CQxString("100 %s Sharpen"), nullptr); });
 }
 
-TEST(CudaComp, ReportsAnEndWithoutABegin)
+TEST_F(CudaCompReport, NamesAnEndWithoutABegin)
 {
-    CQxCudaComp xComp;
-    xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
     try
     {
-        xComp.End(static_cast<const char*>(nullptr), nullptr);
+        m_xComp.End(static_cast<const char*>(nullptr), nullptr);
         FAIL() << "nothing was thrown";
     }
     catch (const CQxCudaException& xException)
@@ -285,38 +247,33 @@ TEST(CudaComp, ReportsAnEndWithoutABegin)
     }
 }
 
-TEST(CudaComp, ReportSurvivesAFailedMemoryQueryAndProductsThatWrap)
+TEST_F(CudaCompReport, SurvivesAFailedMemoryQueryAndProductsThatWrap)
 {
-    CQxCudaComp xComp;
-    xComp.EvalKernelDim_2D_1D(Size(50000, 50000), 65536, 1);
+    m_xComp.EvalKernelDim_2D_1D(Size(50000, 50000), 65536, 1);
     CCudaRecorder::FailCall("cudaMemGetInfo", 1, cudaErrorUnknown);
-    const CQxString sReport = xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, nullptr, nullptr);
+    const CQxString sReport = m_xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, nullptr, nullptr);
     EXPECT_STREQ(sReport.ToCString(),
                  "\n\nKernel: ''\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
                  " - Grid:  [50000, 50000, 1] = -1794967296\n - Block: [1, 1, 1] = 1\n\nFree Memory: 0/0");
     EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
 }
 
-TEST(CudaComp, ShortensOnlyWhatIsTooLongForTheReport)
+TEST_F(CudaCompReport, ShortensOnlyWhatIsTooLong)
 {
-    std::size_t nFree = 0;
-    std::size_t nTotal = 0;
-    ASSERT_EQ(cudaMemGetInfo(&nFree, &nTotal), cudaSuccess);
-    CQxCudaComp xComp;
-    xComp.EvalKernelDim_2D_1D(Size(1920, 1080), 512, 8);
+    const char* const pcError = "unspecified launch failure";
+    const std::string sStep = "End: Error during Kernel execution";
     const std::string sLong(5000, 'k');
-    const std::string sTail = Report("", "", "unspecified launch failure", nFree, nTotal);
+    const std::string sTail = _Report("", "", pcError);
+    const auto Shown = [&](const std::string& sKernel, const std::string& sMessage)
+    {
+        const CQxString sReport =
+            m_xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, sKernel.c_str(), sMessage.c_str());
+        return std::string(sReport.ToCString());
+    };
+    const std::string sKept(1999 - sTail.size() - sStep.size(), 'k');
+    EXPECT_EQ(Shown(sLong, sStep), _Report(sStep, sKept, pcError));
 
-    const std::string sNameCut =
-        xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, sLong.c_str(), "End: Error during Kernel execution")
-            .ToCString();
-    EXPECT_EQ(sNameCut.size(), 1999U);
-    const std::string sKept(1999 - sTail.size() - std::string("End: Error during Kernel execution").size(), 'k');
-    EXPECT_EQ(sNameCut,
-              Report("End: Error during Kernel execution", sKept.c_str(), "unspecified launch failure", nFree, nTotal));
-
-    const std::string sMessageCut =
-        xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, "Kernel", sLong.c_str()).ToCString();
+    const std::string sMessageCut = Shown("Kernel", sLong);
     EXPECT_EQ(sMessageCut.size(), 1999U);
     EXPECT_EQ(sMessageCut.substr(1999 - sTail.size()), sTail);
 }

@@ -77,27 +77,52 @@ std::vector<T> List(const CQxMatrix<T>& xMatrix)
     return {xMatrix.GetDataPtr(), xMatrix.GetDataPtr() + xMatrix.GetRowCount() * xMatrix.GetColCount()};
 }
 
-/// What each failing call of one operation must lead to, in the order of the calls.
+/// What one failing call must lead to: the links around it, its own link, and the state of the object.
 struct SOutcome
 {
-    std::function<Chain(int iDevice)> xChain;
+    Chain vOuter;
+    const char* pcMessage;
+    const char* pcFunction;
+    const char* pcFile;
     State vState;
+
+    Chain GetChain(int iDevice) const
+    {
+        Chain vChain = vOuter;
+        vChain.push_back(Cuda(pcMessage, cudaErrorUnknown, pcFunction, pcFile, iDevice));
+        return vChain;
+    }
 };
 
-/// Fails every call of the operation in turn on an object from @p xMake; the object must work afterwards.
+SOutcome NotFreed(const Chain& vOuter, const State& vState)
+{
+    return {vOuter, "Error freeing CUDA memory", "QxCudaFree", c_pcMmu, vState};
+}
+
+SOutcome NotAllocated(const Chain& vOuter, const State& vState)
+{
+    return {vOuter, "Error allocating CUDA memory", "QxCudaMalloc", c_pcMmu, vState};
+}
+
+SOutcome NotCopied(const Chain& vOuter, const char* pcMessage, const char* pcFunction, const State& vState)
+{
+    return {vOuter, pcMessage, pcFunction, c_pcArray, vState};
+}
+
+/// Fails every call of the operation in turn on an object from @p xMake; the object must work afterwards. The outcomes
+/// are in the order of the calls.
 template <typename TMake, typename TOperation, typename THost>
 void ExpectOutcomes(TMake&& xMake, TOperation&& xOperation, const THost& xHost, const std::vector<SOutcome>& vOutcomes)
 {
-    using Device = typename std::invoke_result_t<TMake>::element_type;
     const int iCalls = SweepFailures(
-        xMake, [&](const std::unique_ptr<Device>& pDevice) { xOperation(*pDevice); },
-        [&](const std::unique_ptr<Device>& pDevice, int iCall, const CQxException& xException)
+        xMake, [&](auto& pDevice) { xOperation(*pDevice); },
+        [&](auto& pDevice, int iCall, const CQxException& xException)
         {
             SCOPED_TRACE(iCall);
             ASSERT_LE(static_cast<std::size_t>(iCall), vOutcomes.size());
             const SOutcome& xOutcome = vOutcomes[static_cast<std::size_t>(iCall) - 1];
             // The device is unknown where the query for it is among the failing calls.
-            EXPECT_TRUE(IsChain(xException, xOutcome.xChain(0)) || IsChain(xException, xOutcome.xChain(-1)))
+            EXPECT_TRUE(IsChain(xException, xOutcome.GetChain(0)) || IsChain(xException, xOutcome.GetChain(-1)))
                 << xException.ToString().ToCString();
             EXPECT_EQ(GetState(*pDevice), xOutcome.vState);
             pDevice->Set(xHost);
@@ -106,19 +131,6 @@ void ExpectOutcomes(TMake&& xMake, TOperation&& xOperation, const THost& xHost, 
             EXPECT_EQ(List(xResult), List(xHost));
         });
     EXPECT_EQ(static_cast<std::size_t>(iCalls), vOutcomes.size());
-}
-
-/// Puts links in front of the one that a failed call makes.
-SOutcome Outcome(const Chain& vOuter, const char* pcMessage, const char* pcFunction, const char* pcFile,
-                 const State& vState)
-{
-    return {[=](int iDevice)
-            {
-                Chain vChain = vOuter;
-                vChain.push_back(Cuda(pcMessage, cudaErrorUnknown, pcFunction, pcFile, iDevice));
-                return vChain;
-            },
-            vState};
 }
 
 template <typename T>
@@ -158,9 +170,8 @@ protected:
     static inline const SLink c_xGetVector = Plain("Error copying device vector to host", "Get", c_pcVector);
     static inline const SLink c_xGetMatrix = Plain("Error copying device matrix to host", "Get", c_pcMatrix);
     static constexpr std::uint64_t c_nFailed = UINT64_MAX;
-    static constexpr const char* c_pcFreeing = "Error freeing CUDA memory";
-    static constexpr const char* c_pcAllocating = "Error allocating CUDA memory";
-    static constexpr const char* c_pcDownloading = "Error copying to host";
+    static inline const SLink c_xResizeVector = Plain("Error resizing device vector", "Resize", c_pcVector);
+    static inline const SLink c_xResizeMatrix = Plain("Error allocating device matrix ", "Resize", c_pcMatrix);
 };
 
 using ElementTypes = ::testing::Types<float, double>;
@@ -198,6 +209,9 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
         {SetMatrix(4, 5), vSame, {0, 0, 1}, {4, 5, 1, 1}},
         {[&] { xMatrix.Resize(2, 10); }, vNone, {0, 0, 1}, {2, 10, 1, 1}},
         {SetMatrix(2, 3), vOther, {0, 0, 1}, {2, 3, 1, 1}},
+        {[&] { xMatrix.Resize(0, 3); }, {"cudaFree", "cudaMalloc"}, {0, 0, 1}, {0, 3, 0, 1}},
+        {[&] { xMatrix.Resize(3, 0); }, {"cudaMalloc"}, {0, 0, 1}, {3, 0, 0, 1}},
+        {SetMatrix(2, 3), vFirst, {0, 0, 1}, {2, 3, 1, 1}},
         {[&] { xMatrix.Delete(); }, {"cudaFree"}, {0, 0, 1}, {0, 0, 0, 1}},
     };
     for (const auto& xStep : vSteps)
@@ -208,77 +222,71 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
         EXPECT_EQ(CCudaRecorder::CallNames(), xStep.vCalls);
         EXPECT_EQ(GetState(xVector), xStep.vVector);
         EXPECT_EQ(GetState(xMatrix), xStep.vMatrix);
+        CQxVector<TypeParam> xGot(1);
+        EXPECT_EQ(xStep.vVector[1] == 0,
+                  bool(ThrowsChain([&] { xVector.Get(xGot); }, {TestFixture::c_xGetVector, TestFixture::c_xNoBlock})));
+        EXPECT_EQ(xGot.GetSize(), xStep.vVector[0]);
     }
 
     const CQxMatrix<TypeParam> xHost = MakeMatrix<TypeParam>(3, 2);
     xMatrix.Set(xHost);
     EXPECT_EQ(CCudaRecorder::Last("cudaMalloc").vArguments[1], 6 * sizeof(TypeParam));
-    using Arguments = std::vector<std::uint64_t>;
-    const auto uHost = reinterpret_cast<std::uintptr_t>(xHost.GetDataPtr());
-    const auto uDevice = reinterpret_cast<std::uintptr_t>(xMatrix.GetDataPtr());
-    EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
-              (Arguments{uDevice, uHost, 6 * sizeof(TypeParam), cudaMemcpyHostToDevice}));
-    CQxMatrix<TypeParam> xResult = MakeMatrix<TypeParam>(6, 1);
+    const auto Copy = [](const TypeParam* pTarget, const TypeParam* pSource, cudaMemcpyKind eKind)
+    {
+        return std::vector<std::uint64_t>{reinterpret_cast<std::uintptr_t>(pTarget),
+                                          reinterpret_cast<std::uintptr_t>(pSource), 6 * sizeof(TypeParam), eKind};
+    };
+    const TypeParam* const pDevice = xMatrix.GetDataPtr();
+    EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments, Copy(pDevice, xHost.GetDataPtr(), cudaMemcpyHostToDevice));
     xMatrix.Resize(2, 3);
-    xMatrix.Get(xResult);
-    EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
-              (Arguments{reinterpret_cast<std::uintptr_t>(xResult.GetDataPtr()), uDevice, 6 * sizeof(TypeParam),
-                         cudaMemcpyDeviceToHost}));
-    EXPECT_EQ(xResult.GetColCount(), 3U);
-    EXPECT_EQ(List(xResult), List(xHost)) << "another shape of as many elements keeps them";
+    for (const auto& [nRows, nCols] : {std::pair{6U, 1U}, {2U, 1U}, {1U, 3U}})
+    {
+        CQxMatrix<TypeParam> xResult = MakeMatrix<TypeParam>(nRows, nCols);
+        xMatrix.Get(xResult);
+        EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
+                  Copy(xResult.GetDataPtr(), pDevice, cudaMemcpyDeviceToHost));
+        EXPECT_EQ(xResult.GetColCount(), 3U);
+        EXPECT_EQ(List(xResult), List(xHost)) << "another shape of as many elements keeps them";
+    }
+    CQxVector<TypeParam> xVectorResult;
+    xVector.Set(MakeVector<TypeParam>(5));
+    xVector.Resize(5);
+    xVector.Get(xVectorResult);
+    EXPECT_EQ(List(xVectorResult), List(MakeVector<TypeParam>(5)));
 }
 
-TYPED_TEST(DeviceContainer, EveryFailingCallLeavesTheVectorAsPromised)
+TYPED_TEST(DeviceContainer, EveryFailingCallLeavesTheObjectAsPromised)
 {
     using F = TestFixture;
-    const CQxVector<TypeParam> xHost = MakeVector<TypeParam>(5);
-    const SLink xSet = Plain("Error copying host vector to device", "Set", c_pcVector);
-    const SLink xResize = Plain("Error resizing device vector", "Resize", c_pcVector);
-    ExpectOutcomes(
-        F::_DeviceVector, [&](auto& xVector) { xVector.Set(xHost); }, xHost,
-        {Outcome({xSet, F::c_xToDevice, F::c_xNew, F::c_xDelete}, F::c_pcFreeing, "QxCudaFree", c_pcMmu,
-                 {F::c_nFailed, 1, 0}),
-         Outcome({xSet, F::c_xToDevice, F::c_xNew}, F::c_pcAllocating, "QxCudaMalloc", c_pcMmu, {F::c_nFailed, 0, 0}),
-         Outcome({xSet, F::c_xToDevice}, "", "ToDevice", c_pcArray, {F::c_nFailed, 1, 0})});
-    ExpectOutcomes(
-        F::_DeviceVector, [](auto& xVector) { xVector.Resize(5); }, xHost,
-        {Outcome({xResize, F::c_xNew, F::c_xDelete}, F::c_pcFreeing, "QxCudaFree", c_pcMmu, {F::c_nFailed, 1, 0}),
-         Outcome({xResize, F::c_xNew}, F::c_pcAllocating, "QxCudaMalloc", c_pcMmu, {F::c_nFailed, 0, 0})});
-    ExpectOutcomes(F::_DeviceVector,
-                   [](auto& xVector)
-                   {
-                       CQxVector<TypeParam> xResult;
-                       xVector.Get(xResult);
-                   },
-                   xHost, {Outcome({F::c_xGetVector}, F::c_pcDownloading, "ToHost", c_pcArray, {3, 1, 1})});
-    ExpectOutcomes(F::_DeviceVector, [](auto& xVector) { xVector.Delete(); }, xHost,
-                   {Outcome({F::c_xDelete}, F::c_pcFreeing, "QxCudaFree", c_pcMmu, {3, 1, 1})});
-}
+    const CQxVector<TypeParam> xVector = MakeVector<TypeParam>(5);
+    const CQxMatrix<TypeParam> xMatrix = MakeMatrix<TypeParam>(5, 4);
+    const SLink xSetVector = Plain("Error copying host vector to device", "Set", c_pcVector);
+    const SLink xSetMatrix = Plain("Error copying host matrix to device", "Set", c_pcMatrix);
+    const SLink xDeleteMatrix = Plain("Error deleting Device matrix", "Delete", c_pcMatrix);
+    const auto Get = [](auto xHost) { return [xHost](auto& xDevice) mutable { xDevice.Get(xHost); }; };
+    const auto Delete = [](auto& xDevice) { xDevice.Delete(); };
 
-TYPED_TEST(DeviceContainer, EveryFailingCallLeavesTheMatrixAsPromised)
-{
-    using F = TestFixture;
-    const CQxMatrix<TypeParam> xHost = MakeMatrix<TypeParam>(5, 4);
-    const SLink xSet = Plain("Error copying host matrix to device", "Set", c_pcMatrix);
-    const SLink xResize = Plain("Error allocating device matrix ", "Resize", c_pcMatrix);
-    const SLink xDelete = Plain("Error deleting Device matrix", "Delete", c_pcMatrix);
-    ExpectOutcomes(
-        F::_DeviceMatrix, [&](auto& xMatrix) { xMatrix.Set(xHost); }, xHost,
-        {Outcome({xSet, F::c_xToDevice, F::c_xNew, F::c_xDelete}, F::c_pcFreeing, "QxCudaFree", c_pcMmu, {5, 4, 1, 0}),
-         Outcome({xSet, F::c_xToDevice, F::c_xNew}, F::c_pcAllocating, "QxCudaMalloc", c_pcMmu, {5, 4, 0, 0}),
-         Outcome({xSet, F::c_xToDevice}, "", "ToDevice", c_pcArray, {5, 4, 1, 1})});
-    ExpectOutcomes(F::_DeviceMatrix, [](auto& xMatrix) { xMatrix.Resize(5, 4); }, xHost,
-                   {Outcome({xResize, F::c_xNew, F::c_xDelete}, F::c_pcFreeing, "QxCudaFree", c_pcMmu, {2, 3, 1, 1}),
-                    Outcome({xResize, F::c_xNew}, F::c_pcAllocating, "QxCudaMalloc", c_pcMmu, {2, 3, 0, 0})});
-    ExpectOutcomes(F::_DeviceMatrix,
-                   [](auto& xMatrix)
-                   {
-                       CQxMatrix<TypeParam> xResult;
-                       xMatrix.Get(xResult);
-                   },
-                   xHost, {Outcome({F::c_xGetMatrix}, F::c_pcDownloading, "ToHost", c_pcArray, {2, 3, 1, 1})});
-    ExpectOutcomes(F::_DeviceMatrix, [](auto& xMatrix) { xMatrix.Delete(); }, xHost,
-                   {Outcome({xDelete, F::c_xDelete}, F::c_pcFreeing, "QxCudaFree", c_pcMmu, {2, 3, 1, 1})});
+    ExpectOutcomes(F::_DeviceVector, [&](auto& xDevice) { xDevice.Set(xVector); }, xVector,
+                   {NotFreed({xSetVector, F::c_xToDevice, F::c_xNew, F::c_xDelete}, {F::c_nFailed, 1, 0}),
+                    NotAllocated({xSetVector, F::c_xToDevice, F::c_xNew}, {F::c_nFailed, 0, 0}),
+                    NotCopied({xSetVector, F::c_xToDevice}, "", "ToDevice", {F::c_nFailed, 1, 0})});
+    ExpectOutcomes(F::_DeviceVector, [](auto& xDevice) { xDevice.Resize(5); }, xVector,
+                   {NotFreed({F::c_xResizeVector, F::c_xNew, F::c_xDelete}, {F::c_nFailed, 1, 0}),
+                    NotAllocated({F::c_xResizeVector, F::c_xNew}, {F::c_nFailed, 0, 0})});
+    ExpectOutcomes(F::_DeviceVector, Get(CQxVector<TypeParam>()), xVector,
+                   {NotCopied({F::c_xGetVector}, "Error copying to host", "ToHost", {3, 1, 1})});
+    ExpectOutcomes(F::_DeviceVector, Delete, xVector, {NotFreed({F::c_xDelete}, {3, 1, 1})});
+
+    ExpectOutcomes(F::_DeviceMatrix, [&](auto& xDevice) { xDevice.Set(xMatrix); }, xMatrix,
+                   {NotFreed({xSetMatrix, F::c_xToDevice, F::c_xNew, F::c_xDelete}, {5, 4, 1, 0}),
+                    NotAllocated({xSetMatrix, F::c_xToDevice, F::c_xNew}, {5, 4, 0, 0}),
+                    NotCopied({xSetMatrix, F::c_xToDevice}, "", "ToDevice", {5, 4, 1, 1})});
+    ExpectOutcomes(F::_DeviceMatrix, [](auto& xDevice) { xDevice.Resize(5, 4); }, xMatrix,
+                   {NotFreed({F::c_xResizeMatrix, F::c_xNew, F::c_xDelete}, {2, 3, 1, 1}),
+                    NotAllocated({F::c_xResizeMatrix, F::c_xNew}, {2, 3, 0, 0})});
+    ExpectOutcomes(F::_DeviceMatrix, Get(CQxMatrix<TypeParam>()), xMatrix,
+                   {NotCopied({F::c_xGetMatrix}, "Error copying to host", "ToHost", {2, 3, 1, 1})});
+    ExpectOutcomes(F::_DeviceMatrix, Delete, xMatrix, {NotFreed({xDeleteMatrix, F::c_xDelete}, {2, 3, 1, 1})});
 }
 
 TYPED_TEST(DeviceContainer, SaysOutOfMemoryAndRefusesCountsBeyondSixtyFourBits)
@@ -286,16 +294,14 @@ TYPED_TEST(DeviceContainer, SaysOutOfMemoryAndRefusesCountsBeyondSixtyFourBits)
     using F = TestFixture;
     const SLink xFull{"Qx.OutOfMemoryException", "Error allocating CUDA memory. Out of memory", "QxCudaMalloc",
                       c_pcMmu};
-    const SLink xResizeVector = Plain("Error resizing device vector", "Resize", c_pcVector);
-    const SLink xResizeMatrix = Plain("Error allocating device matrix ", "Resize", c_pcMatrix);
     const auto pVector = F::_DeviceVector();
     const auto pMatrix = F::_DeviceMatrix();
     for (const std::uint64_t nHuge : {std::uint64_t{1} << 50, std::uint64_t{1} << 62})
     {
-        EXPECT_TRUE(ThrowsChain([&] { pVector->Resize(nHuge); }, {xResizeVector, F::c_xNew, xFull}));
+        EXPECT_TRUE(ThrowsChain([&] { pVector->Resize(nHuge); }, {F::c_xResizeVector, F::c_xNew, xFull}));
         EXPECT_EQ(GetState(*pVector), (State{F::c_nFailed, 0, 0}));
         // The product of the second is 2^64.
-        EXPECT_TRUE(ThrowsChain([&] { pMatrix->Resize(nHuge, 4); }, {xResizeMatrix, F::c_xNew, xFull}));
+        EXPECT_TRUE(ThrowsChain([&] { pMatrix->Resize(nHuge, 4); }, {F::c_xResizeMatrix, F::c_xNew, xFull}));
         EXPECT_EQ(GetState(*pMatrix), (State{2, 3, 0, 0}));
         EXPECT_EQ(cudaGetLastError(), nHuge == std::uint64_t{1} << 50 ? cudaErrorMemoryAllocation : cudaSuccess);
     }

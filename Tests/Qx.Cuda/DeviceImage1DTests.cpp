@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <climits>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -31,18 +33,19 @@ protected:
 
 TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
 {
-    const struct
-    {
-        CQxImageFormat xFormat;
-        std::size_t nBytes;
-    } c_vCases[] = {{c_xFormat, 36},
-                    {{4, 3, EDataType::UByte, EPixelType::BGR}, 36},
-                    {{5, 3, EDataType::Packed10, EPixelType::Lum}, 18},
-                    {{5, 3, EDataType::Packed12, EPixelType::RGB}, 67},
-                    {{5, 3, EDataType::Integral10, EPixelType::Lum}, 18},
-                    {{5, 3, EDataType::Integral12, static_cast<EPixelType::ID>(1)}, 22},
-                    {{5, 3, EDataType::Double, EPixelType::TwoComponent}, 240},
-                    {{1, 1, EDataType::Byte, EPixelType::BayerGB}, 1}};
+    using enum EDataType::ID;
+    using enum EPixelType::ID;
+    using Arguments = std::vector<std::uint64_t>;
+    const std::pair<CQxImageFormat, std::size_t> c_vCases[] = {
+        {c_xFormat, 36},
+        {{4, 3, UByte, BGR}, 36},
+        {{5, 3, Packed10, Lum}, 18},
+        {{5, 3, Packed12, RGB}, 67},
+        {{5, 3, Integral10, Lum}, 18},
+        {{5, 3, Integral12, static_cast<EPixelType::ID>(1)}, 22},
+        {{5, 3, Double, TwoComponent}, 240},
+        {{1, 1, Byte, BayerGB}, 1},
+    };
     const CStreamScope xStream;
     const auto uStream = reinterpret_cast<std::uintptr_t>(static_cast<cudaStream_t>(xStream));
     CQxDeviceImage1D xImage;
@@ -50,16 +53,16 @@ TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
     EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
     EXPECT_EQ(xImage.GetDevicePointer(), nullptr);
     int iRequests = 0;
-    for (const auto& xCase : c_vCases)
+    for (const auto& [xFormat, nBytes] : c_vCases)
     {
-        SCOPED_TRACE(xCase.nBytes);
-        xImage.Create(xCase.xFormat);
-        EXPECT_EQ(CPoolRecorder::sm_nWidth, xCase.nBytes);
+        SCOPED_TRACE(nBytes);
+        xImage.Create(xFormat);
+        EXPECT_EQ(CPoolRecorder::sm_nWidth, nBytes);
         EXPECT_EQ(CPoolRecorder::sm_iGetLinear, ++iRequests);
         EXPECT_FALSE(CPoolRecorder::sm_bFlag);
-        EXPECT_EQ(xImage.GetFormat(), xCase.xFormat);
+        EXPECT_EQ(xImage.GetFormat(), xFormat);
         void* const pBefore = xImage.GetDevicePointer();
-        xImage.Create(xCase.xFormat);
+        xImage.Create(xFormat);
         EXPECT_EQ(xImage.GetDevicePointer(), pBefore);
         EXPECT_EQ(CPoolRecorder::sm_iGetLinear, iRequests);
 
@@ -67,15 +70,13 @@ TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
         xImage.SetZero();
         xImage.SetZeroAsync(xStream);
         const std::uint64_t uAddress = reinterpret_cast<std::uintptr_t>(pBefore);
-        EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments,
-                  (std::vector<std::uint64_t>{uAddress, 0, xCase.nBytes}));
-        EXPECT_EQ(CCudaRecorder::Last("cudaMemsetAsync").vArguments,
-                  (std::vector<std::uint64_t>{uAddress, 0, xCase.nBytes, uStream}));
+        EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments, (Arguments{uAddress, 0, nBytes}));
+        EXPECT_EQ(CCudaRecorder::Last("cudaMemsetAsync").vArguments, (Arguments{uAddress, 0, nBytes, uStream}));
         EXPECT_EQ(CCudaRecorder::Calls().size(), 2U);
         ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
         CQxImage xResult;
         xImage.CopyTo(xResult);
-        EXPECT_TRUE(HaveSamePixels(xResult, CQxImage(xCase.xFormat)));
+        EXPECT_TRUE(HaveSamePixels(xResult, CQxImage(xFormat)));
     }
     // Even an empty image asks the pool and the device.
     xImage.Release();
@@ -93,54 +94,50 @@ TEST_F(DeviceImage1D, BorrowsExactlyTheBytesOfItsFormat)
     CCudaRecorder::Reset();
     xImage.SetZero();
     xImage.SetZeroAsync(nullptr);
-    EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments, (std::vector<std::uint64_t>{0, 0, 0}));
-    EXPECT_EQ(CCudaRecorder::Last("cudaMemsetAsync").vArguments, (std::vector<std::uint64_t>{0, 0, 0, 0}));
+    EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments, (Arguments{0, 0, 0}));
+    EXPECT_EQ(CCudaRecorder::Last("cudaMemsetAsync").vArguments, (Arguments{0, 0, 0, 0}));
 }
 
 TEST_F(DeviceImage1D, RefusesImpossibleFormatsUnwrappedAndStaysAsItWas)
 {
+    using enum EDataType::ID;
+    using enum EPixelType::ID;
     const auto ePixel1 = static_cast<EPixelType::ID>(1);
     const SLink xDimension = Plain("Invalid image dimension", "Create", c_pcFile);
-    const struct
-    {
-        CQxImageFormat xFormat;
-        SLink xFailure;
-    } c_vCases[] = {
+    const SLink xUnknownData = Plain("Unknown data type 'Unknown'", "GetBytesPerChannel", c_pcFormatFile);
+    const SLink xUnknownPixel = Plain("Unknown pixel type", "GetComponentCount", c_pcFormatFile);
+    const std::pair<CQxImageFormat, SLink> c_vCases[] = {
         {{}, xDimension},
-        {{0, 3, EDataType::UByte, EPixelType::RGB}, xDimension},
-        {{4, 0, EDataType::Packed10, EPixelType::RGB}, xDimension},
-        {{4, 3, EDataType::Void, EPixelType::RGB}, xDimension},
-        {{4, 3, EDataType::UByte, EPixelType::None}, xDimension},
-        {{-4, -3, EDataType::UByte, EPixelType::Lum}, xDimension},
-        {{-4, 3, EDataType::Integral10, EPixelType::Lum}, xDimension},
+        {{0, 3, UByte, RGB}, xDimension},
+        {{4, 0, Packed10, RGB}, xDimension},
+        {{4, 3, Void, RGB}, xDimension},
+        {{4, 3, UByte, None}, xDimension},
+        {{-4, -3, UByte, Lum}, xDimension},
+        {{-4, 3, Integral10, Lum}, xDimension},
         // 2^32 bytes and more: the first would count as none, the last but one as a few, the last as too few.
-        {{65536, 65536, EDataType::UByte, EPixelType::Lum}, xDimension},
-        {{65536, 16385, EDataType::UByte, EPixelType::RGBA}, xDimension},
-        {{INT_MAX, INT_MAX, EDataType::Double, EPixelType::RGBA}, xDimension},
-        {{60000, 60000, EDataType::Integral10, EPixelType::Lum}, xDimension},
-        {{4, 3, static_cast<EDataType::ID>(9), EPixelType::Lum},
-         Plain("Unknown data type 'Unknown'", "GetBytesPerChannel", c_pcFormatFile)},
-        {{4, 3, EDataType::UByte, ePixel1}, Plain("Unknown pixel type", "GetComponentCount", c_pcFormatFile)},
-        {{4, 3, EDataType::Packed12, ePixel1}, Plain("Unknown pixel type", "GetComponentCount", c_pcFormatFile)}};
+        {{65536, 65536, UByte, Lum}, xDimension},
+        {{65536, 16385, UByte, RGBA}, xDimension},
+        {{INT_MAX, INT_MAX, Double, RGBA}, xDimension},
+        {{60000, 60000, Integral10, Lum}, xDimension},
+        {{4, 3, static_cast<EDataType::ID>(9), Lum}, xUnknownData},
+        {{4, 3, UByte, ePixel1}, xUnknownPixel},
+        {{4, 3, Packed12, ePixel1}, xUnknownPixel},
+    };
     CQxDeviceImage1D xImage(c_xFormat);
     void* const pBefore = xImage.GetDevicePointer();
     CPoolRecorder::Reset();
     for (const auto& xCase : c_vCases)
     {
-        EXPECT_TRUE(ThrowsChain([&] { xImage.Create(xCase.xFormat); }, {xCase.xFailure}));
-        EXPECT_TRUE(ThrowsChain([&] { CQxDeviceImage1D{xCase.xFormat}; }, {xCase.xFailure}));
+        EXPECT_TRUE(ThrowsChain([&] { xImage.Create(xCase.first); }, {xCase.second}));
+        EXPECT_TRUE(ThrowsChain([&] { CQxDeviceImage1D{xCase.first}; }, {xCase.second}));
         EXPECT_EQ(xImage.GetDevicePointer(), pBefore);
         EXPECT_EQ(xImage.GetFormat(), c_xFormat);
     }
     EXPECT_EQ(CPoolRecorder::sm_iGetLinear + CPoolRecorder::sm_iRelease, 0);
-}
 
-// The 32-bit count of this format wraps on the way to a value that would fit: the memory must not follow it.
-TEST_F(DeviceImage1D, CountsTheBytesOfPackedPixelsWithoutWrapping)
-{
+    // The 32-bit count of this format wraps on the way to a value that would fit: the memory must not follow it.
     CPoolRecorder::sm_eFailGet = CPoolRecorder::EFailure::QxException;
-    CQxDeviceImage1D xImage;
-    EXPECT_THROW(xImage.Create(CQxImageFormat(20000, 20000, EDataType::Packed12, EPixelType::Lum)), CQxException);
+    EXPECT_THROW(CQxDeviceImage1D(CQxImageFormat(20000, 20000, Packed12, Lum)), CQxException);
     EXPECT_EQ(CPoolRecorder::sm_nWidth, 600000000U);
 }
 

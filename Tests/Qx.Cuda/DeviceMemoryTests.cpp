@@ -1,5 +1,6 @@
 #include <array>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -40,25 +41,24 @@ SLink FreeFailed(cudaError_t eError)
 
 TEST(DeviceMMU, PassesArgumentsOnAndReturnsWhatCudaAllocated)
 {
-    const auto Argument = [](const char* pcCall, std::size_t nIndex)
+    // What the only call of the name was given but for the first arguments.
+    const auto Arguments = [](const char* pcCall, std::ptrdiff_t iFirst)
     {
         EXPECT_EQ(CCudaRecorder::Count(pcCall), 1U);
-        return CCudaRecorder::Last(pcCall).vArguments[nIndex];
+        auto vArguments = CCudaRecorder::Last(pcCall).vArguments;
+        vArguments.erase(vArguments.begin(), vArguments.begin() + iFirst);
+        return vArguments;
     };
-    void* const pLinear = MMU::QxCudaMalloc(1000, 4);
-    EXPECT_EQ(Argument("cudaMalloc", 1), 4000U);
+    using Values = std::vector<std::uint64_t>;
     std::size_t nPitch = 0;
-    void* const pPitched = MMU::QxCudaMallocPitch(nPitch, 100, 3);
-    EXPECT_EQ(Argument("cudaMallocPitch", 1), reinterpret_cast<std::uintptr_t>(&nPitch));
-    EXPECT_EQ(Argument("cudaMallocPitch", 2), 100U);
-    EXPECT_EQ(Argument("cudaMallocPitch", 3), 3U);
-    EXPECT_GE(nPitch, 100U);
     const cudaChannelFormatDesc xFloat{32, 0, 0, 0, cudaChannelFormatKindFloat};
+    void* const pLinear = MMU::QxCudaMalloc(1000, 4);
+    void* const pPitched = MMU::QxCudaMallocPitch(nPitch, 100, 3);
     cudaArray* const pArray = MMU::QxCudaMallocArray(xFloat, 16, 8);
-    EXPECT_EQ(Argument("cudaMallocArray", 1), reinterpret_cast<std::uintptr_t>(&xFloat));
-    EXPECT_EQ(Argument("cudaMallocArray", 2), 16U);
-    EXPECT_EQ(Argument("cudaMallocArray", 3), 8U);
-    EXPECT_EQ(Argument("cudaMallocArray", 4), 2U);
+    EXPECT_EQ(Arguments("cudaMalloc", 1), (Values{4000}));
+    EXPECT_EQ(Arguments("cudaMallocPitch", 1), (Values{reinterpret_cast<std::uintptr_t>(&nPitch), 100, 3}));
+    EXPECT_EQ(Arguments("cudaMallocArray", 1), (Values{reinterpret_cast<std::uintptr_t>(&xFloat), 16, 8, 2}));
+    EXPECT_GE(nPitch, 100U);
     EXPECT_EQ(CCudaRecorder::LiveAllocations(), 3U);
     MMU::QxCudaFree(pLinear);
     MMU::QxCudaFree(pPitched);
@@ -74,45 +74,44 @@ TEST(DeviceMMU, PassesArgumentsOnAndReturnsWhatCudaAllocated)
 TEST(DeviceMMU, TurnsEachFailureIntoTheExceptionOfItsKind)
 {
     std::size_t nPitch = 7;
-    const std::map<std::string, std::function<void()>> xOperations{
-        {"cudaMalloc", [] { MMU::QxCudaMalloc(4, 4); }},
-        {"cudaMallocPitch", [&] { MMU::QxCudaMallocPitch(nPitch, 4, 4); }},
-        {"cudaMallocArray", [] { MMU::QxCudaMallocArray(c_xDesc, 4, 4); }},
-        {"cudaFree", [] { MMU::QxCudaFree(nullptr); }},
-        {"cudaFreeArray", [] { MMU::QxCudaFreeArray(nullptr); }},
-    };
+    const auto Linear = [] { MMU::QxCudaMalloc(4, 4); };
+    const auto Pitched = [&] { MMU::QxCudaMallocPitch(nPitch, 4, 4); };
+    const auto Array = [] { MMU::QxCudaMallocArray(c_xDesc, 4, 4); };
     const auto Failed = [](const char* pcMessage, cudaError_t eError, const char* pcFunction)
     { return Cuda(pcMessage, eError, pcFunction, c_pcMmuFile); };
     const char* const pcLinear = "Error allocating CUDA memory";
     const char* const pcArray = "Error allocating CUDA array memory";
-    const cudaError_t eDescriptor = cudaErrorInvalidChannelDescriptor;
+    constexpr auto c_eFull = cudaErrorMemoryAllocation;
+    constexpr auto c_eChannel = cudaErrorInvalidChannelDescriptor;
+    constexpr auto c_eValue = cudaErrorInvalidValue;
+    const SLink xChannel =
+        Plain("Error allocating CUDA array memory. Invalid channel descriptor (x: 8, y: 8, z: 8, w: 0, f: Unsigned)",
+              "QxCudaMallocArray", c_pcMmuFile);
+    const SLink xNotFreed = Failed("Error freeing CUDA array memory", c_eChannel, "QxCudaFreeArray");
     const struct
     {
         const char* pcCall;
         cudaError_t eError;
         SLink xLink;
         bool bErrorStays;
+        std::function<void()> Run;
     } vCases[]{
-        {"cudaMalloc", cudaErrorMemoryAllocation, OutOfMemory("QxCudaMalloc"), true},
-        {"cudaMalloc", eDescriptor, Failed(pcLinear, eDescriptor, "QxCudaMalloc"), false},
-        {"cudaMallocPitch", cudaErrorMemoryAllocation, OutOfMemory("QxCudaMallocPitch"), true},
-        {"cudaMallocPitch", eDescriptor, Failed(pcLinear, eDescriptor, "QxCudaMallocPitch"), false},
-        {"cudaMallocArray", cudaErrorMemoryAllocation, OutOfMemory("QxCudaMallocArray"), true},
-        {"cudaMallocArray", cudaErrorInvalidValue, Failed(pcArray, cudaErrorInvalidValue, "QxCudaMallocArray"), false},
-        {"cudaMallocArray", eDescriptor,
-         Plain("Error allocating CUDA array memory. Invalid channel descriptor (x: 8, y: 8, z: 8, w: 0, f: Unsigned)",
-               "QxCudaMallocArray", c_pcMmuFile),
-         true},
-        {"cudaFree", cudaErrorMemoryAllocation, FreeFailed(cudaErrorMemoryAllocation), false},
-        {"cudaFreeArray", eDescriptor, Failed("Error freeing CUDA array memory", eDescriptor, "QxCudaFreeArray"),
-         false},
+        {"cudaMalloc", c_eFull, OutOfMemory("QxCudaMalloc"), true, Linear},
+        {"cudaMalloc", c_eChannel, Failed(pcLinear, c_eChannel, "QxCudaMalloc"), false, Linear},
+        {"cudaMallocPitch", c_eFull, OutOfMemory("QxCudaMallocPitch"), true, Pitched},
+        {"cudaMallocPitch", c_eChannel, Failed(pcLinear, c_eChannel, "QxCudaMallocPitch"), false, Pitched},
+        {"cudaMallocArray", c_eFull, OutOfMemory("QxCudaMallocArray"), true, Array},
+        {"cudaMallocArray", c_eValue, Failed(pcArray, c_eValue, "QxCudaMallocArray"), false, Array},
+        {"cudaMallocArray", c_eChannel, xChannel, true, Array},
+        {"cudaFree", c_eFull, FreeFailed(c_eFull), false, [] { MMU::QxCudaFree(nullptr); }},
+        {"cudaFreeArray", c_eChannel, xNotFreed, false, [] { MMU::QxCudaFreeArray(nullptr); }},
     };
     for (const auto& xCase : vCases)
     {
         SCOPED_TRACE(xCase.xLink.sMessage);
         CCudaRecorder::Reset();
         CCudaRecorder::FailCall(xCase.pcCall, 1, xCase.eError);
-        EXPECT_TRUE(ThrowsChain(xOperations.at(xCase.pcCall), {xCase.xLink}));
+        EXPECT_TRUE(ThrowsChain(xCase.Run, {xCase.xLink}));
         EXPECT_EQ(CCudaRecorder::Count(xCase.pcCall), 1U);
         EXPECT_EQ(cudaGetLastError(), xCase.bErrorStays ? xCase.eError : cudaSuccess);
     }
@@ -200,24 +199,20 @@ TEST(DeviceMemoryList, FreesItsBlocksInOrderAndOnce)
     EXPECT_EQ(CCudaRecorder::Count("cudaFree"), 2U);
 }
 
-TEST(DeviceMemoryList, FailurePartWayKeepsExactlyWhatIsNotFreed)
+TEST(DeviceMemoryList, AFailureKeepsExactlyWhatIsNotFreedAndIsDroppedByTheDestructor)
 {
-    for (int iFailing = 1; iFailing <= 3; ++iFailing)
+    for (const std::size_t nFailing : {0U, 1U, 2U})
     {
-        SCOPED_TRACE(iFailing);
+        SCOPED_TRACE(nFailing);
         SList xObject(3);
-        CCudaRecorder::FailCall("cudaFree", iFailing, cudaErrorUnknown);
+        CCudaRecorder::FailCall("cudaFree", static_cast<int>(nFailing) + 1, cudaErrorUnknown);
         EXPECT_TRUE(ThrowsChain([&] { xObject.xList.DeleteAll(); }, {c_xDeletingAll, FreeFailed(cudaErrorUnknown)}));
         EXPECT_EQ(xObject.xList.GetTotalAllocSize(), 24U);
         CCudaRecorder::Reset();
         xObject.xList.DeleteAll();
-        EXPECT_EQ(xObject.Freed(), std::string("012").substr(static_cast<std::size_t>(iFailing) - 1));
+        EXPECT_EQ(xObject.Freed(), std::string("012").substr(nFailing));
         EXPECT_EQ(xObject.xList.GetTotalAllocSize(), 0U);
     }
-}
-
-TEST(DeviceMemoryList, DestructorDropsAFailure)
-{
     void* pBlock = nullptr;
     {
         SList xObject(1);

@@ -1,6 +1,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstring>
+#include <future>
 #include <set>
 #include <string>
 #include <thread>
@@ -92,24 +94,27 @@ __global__ void CountPixels(SDeviceImageDesc2D xImage)
     }
 }
 
+/// Counts every pixel of an image of the format in a launch that is sized for it; returns how many were counted once.
+std::ptrdiff_t PixelsCountedOnce(const CQxImageFormat& xFormat)
+{
+    CQxDeviceImage2D xImage(xFormat);
+    xImage.SetZero();
+    CQxCudaComp xComp;
+    xComp.EvalKernelDim_2D_1D(xFormat, 32, 4);
+    xComp.Begin("CountPixels", nullptr);
+    LaunchKernel<CountPixels>(xComp, nullptr, xImage.GetDesc());
+    xComp.End("CountPixels", nullptr);
+    CQxImage xHost;
+    xImage.CopyTo(xHost);
+    const auto* const pCounts = static_cast<const unsigned int*>(xHost.GetDataPtr());
+    return std::count(pCounts, pCounts + xFormat.iWidth * xFormat.iHeight, 1U);
+}
+
 TEST(LaunchKernel, CoversEveryPixelOfAnImageOnce)
 {
     for (const auto& [iWidth, iHeight] : {std::pair{1, 1}, {31, 2}, {257, 5}, {640, 480}})
     {
-        const CQxImageFormat xFormat{iWidth, iHeight, EDataType::UInt, EPixelType::Lum};
-        CQxDeviceImage2D xImage(xFormat);
-        xImage.SetZero();
-        CQxCudaComp xComp;
-        xComp.EvalKernelDim_2D_1D(xFormat, 32, 4);
-        xComp.Begin("CountPixels", nullptr);
-        LaunchKernel<CountPixels>(xComp, nullptr, xImage.GetDesc());
-        xComp.End("CountPixels", nullptr);
-        CQxImage xHost;
-        xImage.CopyTo(xHost);
-        const auto nPixels = static_cast<std::size_t>(iWidth) * static_cast<std::size_t>(iHeight);
-        const auto* const pCounts = static_cast<const unsigned int*>(xHost.GetDataPtr());
-        EXPECT_EQ(static_cast<std::size_t>(std::count(pCounts, pCounts + nPixels, 1U)), nPixels)
-            << iWidth << " x " << iHeight;
+        EXPECT_EQ(PixelsCountedOnce({iWidth, iHeight, EDataType::UInt, EPixelType::Lum}), iWidth * iHeight);
     }
 }
 
@@ -131,39 +136,24 @@ __global__ void CountThreads(unsigned int* pCounts, unsigned int uCount)
 
 TEST(LaunchKernel, CoversEveryThreadOnce)
 {
-    const auto Expect = [](const CDeviceData<unsigned int>& xCounts, const char* pcWhat)
+    const auto Check = [](unsigned int uThreads, auto&& xLaunch)
     {
+        const CDeviceData<unsigned int> xCounts(uThreads);
+        xLaunch(xCounts.Get());
         ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
-        const auto vCounts = xCounts.Read();
-        EXPECT_EQ(static_cast<std::size_t>(std::count(vCounts.begin(), vCounts.end(), 1U)), vCounts.size()) << pcWhat;
+        EXPECT_EQ(xCounts.Read(), std::vector<unsigned int>(uThreads, 1)) << uThreads;
     };
-    for (const unsigned int uThreads : {1U, 255U, 100000U})
+    // The last needs more blocks than fit into one dimension of the grid.
+    for (const auto& [uThreads, uBlock] : {std::pair{1U, 256U}, {255U, 256U}, {100000U, 256U}, {70000U, 1U}})
     {
-        const CDeviceData<unsigned int> xCounts(uThreads);
         CQxCudaComp xComp;
-        xComp.SetKernelConfiguration(uThreads, 256);
-        LaunchKernel<CountThreads>(xComp, nullptr, xCounts.Get(), uThreads);
-        Expect(xCounts, "configured");
+        xComp.SetKernelConfiguration(uThreads, uBlock);
+        EXPECT_EQ(xComp.GetGrid().y, uBlock == 1 ? 2U : 1U);
+        Check(uThreads, [&, uCount = uThreads](unsigned int* pCounts)
+              { LaunchKernel<CountThreads>(xComp, nullptr, pCounts, uCount); });
     }
-    // More blocks than fit into one dimension of the grid.
-    {
-        const CDeviceData<unsigned int> xCounts(70000);
-        CQxCudaComp xComp;
-        xComp.SetKernelConfiguration(70000, 1);
-        EXPECT_EQ(xComp.GetGrid().y, 2U);
-        LaunchKernel<CountThreads>(xComp, nullptr, xCounts.Get(), 70000U);
-        Expect(xCounts, "two rows of blocks");
-    }
-    for (const auto& [xGrid, xBlock] : {std::pair{dim3(7), dim3(3)},
-                                        {dim3(2, 3), dim3(5, 4)},
-                                        {dim3(3, 2, 4), dim3(2, 3, 5)},
-                                        {dim3(1, 1, 2), dim3(1, 1, 64)}})
-    {
-        const unsigned int uThreads = xGrid.x * xGrid.y * xGrid.z * xBlock.x * xBlock.y * xBlock.z;
-        const CDeviceData<unsigned int> xCounts(uThreads);
-        LaunchKernel<CountThreads>(xGrid, xBlock, nullptr, xCounts.Get(), uThreads);
-        Expect(xCounts, "explicit dimensions");
-    }
+    Check(720, [](unsigned int* pCounts)
+          { LaunchKernel<CountThreads>(dim3(3, 2, 4), dim3(2, 3, 5), nullptr, pCounts, 720U); });
 }
 
 struct SStep
@@ -212,31 +202,6 @@ TEST(LaunchKernel, KeepsTheOrderOfAStream)
     }
     ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
     EXPECT_EQ(xValue.Read().front(), fExpected);
-}
-
-// Waits for the kernel of the other stream, though not for ever.
-__global__ void Meet(int* pCounters)
-{
-    atomicAdd(&pCounters[0], 1);
-    for (long long iPatience = 0; iPatience < 1000000000LL; ++iPatience)
-    {
-        if (atomicAdd(&pCounters[0], 0) >= 2)
-        {
-            atomicAdd(&pCounters[1], 1);
-            return;
-        }
-    }
-}
-
-TEST(LaunchKernel, KernelsOfTwoStreamsRunAtTheSameTime)
-{
-    const CDeviceData<int> xCounters(2);
-    const CStream xFirst;
-    const CStream xSecond;
-    LaunchKernel<Meet>(dim3(1), dim3(1), xFirst, xCounters.Get());
-    LaunchKernel<Meet>(dim3(1), dim3(1), xSecond, xCounters.Get());
-    ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
-    EXPECT_EQ(xCounters.Read()[1], 2);
 }
 
 TEST(LaunchKernel, EndWaitsForItsOwnStreamOnly)
@@ -318,15 +283,15 @@ void ExpectReportAndRecovery(const char* pcKernel)
         LaunchKernel<Kernel>(xComp, nullptr);
         // The kernel starts when End has recorded its event, which a fault would prevent.
         CCudaRecorder::Reset();
-        const auto xRelease = std::async(std::launch::async,
-                                         [&]
-                                         {
-                                             while (CCudaRecorder::Count("cudaEventRecord") == 0)
-                                             {
-                                                 std::this_thread::yield();
-                                             }
-                                             xHold.Release();
-                                         });
+        const auto ReleaseAfterRecord = [&]
+        {
+            while (CCudaRecorder::Count("cudaEventRecord") == 0)
+            {
+                std::this_thread::yield();
+            }
+            xHold.Release();
+        };
+        const auto xRelease = std::async(std::launch::async, ReleaseAfterRecord);
         try
         {
             xComp.End(pcKernel, nullptr);
@@ -351,17 +316,7 @@ void ExpectReportAndRecovery(const char* pcKernel)
     GPU::CResourceManager::ForgetDevice(0);
     static_cast<void>(cudaGetLastError());
 
-    const CQxImageFormat xFormat{8, 8, EDataType::UInt, EPixelType::Lum};
-    CQxDeviceImage2D xImage(xFormat);
-    xImage.SetZero();
-    CQxCudaComp xComp;
-    xComp.EvalKernelDim_2D_1D(xFormat, 32, 1);
-    xComp.Begin("CountPixels", nullptr);
-    LaunchKernel<CountPixels>(xComp, nullptr, xImage.GetDesc());
-    xComp.End("CountPixels", nullptr);
-    CQxImage xHost;
-    xImage.CopyTo(xHost);
-    EXPECT_EQ(static_cast<const unsigned int*>(xHost.GetDataPtr())[63], 1U);
+    EXPECT_EQ(PixelsCountedOnce({8, 8, EDataType::UInt, EPixelType::Lum}), 64);
 }
 
 TEST(LaunchKernel, AFaultIsReportedByEndAndGoneAfterAReset)
@@ -396,27 +351,23 @@ TEST(LaunchKernel, DebugChannelHoldsWhatKernelsReportUpToItsCapacity)
         CQxCudaComp xComp;
         xComp.SetKernelConfiguration(300, 100);
         xComp.SetDebugKind(static_cast<CudaDebug::EKind>(7));
-        for (int iRound = 0; iRound < 2; ++iRound)
+        xComp.Begin("Report", nullptr);
+        LaunchKernel<Report>(xComp, nullptr, xDebug, xComp.GetDebugKind());
+        xComp.End("Report", nullptr);
+        EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), 300);
+        std::vector<SItem> vItems;
+        CQxCudaCompDebug::GetDebugItems(vItems);
+        EXPECT_EQ(vItems.size(), static_cast<std::size_t>(std::min(iCapacity, 300)));
+        std::set<int> vThreads;
+        for (const SItem& xItem : vItems)
         {
-            xDebug.ResetCounter();
-            xComp.Begin("Report", nullptr);
-            LaunchKernel<Report>(xComp, nullptr, xDebug, xComp.GetDebugKind());
-            xComp.End("Report", nullptr);
-            EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), 300);
-            std::vector<SItem> vItems;
-            CQxCudaCompDebug::GetDebugItems(vItems);
-            EXPECT_EQ(vItems.size(), static_cast<std::size_t>(std::min(iCapacity, 300)));
-            std::set<int> vThreads;
-            for (const SItem& xItem : vItems)
-            {
-                EXPECT_TRUE(xItem.bFlag);
-                EXPECT_EQ(xItem.aiPosition[3], 7);
-                EXPECT_EQ(xItem.afValue[8], static_cast<float>(2 * xItem.aiPosition[0]));
-                vThreads.insert(xItem.aiPosition[0]);
-            }
-            EXPECT_EQ(vThreads.size(), vItems.size()) << "a thread reported twice";
-            EXPECT_TRUE(vThreads.empty() || (*vThreads.begin() >= 0 && *vThreads.rbegin() < 300));
+            EXPECT_TRUE(xItem.bFlag);
+            EXPECT_EQ(xItem.aiPosition[3], 7);
+            EXPECT_EQ(xItem.afValue[8], static_cast<float>(2 * xItem.aiPosition[0]));
+            vThreads.insert(xItem.aiPosition[0]);
         }
+        EXPECT_EQ(vThreads.size(), vItems.size()) << "a thread reported twice";
+        EXPECT_TRUE(*vThreads.begin() >= 0 && *vThreads.rbegin() < 300);
         xDebug.Delete();
     }
 }
@@ -474,21 +425,17 @@ TEST(LaunchKernel, ALibraryThatIsLoadedLaterBringsItsKernelsAndConstantsAndTakes
         ASSERT_TRUE(FillDescribed != nullptr && Throw != nullptr && KeepImage != nullptr);
         {
             const CStream xStream;
-            for (const auto& [iWidth, iHeight] : {std::pair{100, 50}, {33, 2}})
+            const CQxDeviceImage2D xImage(CQxImageFormat{33, 50, EDataType::UByte, EPixelType::Lum});
+            FillDescribed(xImage, 7, xStream);
+            ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
+            CQxImage xHost;
+            xImage.CopyTo(xHost);
+            std::vector<unsigned char> vExpected;
+            for (int iPixel = 0; iPixel < 33 * 50; ++iPixel)
             {
-                const CQxDeviceImage2D xImage(CQxImageFormat{iWidth, iHeight, EDataType::UByte, EPixelType::Lum});
-                FillDescribed(xImage, 7, xStream);
-                ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
-                CQxImage xHost;
-                xImage.CopyTo(xHost);
-                int iWrong = 0;
-                for (int iPixel = 0; iPixel < iWidth * iHeight; ++iPixel)
-                {
-                    const int iExpected = (7 + iPixel % iWidth + 3 * (iPixel / iWidth)) % 256;
-                    iWrong += static_cast<const unsigned char*>(xHost.GetDataPtr())[iPixel] == iExpected ? 0 : 1;
-                }
-                EXPECT_EQ(iWrong, 0) << iWidth << " x " << iHeight;
+                vExpected.push_back(static_cast<unsigned char>(7 + iPixel % 33 + 3 * (iPixel / 33)));
             }
+            EXPECT_EQ(std::memcmp(xHost.GetDataPtr(), vExpected.data(), vExpected.size()), 0);
         }
         // Exceptions are the same types on both sides of the boundary.
         CQxDeviceImage2D xImage;
@@ -501,40 +448,6 @@ TEST(LaunchKernel, ALibraryThatIsLoadedLaterBringsItsKernelsAndConstantsAndTakes
         EXPECT_EQ(dlopen(QX_KERNEL_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is still loaded";
         EXPECT_EQ(GPU::CResourceManager::GetStatistics().nBlocksInUse, 0U) << "its image is still there";
     }
-}
-
-__global__ void Contend(int* pInts, unsigned int* pUnsigned, float* pFloat)
-{
-    const unsigned int uIndex = GetIndex();
-    const int iIndex = static_cast<int>(uIndex);
-    atomicAdd(&pInts[0], -1);
-    atomicSub(&pInts[1], -2);
-    atomicMin(&pInts[2], -iIndex);
-    atomicMax(&pInts[3], iIndex);
-    atomicCAS(&pInts[4], 0, 5);
-    atomicAdd(&pUnsigned[0], 1);
-    atomicOr(&pUnsigned[1], 1U << (uIndex % 32));
-    atomicMax(&pUnsigned[2], ~uIndex);
-    atomicAdd(&pUnsigned[3], atomicExch(&pUnsigned[4], uIndex));
-    atomicAnd(&pUnsigned[5], uIndex);
-    atomicAdd(pFloat, __saturatef(2.0F));
-}
-
-TEST(LaunchKernel, AtomicsLoseNothingUnderContention)
-{
-    constexpr unsigned int c_uThreads = 256 * 250;
-    const CDeviceData<int> xInts(5);
-    const CDeviceData<unsigned int> xUnsigned(6);
-    const CDeviceData<float> xFloat;
-    LaunchKernel<Contend>(dim3(250), dim3(256), nullptr, xInts.Get(), xUnsigned.Get(), xFloat.Get());
-    ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
-    constexpr int c_iThreads = static_cast<int>(c_uThreads);
-    EXPECT_EQ(xInts.Read(), (std::vector<int>{-c_iThreads, 2 * c_iThreads, 1 - c_iThreads, c_iThreads - 1, 5}));
-    auto vUnsigned = xUnsigned.Read();
-    EXPECT_EQ(vUnsigned[3] + vUnsigned[4], c_uThreads / 2 * (c_uThreads - 1));
-    vUnsigned[3] = vUnsigned[4] = 0;
-    EXPECT_EQ(vUnsigned, (std::vector<unsigned int>{c_uThreads, ~0U, ~0U, 0, 0, 0}));
-    EXPECT_EQ(xFloat.Read().front(), static_cast<float>(c_uThreads));
 }
 
 } // namespace

@@ -174,16 +174,21 @@ TYPED_TEST(MatrixMath, MakesOneCallWithTheseArguments)
     xMath.MultWithTranspose(*pA, *pP);
     xMath.SumAbs(*pX);
     const auto vCalls = CCudaRecorder::Calls();
+    const bool bFloat = TestFixture::c_bFloat;
+    const std::string sAsum = bFloat ? "cublasSasum_v2" : "cublasDasum_v2";
+    EXPECT_EQ(CCudaRecorder::CallNames(),
+              (std::vector<std::string>{bFloat ? "cublasSgemv_v2" : "cublasDgemv_v2",
+                                        bFloat ? "cublasSsyrk_v2" : "cublasDsyrk_v2", sAsum}));
     ASSERT_EQ(vCalls.size(), 3U);
-    EXPECT_EQ(vCalls[0].sName, TestFixture::c_bFloat ? "cublasSgemv_v2" : "cublasDgemv_v2");
-    EXPECT_EQ(vCalls[0].vArguments, (Arguments{uHandle, CUBLAS_OP_T, 2, 3, 1, Address(pA->GetDataPtr()), 2,
-                                               Address(pX->GetDataPtr()), 1, 0, Address(pY->GetDataPtr()), 1}));
-    EXPECT_EQ(vCalls[1].sName, TestFixture::c_bFloat ? "cublasSsyrk_v2" : "cublasDsyrk_v2");
-    EXPECT_EQ(vCalls[1].vArguments, (Arguments{uHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, 3, 2, 1,
-                                               Address(pA->GetDataPtr()), 2, 0, Address(pP->GetDataPtr()), 3}));
-    EXPECT_EQ(vCalls[2].sName, TestFixture::c_bFloat ? "cublasSasum_v2" : "cublasDasum_v2");
+    const std::uint64_t uA = Address(pA->GetDataPtr());
+    const std::uint64_t uX = Address(pX->GetDataPtr());
+    const std::uint64_t uY = Address(pY->GetDataPtr());
+    const std::uint64_t uP = Address(pP->GetDataPtr());
+    EXPECT_EQ(vCalls[0].vArguments, (Arguments{uHandle, CUBLAS_OP_T, 2, 3, 1, uA, 2, uX, 1, 0, uY, 1}));
+    EXPECT_EQ(vCalls[1].vArguments,
+              (Arguments{uHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, 3, 2, 1, uA, 2, 0, uP, 3}));
     EXPECT_EQ((Arguments{vCalls[2].vArguments.begin(), vCalls[2].vArguments.end() - 1}),
-              (Arguments{uHandle, 1, Address(pX->GetDataPtr()), 1}));
+              (Arguments{uHandle, 1, uX, 1}));
     EXPECT_EQ(pP->GetRowCount(), 3U);
     EXPECT_EQ(pP->GetColCount(), 3U);
 
@@ -204,7 +209,7 @@ TYPED_TEST(MatrixMath, MakesOneCallWithTheseArguments)
     EXPECT_EQ(xMath.SumAbs(*this->_Upload(xShort)), 3.0);
     CCudaRecorder::Reset();
     EXPECT_EQ(xMath.SumAbs(*this->_Upload(this->_HostVector(1))), 0.0);
-    EXPECT_EQ(CCudaRecorder::Last(vCalls[2].sName.c_str()).vArguments[1], 0U);
+    EXPECT_EQ(CCudaRecorder::Last(sAsum.c_str()).vArguments[1], 0U);
     EXPECT_EQ(typename TypeParam::Math(nullptr).SumAbs(typename TestFixture::Vector()), 0.0);
 }
 
@@ -236,23 +241,17 @@ TYPED_TEST(MatrixMath, RefusesWhatCublasWouldNotNotice)
     typename F::Matrix xWide;
     xWide.Resize(0, UINT64_MAX); // fits the size of the failed vector
 
-    const auto Mult = [](const char* pcMessage) {
-        return std::vector<SLink>{F::c_xMult, Plain(pcMessage, "Mult", c_pcFile)};
-    };
+    const auto Mult = [](const char* pcMessage) { return std::vector{F::c_xMult, Plain(pcMessage, "Mult", c_pcFile)}; };
     const auto Syrk = [](const char* pcMessage) {
-        return std::vector<SLink>{F::c_xSyrk, Plain(pcMessage, "MultWithTranspose", c_pcFile)};
+        return std::vector{F::c_xSyrk, Plain(pcMessage, "MultWithTranspose", c_pcFile)};
     };
-    const auto Sum = [](const char* pcMessage) { return std::vector<SLink>{Plain(pcMessage, "SumAbs", c_pcFile)}; };
+    const auto Sum = [](const char* pcMessage) { return std::vector{Plain(pcMessage, "SumAbs", c_pcFile)}; };
     const char* const pcFit = "Matrix sizes don't fit";
     const char* const pcNull = "Nullptr --> CLUBLAS is not initialized";
     const char* const pcZero = "Matrix size is zero";
     const char* const pcIncomplete = "Operand is not complete on the device";
     const char* const pcAlias = "Result is an operand";
-    const struct
-    {
-        std::function<void()> xStep;
-        std::vector<SLink> vChain;
-    } vCases[]{
+    const std::pair<std::function<void()>, std::vector<SLink>> vCases[]{
         {[&] { xNull.Mult(*pA, *pY, *pY); }, Mult(pcFit)}, // sizes come first
         {[&] { xNull.Mult(*pA, *pX, *pX); }, Mult(pcNull)},
         {[&] { xMath.Mult(xBroken, *pX, *pY); }, Mult(pcIncomplete)},
@@ -269,11 +268,10 @@ TYPED_TEST(MatrixMath, RefusesWhatCublasWouldNotNotice)
         {[&] { xNull.SumAbs(xFailed); }, Sum(pcNull)},
         {[&] { xMath.SumAbs(xFailed); }, Sum(pcIncomplete)},
     };
-    for (const auto& xCase : vCases)
+    for (const auto& [xStep, vChain] : vCases)
     {
-        SCOPED_TRACE(&xCase - vCases);
         CCudaRecorder::Reset();
-        EXPECT_TRUE(ThrowsChain(xCase.xStep, xCase.vChain));
+        EXPECT_TRUE(ThrowsChain(xStep, vChain));
         EXPECT_TRUE(CCudaRecorder::Calls().empty()) << "results stay untouched and cuBLAS is not called";
     }
     EXPECT_EQ(pX->GetSize() + pY->GetSize() + pP->GetRowCount() + pSquare->GetRowCount(), 11U);
@@ -295,34 +293,26 @@ TYPED_TEST(MatrixMath, EveryFailingCallIsReportedAndTheResultLeftAsPromised)
     const SLink xAsum = Plain(("CLUBLAS error: cublas" + sType + "asum_v2").c_str(), "SumAbs", c_pcFile);
 
     // The calls are: free, allocate, compute.
-    int iCalls =
-        SweepFailures([&] { return this->_Upload(this->_HostVector(5)); }, [&](auto& pY) { xMath.Mult(*pA, *pX, *pY); },
-                      [&](auto& pY, int iCall, const CQxException& xException)
-                      {
-                          EXPECT_EQ(iCall == 3, bool(IsChain(xException, {F::c_xMult, xGemv})));
-                          EXPECT_STREQ(xException.GetMessageText().ToCString(), F::c_xMult.sMessage.c_str());
-                          EXPECT_EQ(pY->GetSize(), iCall == 3 ? 3U : UINT64_MAX);
-                          EXPECT_EQ(pY->IsValid(), iCall != 2);
-                          xMath.Mult(*pA, *pX, *pY);
-                          EXPECT_EQ(pY->GetSize(), 3U);
-                      });
-    EXPECT_EQ(iCalls, 3);
-    iCalls = SweepFailures([&] { return this->_Upload(this->_HostMatrix(2, 2)); },
-                           [&](auto& pP) { xMath.MultWithTranspose(*pA, *pP); },
-                           [&](auto& pP, int iCall, const CQxException& xException)
-                           {
-                               EXPECT_EQ(iCall == 3, bool(IsChain(xException, {F::c_xSyrk, xSyrk})));
-                               EXPECT_STREQ(xException.GetMessageText().ToCString(), F::c_xSyrk.sMessage.c_str());
-                               EXPECT_EQ(pP->GetRowCount(), iCall == 3 ? 3U : 2U);
-                               EXPECT_EQ(pP->IsValid(), iCall != 2);
-                               xMath.MultWithTranspose(*pA, *pP);
-                               EXPECT_EQ(pP->GetRowCount(), 3U);
-                           });
-    EXPECT_EQ(iCalls, 3);
-    iCalls =
-        SweepFailures([] { return 0; }, [&](int) { xMath.SumAbs(*pX); },
-                      [&](int, int, const CQxException& xException) { EXPECT_TRUE(IsChain(xException, {xAsum})); });
-    EXPECT_EQ(iCalls, 1);
+    const auto Sweep = [](auto&& xPrepare, auto&& xOperation, auto&& xGetSize, const SLink& xOuter, const SLink& xInner,
+                          std::uint64_t nSizeBefore)
+    {
+        const auto Check = [&](auto& pResult, int iCall, const CQxException& xException)
+        {
+            EXPECT_EQ(iCall == 3, bool(IsChain(xException, {xOuter, xInner})));
+            EXPECT_STREQ(xException.GetMessageText().ToCString(), xOuter.sMessage.c_str());
+            EXPECT_EQ(xGetSize(*pResult), iCall == 3 ? 3U : nSizeBefore);
+            EXPECT_EQ(pResult->IsValid(), iCall != 2);
+            xOperation(pResult);
+            EXPECT_EQ(xGetSize(*pResult), 3U);
+        };
+        EXPECT_EQ(SweepFailures(xPrepare, xOperation, Check), 3);
+    };
+    Sweep([&] { return this->_Upload(this->_HostVector(5)); }, [&](auto& pY) { xMath.Mult(*pA, *pX, *pY); },
+          [](const auto& xY) { return xY.GetSize(); }, F::c_xMult, xGemv, UINT64_MAX);
+    Sweep([&] { return this->_Upload(this->_HostMatrix(2, 2)); }, [&](auto& pP) { xMath.MultWithTranspose(*pA, *pP); },
+          [](const auto& xP) { return xP.GetRowCount(); }, F::c_xSyrk, xSyrk, 2);
+    const auto Check = [&](int, int, const CQxException& xException) { EXPECT_TRUE(IsChain(xException, {xAsum})); };
+    EXPECT_EQ(SweepFailures([] { return 0; }, [&](int) { xMath.SumAbs(*pX); }, Check), 1);
 }
 
 } // namespace

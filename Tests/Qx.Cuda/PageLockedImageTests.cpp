@@ -79,20 +79,19 @@ TEST_F(PageLockedImage, BorrowsWhatItsFormatTakesAndMovesItOn)
 
 TEST_F(PageLockedImage, AFailureLeavesItUnchangedUntilItsMemoryHasGone)
 {
-    const struct
-    {
-        CQxImageFormat xFormat;
-        SLink xInner;
-    } c_vRefused[] = {
-        {{-1, 3, EDataType::UByte, EPixelType::Lum}, Plain("Image dimensions are negative", "Create", c_pcFile)},
-        {{INT_MAX, INT_MAX, EDataType::Double, EPixelType::RGBA}, Plain("Image is too large", "Create", c_pcFile)},
-        {{3, 3, EDataType::UByte, static_cast<EPixelType::ID>(1)},
-         Plain("Unknown pixel type", "GetComponentCount", "Qx.Core.Ex/QxImageFormat")}};
+    using enum EDataType::ID;
+    using enum EPixelType::ID;
+    const SLink xUnknown = Plain("Unknown pixel type", "GetComponentCount", "Qx.Core.Ex/QxImageFormat");
+    const std::pair<CQxImageFormat, SLink> c_vRefused[] = {
+        {{-1, 3, UByte, Lum}, Plain("Image dimensions are negative", "Create", c_pcFile)},
+        {{INT_MAX, INT_MAX, Double, RGBA}, Plain("Image is too large", "Create", c_pcFile)},
+        {{3, 3, UByte, static_cast<EPixelType::ID>(1)}, xUnknown},
+    };
     CQxPageLockedImage xImage(c_xFormat);
     const void* const pPixels = xImage.GetDataPtr();
     for (const auto& xCase : c_vRefused)
     {
-        EXPECT_TRUE(ThrowsChain([&] { xImage.Create(xCase.xFormat); }, {c_xCreate, xCase.xInner}));
+        EXPECT_TRUE(ThrowsChain([&] { xImage.Create(xCase.first); }, {c_xCreate, xCase.second}));
         EXPECT_EQ(xImage.GetFormat(), c_xFormat);
     }
     CPoolRecorder::sm_eFailRelease = CPoolRecorder::EFailure::QxException;
@@ -102,22 +101,17 @@ TEST_F(PageLockedImage, AFailureLeavesItUnchangedUntilItsMemoryHasGone)
     EXPECT_EQ(xImage.GetFormat(), c_xFormat);
     EXPECT_EQ(xImage.GetDataPtr(), pPixels);
 
-    for (const auto eFailure : {CPoolRecorder::EFailure::QxException, CPoolRecorder::EFailure::BadAlloc})
-    {
-        CPoolRecorder::Reset();
-        xImage.Create(c_xFormat);
-        CPoolRecorder::sm_eFailGet = eFailure;
-        if (eFailure == CPoolRecorder::EFailure::BadAlloc)
-        {
-            EXPECT_THROW(xImage.Create(c_xOtherFormat), std::bad_alloc);
-        }
-        else
-        {
-            EXPECT_TRUE(ThrowsChain([&] { xImage.Create(c_xOtherFormat); }, {c_xCreate, xPool}));
-        }
-        EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
-        EXPECT_EQ(xImage.GetDataPtr(), nullptr);
-    }
+    CPoolRecorder::Reset();
+    CPoolRecorder::sm_eFailGet = CPoolRecorder::EFailure::QxException;
+    EXPECT_TRUE(ThrowsChain([&] { xImage.Create(c_xOtherFormat); }, {c_xCreate, xPool}));
+    EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
+    EXPECT_EQ(xImage.GetDataPtr(), nullptr);
+    CPoolRecorder::Reset();
+    xImage.Create(c_xFormat);
+    CPoolRecorder::sm_eFailGet = CPoolRecorder::EFailure::BadAlloc;
+    EXPECT_THROW(xImage.Create(c_xOtherFormat), std::bad_alloc);
+    EXPECT_EQ(xImage.GetFormat(), CQxImageFormat{});
+    EXPECT_EQ(xImage.GetDataPtr(), nullptr);
 }
 
 // Everything is queued while the stream waits, and happens in the order of the stream afterwards.
@@ -126,17 +120,16 @@ TEST_F(PageLockedImage, QueuedTransfersReturnAtOnceAndKeepTheirOrder)
     const CQxImage xFirst = MakeImage(c_xFormat);
     const CQxImage xSecond = MakeImage(c_xFormat, 2);
     const CQxImage xZero(c_xFormat);
-    CQxPageLockedImage vHost[5];
-    for (CQxPageLockedImage& xHost : vHost)
+    // The first two are sources, the others targets.
+    SPlaces vHosts[5];
+    for (SPlaces& xHost : vHosts)
     {
-        xHost.Create(c_xFormat);
+        xHost.Fill(EPlace::PageLocked, MakeImage(c_xFormat, 3));
     }
-    const auto Put = [](CQxPageLockedImage& xHost, const CQxImage& xImage)
-    { std::memcpy(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize()); };
-    const auto Holds = [](const CQxPageLockedImage& xHost, const CQxImage& xImage)
-    { return std::memcmp(xHost.GetDataPtr(), xImage.GetDataPtr(), xImage.GetBufferSize()) == 0; };
-    Put(vHost[0], xFirst);
-    Put(vHost[1], xSecond);
+    vHosts[0].Fill(EPlace::PageLocked, xFirst);
+    vHosts[1].Fill(EPlace::PageLocked, xSecond);
+    const auto Holds = [&](int iHost, const CQxImage& xImage)
+    { return HaveSamePixels(vHosts[iHost].Read(EPlace::PageLocked), xImage); };
     CQxDeviceImage2D x2D(xZero);
     CQxDeviceImage1D x1D;
     x1D.Create(xFirst);
@@ -144,12 +137,12 @@ TEST_F(PageLockedImage, QueuedTransfersReturnAtOnceAndKeepTheirOrder)
     CCudaRecorder::Reset();
     const CStreamScope xStream(cudaStreamNonBlocking);
     CHold xHold(xStream);
-    x2D.CreateAsync(&vHost[0], xStream);
-    x2D.CopyToAsync(&vHost[2], xStream);
+    x2D.CreateAsync(&vHosts[0].xPageLocked, xStream);
+    x2D.CopyToAsync(&vHosts[2].xPageLocked, xStream);
     x2D.SetZeroAsync(xStream);
-    x2D.CopyToAsync(&vHost[3], xStream);
-    x2D.CreateAsync(&vHost[1], xStream);
-    x2D.CopyToAsync(&vHost[4], xStream);
+    x2D.CopyToAsync(&vHosts[3].xPageLocked, xStream);
+    x2D.CreateAsync(&vHosts[1].xPageLocked, xStream);
+    x2D.CopyToAsync(&vHosts[4].xPageLocked, xStream);
     x1D.SetZeroAsync(xStream);
     EXPECT_EQ(cudaStreamQuery(xStream), cudaErrorNotReady);
     static_cast<void>(cudaGetLastError());
@@ -157,9 +150,9 @@ TEST_F(PageLockedImage, QueuedTransfersReturnAtOnceAndKeepTheirOrder)
 
     xHold.Release();
     ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
-    EXPECT_TRUE(Holds(vHost[2], xFirst));
-    EXPECT_TRUE(Holds(vHost[3], xZero));
-    EXPECT_TRUE(Holds(vHost[4], xSecond));
+    EXPECT_TRUE(Holds(2, xFirst));
+    EXPECT_TRUE(Holds(3, xZero));
+    EXPECT_TRUE(Holds(4, xSecond));
     CQxImage xResult;
     x1D.CopyTo(xResult);
     EXPECT_TRUE(HaveSamePixels(xResult, xZero));
