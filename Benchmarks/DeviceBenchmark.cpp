@@ -96,17 +96,17 @@ template <typename TStep>
 void _RegisterMove(const char* pcName, std::size_t nBytes, TStep xStep)
 {
     benchmark::RegisterBenchmark(pcName,
-                                 [nBytes, xStep](benchmark::State& xState)
-                                 {
-                                     SLarge x;
-                                     for ([[maybe_unused]] auto _ : xState)
-                                     {
-                                         _Expect(xState, xStep(x));
-                                         _Expect(xState, cudaStreamSynchronize(nullptr));
-                                     }
-                                     xState.SetBytesProcessed(static_cast<std::int64_t>(xState.iterations()) *
-                                                              static_cast<std::int64_t>(nBytes));
-                                 })
+        [nBytes, xStep](benchmark::State& xState)
+        {
+            SLarge x;
+            for ([[maybe_unused]] auto _ : xState)
+            {
+                _Expect(xState, xStep(x));
+                _Expect(xState, cudaStreamSynchronize(nullptr));
+            }
+            xState.SetBytesProcessed(
+                static_cast<std::int64_t>(xState.iterations()) * static_cast<std::int64_t>(nBytes));
+        })
         ->UseRealTime();
 }
 
@@ -117,31 +117,31 @@ int main(int iArguments, char** ppcArguments)
     constexpr std::size_t c_nBytes = SLarge::c_nBytes;
     _RegisterMove("Device/Upload/ordinary", c_nBytes, [](SLarge& x) { return x.xFirst.Create(x.xHost), cudaSuccess; });
     _RegisterMove("Device/Upload/page-locked", c_nBytes,
-                  [](SLarge& x) { return x.xFirst.CreateAsync(&x.xPageLocked, nullptr), cudaSuccess; });
+        [](SLarge& x) { return x.xFirst.CreateAsync(&x.xPageLocked, nullptr), cudaSuccess; });
     _RegisterMove("Device/Upload/link", c_nBytes,
-                  [](SLarge& x)
-                  {
-                      return cudaMemcpyAsync(x.xFirst.GetDevicePointer(), x.xPageLocked.GetDataPtr(), c_nBytes,
-                                             cudaMemcpyHostToDevice, nullptr);
-                  });
-    _RegisterMove("Device/Download/ordinary", c_nBytes,
-                  [](SLarge& x) { return x.xFirst.CopyTo(x.xHost), cudaSuccess; });
+        [](SLarge& x)
+        {
+            return cudaMemcpyAsync(
+                x.xFirst.GetDevicePointer(), x.xPageLocked.GetDataPtr(), c_nBytes, cudaMemcpyHostToDevice, nullptr);
+        });
+    _RegisterMove(
+        "Device/Download/ordinary", c_nBytes, [](SLarge& x) { return x.xFirst.CopyTo(x.xHost), cudaSuccess; });
     _RegisterMove("Device/Download/page-locked", c_nBytes,
-                  [](SLarge& x) { return x.xFirst.CopyToAsync(&x.xPageLocked, nullptr), cudaSuccess; });
+        [](SLarge& x) { return x.xFirst.CopyToAsync(&x.xPageLocked, nullptr), cudaSuccess; });
     _RegisterMove("Device/Download/link", c_nBytes,
-                  [](SLarge& x)
-                  {
-                      return cudaMemcpyAsync(x.xPageLocked.GetDataPtr(), x.xFirst.GetDevicePointer(), c_nBytes,
-                                             cudaMemcpyDeviceToHost, nullptr);
-                  });
+        [](SLarge& x)
+        {
+            return cudaMemcpyAsync(
+                x.xPageLocked.GetDataPtr(), x.xFirst.GetDevicePointer(), c_nBytes, cudaMemcpyDeviceToHost, nullptr);
+        });
     // Every byte is read and written.
     _RegisterMove("Device/Copy/image", 2 * c_nBytes, [](SLarge& x) { return x.xFirst.CopyTo(x.xSecond), cudaSuccess; });
     _RegisterMove("Device/Copy/memory", 2 * c_nBytes,
-                  [](SLarge& x)
-                  {
-                      return cudaMemcpyAsync(x.xSecond.GetDevicePointer(), x.xFirst.GetDevicePointer(), c_nBytes,
-                                             cudaMemcpyDeviceToDevice, nullptr);
-                  });
+        [](SLarge& x)
+        {
+            return cudaMemcpyAsync(
+                x.xSecond.GetDevicePointer(), x.xFirst.GetDevicePointer(), c_nBytes, cudaMemcpyDeviceToDevice, nullptr);
+        });
     benchmark::Initialize(&iArguments, ppcArguments);
     if (benchmark::ReportUnrecognizedArguments(iArguments, ppcArguments))
     {

@@ -65,21 +65,21 @@ struct STransfer
 };
 
 cudaError_t _CopyRows(void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
-                      const SFrame& xFrame, cudaMemcpyKind eKind)
+    const SFrame& xFrame, cudaMemcpyKind eKind)
 {
     return cudaMemcpy2D(pTarget, nTargetPitch, pSource, nSourcePitch, xFrame.RowBytes(), xFrame.Rows(), eKind);
 }
 
 cudaError_t _UploadRows(SFrame& x)
 {
-    return _CopyRows(x.xDevice.GetDevicePointer(), x.nPitch, x.xHost.GetDataPtr(), x.RowBytes(), x,
-                     cudaMemcpyHostToDevice);
+    return _CopyRows(
+        x.xDevice.GetDevicePointer(), x.nPitch, x.xHost.GetDataPtr(), x.RowBytes(), x, cudaMemcpyHostToDevice);
 }
 
 cudaError_t _DownloadRows(SFrame& x)
 {
-    return _CopyRows(x.xHost.GetDataPtr(), x.RowBytes(), x.xDevice.GetDevicePointer(), x.nPitch, x,
-                     cudaMemcpyDeviceToHost);
+    return _CopyRows(
+        x.xHost.GetDataPtr(), x.RowBytes(), x.xDevice.GetDevicePointer(), x.nPitch, x, cudaMemcpyDeviceToHost);
 }
 
 cudaError_t _CopyBytes(void* pTarget, const void* pSource, const SFrame& x, cudaMemcpyKind eKind)
@@ -87,62 +87,61 @@ cudaError_t _CopyBytes(void* pTarget, const void* pSource, const SFrame& x, cuda
     return cudaMemcpy(pTarget, pSource, x.RowBytes() * x.Rows(), eKind);
 }
 
-constexpr STransfer c_axTransfers[] = {
-    {"Upload", [](SFrame& x) { x.xDevice.Create(x.xHost); }, _UploadRows},
+constexpr STransfer c_axTransfers[] = {{"Upload", [](SFrame& x) { x.xDevice.Create(x.xHost); }, _UploadRows},
     {"Download", [](SFrame& x) { x.xDevice.CopyTo(x.xHost); }, _DownloadRows},
     {"UploadClient", [](SFrame& x) { x.xDevice.Create(static_cast<const IImage*>(&x.xHost)); }, _UploadRows, false,
-     false},
+        false},
     {"DownloadClient", [](SFrame& x) { x.xDevice.CopyTo(static_cast<IImage*>(&x.xHost)); }, _DownloadRows, false,
-     false},
+        false},
     {"UploadQueued", [](SFrame& x) { x.xDevice.CreateAsync(&x.xPageLocked, nullptr); },
-     [](SFrame& x)
-     {
-         return cudaMemcpy2DAsync(x.xDevice.GetDevicePointer(), x.nPitch, x.xPageLocked.GetDataPtr(), x.RowBytes(),
-                                  x.RowBytes(), x.Rows(), cudaMemcpyHostToDevice, nullptr);
-     },
-     true, false},
+        [](SFrame& x)
+        {
+            return cudaMemcpy2DAsync(x.xDevice.GetDevicePointer(), x.nPitch, x.xPageLocked.GetDataPtr(), x.RowBytes(),
+                x.RowBytes(), x.Rows(), cudaMemcpyHostToDevice, nullptr);
+        },
+        true, false},
     {"DownloadQueued", [](SFrame& x) { x.xDevice.CopyToAsync(&x.xPageLocked, nullptr); },
-     [](SFrame& x)
-     {
-         return cudaMemcpy2DAsync(x.xPageLocked.GetDataPtr(), x.RowBytes(), x.xDevice.GetDevicePointer(), x.nPitch,
-                                  x.RowBytes(), x.Rows(), cudaMemcpyDeviceToHost, nullptr);
-     },
-     true, false},
+        [](SFrame& x)
+        {
+            return cudaMemcpy2DAsync(x.xPageLocked.GetDataPtr(), x.RowBytes(), x.xDevice.GetDevicePointer(), x.nPitch,
+                x.RowBytes(), x.Rows(), cudaMemcpyDeviceToHost, nullptr);
+        },
+        true, false},
     {"2DTo2D", [](SFrame& x) { x.xDevice.CopyTo(x.xOther); },
-     [](SFrame& x)
-     {
-         return _CopyRows(x.xOther.GetDevicePointer(), x.nPitch, x.xDevice.GetDevicePointer(), x.nPitch, x,
-                          cudaMemcpyDeviceToDevice);
-     },
-     false, false},
+        [](SFrame& x)
+        {
+            return _CopyRows(x.xOther.GetDevicePointer(), x.nPitch, x.xDevice.GetDevicePointer(), x.nPitch, x,
+                cudaMemcpyDeviceToDevice);
+        },
+        false, false},
     {"2DTo1D", [](SFrame& x) { x.xDevice.CopyTo(x.xLinear); },
-     [](SFrame& x)
-     {
-         return _CopyRows(x.xLinear.GetDevicePointer(), x.RowBytes(), x.xDevice.GetDevicePointer(), x.nPitch, x,
-                          cudaMemcpyDeviceToDevice);
-     },
-     false, false},
+        [](SFrame& x)
+        {
+            return _CopyRows(x.xLinear.GetDevicePointer(), x.RowBytes(), x.xDevice.GetDevicePointer(), x.nPitch, x,
+                cudaMemcpyDeviceToDevice);
+        },
+        false, false},
     {"1DTo2D", [](SFrame& x) { x.xDevice.Create(x.xLinear); },
-     [](SFrame& x)
-     {
-         return _CopyRows(x.xDevice.GetDevicePointer(), x.nPitch, x.xLinear.GetDevicePointer(), x.RowBytes(), x,
-                          cudaMemcpyDeviceToDevice);
-     },
-     false, false},
+        [](SFrame& x)
+        {
+            return _CopyRows(x.xDevice.GetDevicePointer(), x.nPitch, x.xLinear.GetDevicePointer(), x.RowBytes(), x,
+                cudaMemcpyDeviceToDevice);
+        },
+        false, false},
     {"Upload1D", [](SFrame& x) { x.xLinear.Create(x.xHost); },
-     [](SFrame& x)
-     { return _CopyBytes(x.xLinear.GetDevicePointer(), x.xHost.GetDataPtr(), x, cudaMemcpyHostToDevice); },
-     false, false},
+        [](SFrame& x)
+        { return _CopyBytes(x.xLinear.GetDevicePointer(), x.xHost.GetDataPtr(), x, cudaMemcpyHostToDevice); },
+        false, false},
     {"Download1D", [](SFrame& x) { x.xLinear.CopyTo(x.xHost); },
-     [](SFrame& x)
-     { return _CopyBytes(x.xHost.GetDataPtr(), x.xLinear.GetDevicePointer(), x, cudaMemcpyDeviceToHost); },
-     false, false},
+        [](SFrame& x)
+        { return _CopyBytes(x.xHost.GetDataPtr(), x.xLinear.GetDevicePointer(), x, cudaMemcpyDeviceToHost); },
+        false, false},
     {"1DTo1D", [](SFrame& x) { x.xOtherLinear.Create(x.xLinear); },
-     [](SFrame& x) {
-         return _CopyBytes(x.xOtherLinear.GetDevicePointer(), x.xLinear.GetDevicePointer(), x,
-                           cudaMemcpyDeviceToDevice);
-     },
-     false, false}};
+        [](SFrame& x) {
+            return _CopyBytes(
+                x.xOtherLinear.GetDevicePointer(), x.xLinear.GetDevicePointer(), x, cudaMemcpyDeviceToDevice);
+        },
+        false, false}};
 
 std::uint64_t _PoolRequests()
 {
@@ -174,21 +173,20 @@ void _RegisterTransfer(const STransfer& xTransfer, std::pair<int, int> xSize)
     const auto Register = [&](const char* pcSide, auto xStep)
     {
         const std::string sName = std::string(xTransfer.pcName) + "/" + std::to_string(xSize.first) + "x" +
-                                  std::to_string(xSize.second) + "/" + pcSide;
-        auto* const pBenchmark =
-            benchmark::RegisterBenchmark(sName.c_str(),
-                                         [xSize, xStep, bQueued = xTransfer.bQueued](benchmark::State& xState)
-                                         {
-                                             _Measure(xState, xSize,
-                                                      [&](benchmark::State&, SFrame& xFrame)
-                                                      {
-                                                          xStep(xState, xFrame);
-                                                          if (bQueued)
-                                                          {
-                                                              _Expect(xState, cudaStreamSynchronize(nullptr));
-                                                          }
-                                                      });
-                                         });
+            std::to_string(xSize.second) + "/" + pcSide;
+        auto* const pBenchmark = benchmark::RegisterBenchmark(sName.c_str(),
+            [xSize, xStep, bQueued = xTransfer.bQueued](benchmark::State& xState)
+            {
+                _Measure(xState, xSize,
+                    [&](benchmark::State&, SFrame& xFrame)
+                    {
+                        xStep(xState, xFrame);
+                        if (bQueued)
+                        {
+                            _Expect(xState, cudaStreamSynchronize(nullptr));
+                        }
+                    });
+            });
         if (xTransfer.bQueued)
         {
             pBenchmark->UseRealTime();
@@ -196,7 +194,7 @@ void _RegisterTransfer(const STransfer& xTransfer, std::pair<int, int> xSize)
     };
     Register("library", [pStep = xTransfer.pLibrary](benchmark::State&, SFrame& xFrame) { pStep(xFrame); });
     Register("bare",
-             [pStep = xTransfer.pBare](benchmark::State& xState, SFrame& xFrame) { _Expect(xState, pStep(xFrame)); });
+        [pStep = xTransfer.pBare](benchmark::State& xState, SFrame& xFrame) { _Expect(xState, pStep(xFrame)); });
 }
 
 } // namespace
@@ -214,12 +212,11 @@ int main(int iArguments, char** ppcArguments)
         }
     }
     benchmark::RegisterBenchmark("Create/unchanged",
-                                 [](benchmark::State& xState)
-                                 {
-                                     _Measure(xState, {640, 480},
-                                              [](benchmark::State&, SFrame& xFrame)
-                                              { xFrame.xDevice.Create(xFrame.xHost.GetFormat()); });
-                                 });
+        [](benchmark::State& xState)
+        {
+            _Measure(xState, {640, 480},
+                [](benchmark::State&, SFrame& xFrame) { xFrame.xDevice.Create(xFrame.xHost.GetFormat()); });
+        });
     benchmark::Initialize(&iArguments, ppcArguments);
     if (benchmark::ReportUnrecognizedArguments(iArguments, ppcArguments))
     {

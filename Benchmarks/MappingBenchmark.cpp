@@ -59,8 +59,9 @@ void _CreateByLibrary(benchmark::State&, SVolume& xVolume)
 
 void _CreateBare(benchmark::State& xState, SVolume& xVolume)
 {
-    _Expect(xState, cudaMemcpy(xVolume.xDevice.GetDevicePointer(), xVolume.xHost.GetDataPtr(),
-                               xVolume.xHost.GetByteCount(), cudaMemcpyHostToDevice));
+    _Expect(xState,
+        cudaMemcpy(xVolume.xDevice.GetDevicePointer(), xVolume.xHost.GetDataPtr(), xVolume.xHost.GetByteCount(),
+            cudaMemcpyHostToDevice));
 }
 
 void _DownloadByLibrary(benchmark::State&, SVolume& xVolume)
@@ -70,26 +71,26 @@ void _DownloadByLibrary(benchmark::State&, SVolume& xVolume)
 
 void _DownloadBare(benchmark::State& xState, SVolume& xVolume)
 {
-    _Expect(xState, cudaMemcpy(xVolume.xHost.GetDataPtr(), xVolume.xDevice.GetDevicePointer(),
-                               xVolume.xHost.GetByteCount(), cudaMemcpyDeviceToHost));
+    _Expect(xState,
+        cudaMemcpy(xVolume.xHost.GetDataPtr(), xVolume.xDevice.GetDevicePointer(), xVolume.xHost.GetByteCount(),
+            cudaMemcpyDeviceToHost));
 }
 
 template <typename TStep>
 void _Register(const std::string& sName, int iCount, TStep xStep)
 {
     benchmark::RegisterBenchmark(sName.c_str(),
-                                 [iCount, xStep](benchmark::State& xState)
-                                 {
-                                     SVolume& xVolume = _GetVolume(iCount);
-                                     const std::uint64_t uBefore = Test::CountAllocations();
-                                     for ([[maybe_unused]] auto _ : xState)
-                                     {
-                                         xStep(xState, xVolume);
-                                         benchmark::ClobberMemory();
-                                     }
-                                     xState.counters["allocations"] =
-                                         static_cast<double>(Test::CountAllocations() - uBefore);
-                                 });
+        [iCount, xStep](benchmark::State& xState)
+        {
+            SVolume& xVolume = _GetVolume(iCount);
+            const std::uint64_t uBefore = Test::CountAllocations();
+            for ([[maybe_unused]] auto _ : xState)
+            {
+                xStep(xState, xVolume);
+                benchmark::ClobberMemory();
+            }
+            xState.counters["allocations"] = static_cast<double>(Test::CountAllocations() - uBefore);
+        });
 }
 
 // Points all over the box, in no order.
@@ -129,7 +130,7 @@ void _MapBare(benchmark::State& xState, int iCount)
     {
         auto vPoint = vPoints[nPoint++ % 4096];
         vPoint[2] += pfValues[(static_cast<int>(vPoint[2]) * iCount + static_cast<int>(vPoint[0])) * iCount +
-                              static_cast<int>(vPoint[1])];
+            static_cast<int>(vPoint[1])];
         benchmark::DoNotOptimize(vPoint);
     }
 }

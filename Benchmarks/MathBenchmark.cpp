@@ -63,17 +63,17 @@ using Step = std::function<bool(SOperands&)>;
 void _Register(const std::string& sName, const std::shared_ptr<SOperands>& pOperands, const Step& xStep)
 {
     auto* const pBenchmark = benchmark::RegisterBenchmark(sName.c_str(),
-                                                          [pOperands, xStep](benchmark::State& xState)
-                                                          {
-                                                              for ([[maybe_unused]] auto _ : xState)
-                                                              {
-                                                                  if (!xStep(*pOperands))
-                                                                  {
-                                                                      xState.SkipWithError("a call failed");
-                                                                      break;
-                                                                  }
-                                                              }
-                                                          });
+        [pOperands, xStep](benchmark::State& xState)
+        {
+            for ([[maybe_unused]] auto _ : xState)
+            {
+                if (!xStep(*pOperands))
+                {
+                    xState.SkipWithError("a call failed");
+                    break;
+                }
+            }
+        });
     if (sName.starts_with("Mult")) // products run on a thread of the stand-in; the others keep the caller busy
     {
         pBenchmark->UseRealTime();
@@ -107,7 +107,7 @@ void _RegisterSize(int iSize)
     Add("Set", "bare",
         [=](SOperands& x) {
             return cudaMemcpy(x.xMatrix.GetDataPtr(), x.xHost.GetDataPtr(), nBytes, cudaMemcpyHostToDevice) ==
-                   cudaSuccess;
+                cudaSuccess;
         });
     Add("Get", "library",
         [](SOperands& x)
@@ -118,7 +118,7 @@ void _RegisterSize(int iSize)
     Add("Get", "bare",
         [=](SOperands& x) {
             return cudaMemcpy(x.xHost.GetDataPtr(), x.xMatrix.GetDataPtr(), nBytes, cudaMemcpyDeviceToHost) ==
-                   cudaSuccess;
+                cudaSuccess;
         });
     Add("Mult", "library",
         [](SOperands& x)
@@ -130,7 +130,7 @@ void _RegisterSize(int iSize)
         [](SOperands& x)
         {
             return _Await(cublasSgemv(x.hHandle, CUBLAS_OP_T, x.iSize, x.iSize, &x.fOne, x.xMatrix.GetDataPtr(),
-                                      x.iSize, x.xVector.GetDataPtr(), 1, &x.fZero, x.xResult.GetDataPtr(), 1));
+                x.iSize, x.xVector.GetDataPtr(), 1, &x.fZero, x.xResult.GetDataPtr(), 1));
         });
     Add("MultWithTranspose", "library",
         [](SOperands& x)
@@ -142,7 +142,7 @@ void _RegisterSize(int iSize)
         [](SOperands& x)
         {
             return _Await(cublasSsyrk(x.hHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, x.iSize, x.iSize, &x.fOne,
-                                      x.xMatrix.GetDataPtr(), x.iSize, &x.fZero, x.xProduct.GetDataPtr(), x.iSize));
+                x.xMatrix.GetDataPtr(), x.iSize, &x.fZero, x.xProduct.GetDataPtr(), x.iSize));
         });
     Add("SumAbs", "library",
         [](SOperands& x)
@@ -153,7 +153,7 @@ void _RegisterSize(int iSize)
     Add("SumAbs", "bare",
         [](SOperands& x) {
             return cublasSasum(x.hHandle, x.iSize * x.iSize - 1, x.xLong.GetDataPtr(), 1, &x.fSum) ==
-                   CUBLAS_STATUS_SUCCESS;
+                CUBLAS_STATUS_SUCCESS;
         });
 #ifdef QX_BENCHMARK_CBLAS
     // The device's memory is the host's here. A single product is too short to hide that it is handed to another
@@ -165,9 +165,8 @@ void _RegisterSize(int iSize)
             for (int iCall = 0; iCall < c_iQueue; ++iCall)
             {
                 bDone = cublasSgemv(x.hHandle, CUBLAS_OP_T, x.iSize, x.iSize, &x.fOne, x.xMatrix.GetDataPtr(), x.iSize,
-                                    x.xVector.GetDataPtr(), 1, &x.fZero, x.xResult.GetDataPtr(),
-                                    1) == CUBLAS_STATUS_SUCCESS &&
-                        bDone;
+                            x.xVector.GetDataPtr(), 1, &x.fZero, x.xResult.GetDataPtr(), 1) == CUBLAS_STATUS_SUCCESS &&
+                    bDone;
             }
             return bDone && _Await();
         });
@@ -177,7 +176,7 @@ void _RegisterSize(int iSize)
             for (int iCall = 0; iCall < c_iQueue; ++iCall)
             {
                 cblas_sgemv(CblasColMajor, CblasTrans, x.iSize, x.iSize, 1, x.xMatrix.GetDataPtr(), x.iSize,
-                            x.xVector.GetDataPtr(), 1, 0, x.xResult.GetDataPtr(), 1);
+                    x.xVector.GetDataPtr(), 1, 0, x.xResult.GetDataPtr(), 1);
             }
             return true;
         });
@@ -185,7 +184,7 @@ void _RegisterSize(int iSize)
         [](SOperands& x)
         {
             cblas_ssyrk(CblasColMajor, CblasLower, CblasTrans, x.iSize, x.iSize, 1, x.xMatrix.GetDataPtr(), x.iSize, 0,
-                        x.xProduct.GetDataPtr(), x.iSize);
+                x.xProduct.GetDataPtr(), x.iSize);
             return true;
         });
     Add("SumAbs", "openblas",

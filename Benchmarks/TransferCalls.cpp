@@ -23,10 +23,10 @@ void _Transfer(CQxDeviceImage2D& xDevice, CQxImage& xHost, bool bUpload, bool bL
     const std::size_t nRowBytes = static_cast<std::size_t>(xDesc.xFormat.iWidth) * 4;
     const auto nRows = static_cast<std::size_t>(xDesc.xFormat.iHeight);
     CheckCuda(bUpload ? cudaMemcpy2D(xDesc.pData, xDesc.nPitch, xHost.GetDataPtr(), nRowBytes, nRowBytes, nRows,
-                                     cudaMemcpyHostToDevice)
+                            cudaMemcpyHostToDevice)
                       : cudaMemcpy2D(xHost.GetDataPtr(), nRowBytes, xDesc.pData, xDesc.nPitch, nRowBytes, nRows,
-                                     cudaMemcpyDeviceToHost),
-              {"Benchmarks/TransferCalls", "main"}, "Error copying");
+                            cudaMemcpyDeviceToHost),
+        {"Benchmarks/TransferCalls", "main"}, "Error copying");
 }
 
 } // namespace

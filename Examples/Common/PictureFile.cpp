@@ -71,11 +71,12 @@ CQxImage _MakeImage(const std::string& sPath, std::int64_t nWidth, std::int64_t 
     }
     if (nWidth > c_nMaxPixels || nHeight > c_nMaxPixels / nWidth)
     {
-        _Fail(sPath, "has " + std::to_string(nWidth) + " x " + std::to_string(nHeight) + " pixels, more than the " +
-                         std::to_string(c_nMaxPixels) + " that can be handled here");
+        _Fail(sPath,
+            "has " + std::to_string(nWidth) + " x " + std::to_string(nHeight) + " pixels, more than the " +
+                std::to_string(c_nMaxPixels) + " that can be handled here");
     }
-    return CQxImage(CQxImageFormat(static_cast<std::int32_t>(nWidth), static_cast<std::int32_t>(nHeight),
-                                   EDataType::UByte, EPixelType::RGBA));
+    return CQxImage(CQxImageFormat(
+        static_cast<std::int32_t>(nWidth), static_cast<std::int32_t>(nHeight), EDataType::UByte, EPixelType::RGBA));
 }
 
 // Binary PGM ("P5") and PPM ("P6"): three decimal numbers (width, height, largest sample) between white space and
@@ -164,7 +165,7 @@ bool _IsCutBitmap(const CBytes& vBytes)
         return false;
     }
     const std::size_t nSaid = vBytes[2] | static_cast<std::size_t>(vBytes[3]) << 8 |
-                              static_cast<std::size_t>(vBytes[4]) << 16 | static_cast<std::size_t>(vBytes[5]) << 24;
+        static_cast<std::size_t>(vBytes[4]) << 16 | static_cast<std::size_t>(vBytes[5]) << 24;
     return nSaid > vBytes.size();
 }
 
@@ -224,8 +225,8 @@ void WritePng(const std::string& sPath, const CQxImage& xImage)
     if (xFormat.eDataType != EDataType::UByte || xFormat.ePixelType != EPixelType::RGBA || xFormat.iWidth <= 0 ||
         xFormat.iHeight <= 0 || xFormat.iHeight > c_nMaxPixels / xFormat.iWidth)
     {
-        throw std::invalid_argument("only RGBA UByte images of 1 to " + std::to_string(c_nMaxPixels) +
-                                    " pixels can be written as PNG");
+        throw std::invalid_argument(
+            "only RGBA UByte images of 1 to " + std::to_string(c_nMaxPixels) + " pixels can be written as PNG");
     }
     // A device or a pipe is written to; replacing it by a file would be a surprise.
     std::error_code xIgnored;
@@ -239,7 +240,7 @@ void WritePng(const std::string& sPath, const CQxImage& xImage)
     SPngSink xSink{pFile.get(), false};
     errno = 0;
     const bool bEncoded = stbi_write_png_to_func(_WriteToSink, &xSink, xFormat.iWidth, xFormat.iHeight, 4,
-                                                 xImage.GetDataPtr(), xFormat.iWidth * 4) != 0;
+                              xImage.GetDataPtr(), xFormat.iWidth * 4) != 0;
     const bool bClosed = std::fclose(pFile.release()) == 0;
     const bool bNamed =
         bEncoded && xSink.bWritten && bClosed && (bDirect || std::rename(sTarget.c_str(), sPath.c_str()) == 0);

@@ -84,7 +84,7 @@ std::string SCommandLine::Setting(const std::string& sOption, const std::string&
 }
 
 int RunProgram(const SProgram& xProgram, int iArguments, char** ppcArguments,
-               const std::function<void(const SCommandLine&)>& xBody)
+    const std::function<void(const SCommandLine&)>& xBody)
 {
     try
     {
@@ -132,7 +132,7 @@ void PrintPlatform()
 #endif
     std::printf("platform  %s %d.%d\n", pcPlatform, iVersion / 1000, iVersion % 1000 / 10);
     std::printf("device    %d, %s, %.1f GiB\n", iDevice, xProperties.name,
-                static_cast<double>(xProperties.totalGlobalMem) / (1024.0 * 1024.0 * 1024.0));
+        static_cast<double>(xProperties.totalGlobalMem) / (1024.0 * 1024.0 * 1024.0));
 }
 
 void CStepTimer::Run(const std::function<void()>& xStep)
@@ -153,7 +153,7 @@ void CStepTimer::Print(std::size_t nBytes) const
     const auto xMiddle = vLater.begin() + static_cast<std::ptrdiff_t>(vLater.size() / 2);
     std::nth_element(vLater.begin(), xMiddle, vLater.end());
     std::printf("%-26s first %8.3f ms, then %8.3f ms, %7.2f GB/s\n", m_pcName, m_vSeconds.front() * 1e3, *xMiddle * 1e3,
-                static_cast<double>(nBytes) / std::max(*xMiddle, 1e-9) * 1e-9);
+        static_cast<double>(nBytes) / std::max(*xMiddle, 1e-9) * 1e-9);
 }
 
 } // namespace Qx::Examples

@@ -33,7 +33,7 @@ struct SProgram
 /// @return the exit code: 0 when the body returned and what it printed was written, 2 for a command line that the
 /// program does not understand, 1 for everything else
 int RunProgram(const SProgram& xProgram, int iArguments, char** ppcArguments,
-               const std::function<void(const SCommandLine&)>& xBody);
+    const std::function<void(const SCommandLine&)>& xBody);
 
 /// Prints the platform that the library runs on and the calling thread's device.
 void PrintPlatform();

@@ -52,7 +52,7 @@ __global__ void GreenKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen)
 
 // The other colours: their difference from green varies slowly, so it is what is interpolated.
 __global__ void ColourKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen, SDeviceImageDesc2D xPicture,
-                             CudaDebug::SParameter xDebug, CudaDebug::EKind eKind)
+    CudaDebug::SParameter xDebug, CudaDebug::EKind eKind)
 {
     int x = 0;
     int y = 0;
@@ -63,18 +63,18 @@ __global__ void ColourKernel(SDeviceImageDesc2D xRaw, SDeviceImageDesc2D xGreen,
     const auto Difference = [&](int iDx, int iDy)
     {
         return static_cast<float>(_AtMirrored<unsigned short>(xRaw, x + iDx, y + iDy)) -
-               _AtMirrored<float>(xGreen, x + iDx, y + iDy);
+            _AtMirrored<float>(xGreen, x + iDx, y + iDy);
     };
     const bool bRedRow = y % 2 == 0;
     const bool bGreen = (x + y) % 2 != 0;
     const float fGreen = At<float>(xGreen, x, y);
     // Of the colour that this row of the sensor has beside green, and of the other one.
     const float fOfRow = fGreen + (bGreen ? (Difference(-1, 0) + Difference(1, 0)) / 2.0F : Difference(0, 0));
-    const float fOfOther =
-        fGreen + (bGreen ? (Difference(0, -1) + Difference(0, 1)) / 2.0F
-                         : (Difference(-1, -1) + Difference(1, -1) + Difference(-1, 1) + Difference(1, 1)) / 4.0F);
-    At<SPixel>(xPicture, x, y) = {_ToByte(bRedRow ? fOfRow : fOfOther), _ToByte(fGreen),
-                                  _ToByte(bRedRow ? fOfOther : fOfRow), 255};
+    const float fOfOther = fGreen +
+        (bGreen ? (Difference(0, -1) + Difference(0, 1)) / 2.0F
+                : (Difference(-1, -1) + Difference(1, -1) + Difference(-1, 1) + Difference(1, 1)) / 4.0F);
+    At<SPixel>(xPicture, x, y) = {
+        _ToByte(bRedRow ? fOfRow : fOfOther), _ToByte(fGreen), _ToByte(bRedRow ? fOfOther : fOfRow), 255};
 
     const int iSample = At<unsigned short>(xRaw, x, y);
     if (eKind == c_eReportClipped && iSample >= c_iWhite)
@@ -111,7 +111,7 @@ __global__ void EdgeKernel(SDeviceImageDesc2D xEdges)
         {
             const auto xPixel = _AtMirrored<SPixel>(c_xSource, x + iDx, y + iDy);
             const float fLuma = 0.299F * static_cast<float>(xPixel.uRed) + 0.587F * static_cast<float>(xPixel.uGreen) +
-                                0.114F * static_cast<float>(xPixel.uBlue);
+                0.114F * static_cast<float>(xPixel.uBlue);
             fAcross += fLuma * static_cast<float>(iDx * (2 - iDy * iDy));
             fDown += fLuma * static_cast<float>(iDy * (2 - iDx * iDx));
         }
@@ -124,17 +124,17 @@ __global__ void EdgeKernel(SDeviceImageDesc2D xEdges)
 } // namespace
 
 void Demosaic(CQxCudaComp& xComp, const CQxDeviceImage2D& xRaw, const CQxDeviceImage2D& xGreen,
-              const CQxDeviceImage2D& xPicture, cudaStream_t pStream)
+    const CQxDeviceImage2D& xPicture, cudaStream_t pStream)
 {
     xComp.Begin("Demosaic", pStream);
     LaunchKernel<GreenKernel>(xComp, pStream, xRaw.GetDesc(), xGreen.GetDesc());
     LaunchKernel<ColourKernel>(xComp, pStream, xRaw.GetDesc(), xGreen.GetDesc(), xPicture.GetDesc(),
-                               CudaDebug::CQxCudaCompDebug::GetDebugParams(), xComp.GetDebugKind());
+        CudaDebug::CQxCudaCompDebug::GetDebugParams(), xComp.GetDebugKind());
     xComp.End("Demosaic", pStream);
 }
 
-void DetectEdges(CQxCudaComp& xComp, const CQxDeviceImage2D& xPicture, const CQxDeviceImage2D& xEdges,
-                 cudaStream_t pStream)
+void DetectEdges(
+    CQxCudaComp& xComp, const CQxDeviceImage2D& xPicture, const CQxDeviceImage2D& xEdges, cudaStream_t pStream)
 {
     xPicture.CopyDescriptionToCudaConstAsync(c_xSource, pStream);
     xComp.Begin("DetectEdges", pStream);

@@ -19,12 +19,12 @@ constexpr int c_iWhite = 4095;
 /// @param xGreen "Lum" "Float" of the same extent, for what lies between the two steps
 /// @param xPicture "RGBA" "UByte" of the same extent
 void Demosaic(CQxCudaComp& xComp, const CQxDeviceImage2D& xRaw, const CQxDeviceImage2D& xGreen,
-              const CQxDeviceImage2D& xPicture, cudaStream_t pStream);
+    const CQxDeviceImage2D& xPicture, cudaStream_t pStream);
 
 /// Draws how strongly the brightness changes at each pixel, as grey, and waits for the result. The kernel finds the
 /// description of its source in constant memory.
 /// @param xPicture,xEdges "RGBA" "UByte" of the same extent
-void DetectEdges(CQxCudaComp& xComp, const CQxDeviceImage2D& xPicture, const CQxDeviceImage2D& xEdges,
-                 cudaStream_t pStream);
+void DetectEdges(
+    CQxCudaComp& xComp, const CQxDeviceImage2D& xPicture, const CQxDeviceImage2D& xEdges, cudaStream_t pStream);
 
 } // namespace Qx::Examples

@@ -67,15 +67,15 @@ double _Psnr(const CQxImage& xLeft, const CQxImage& xRight)
 void _PrintLaunch(const CQxCudaComp& xComp)
 {
     std::printf("launch    grid [%u, %u, %u], block [%u, %u, %u]\n", xComp.GetGrid().x, xComp.GetGrid().y,
-                xComp.GetGrid().z, xComp.GetBlock().x, xComp.GetBlock().y, xComp.GetBlock().z);
+        xComp.GetGrid().z, xComp.GetBlock().x, xComp.GetBlock().y, xComp.GetBlock().z);
 }
 
 void _PrintDebugItems()
 {
     std::vector<CudaDebug::SItem> vItems;
     CQxCudaCompDebug::GetDebugItems(vItems);
-    std::printf("debug     %d clipped pixels, %zu of them recorded\n", CQxCudaCompDebug::GetDebugItemCount(),
-                vItems.size());
+    std::printf(
+        "debug     %d clipped pixels, %zu of them recorded\n", CQxCudaCompDebug::GetDebugItemCount(), vItems.size());
     for (std::size_t nItem = 0; nItem < vItems.size() && nItem < 3; ++nItem)
     {
         const auto& aiPosition = vItems[nItem].aiPosition;
@@ -132,8 +132,8 @@ void _Develop(const SCommandLine& xLine)
     const std::string sEdges = xLine.Setting("-e", "edges.png");
     WritePng(sOutput, xResult);
     WritePng(sEdges, xEdges);
-    std::printf("result    PSNR %.2f dB; written to %s and %s\n", _Psnr(xPicture, xResult), sOutput.c_str(),
-                sEdges.c_str());
+    std::printf(
+        "result    PSNR %.2f dB; written to %s and %s\n", _Psnr(xPicture, xResult), sOutput.c_str(), sEdges.c_str());
 }
 
 } // namespace

@@ -46,7 +46,7 @@ void Sharpen(const CQxDeviceImage2D& xFrame, const CQxDeviceImage2D& xResult, cu
     const SDeviceImageDesc2D xDesc = xFrame.GetDesc();
     const auto uWidth = static_cast<unsigned int>(xDesc.xFormat.iWidth);
     LaunchKernel<SharpenKernel>(dim3((uWidth + 255) / 256, static_cast<unsigned int>(xDesc.xFormat.iHeight)), dim3(256),
-                                pStream, xDesc, xResult.GetDesc());
+        pStream, xDesc, xResult.GetDesc());
 }
 
 } // namespace Qx::Examples

@@ -70,8 +70,8 @@ std::uint64_t _Sum(const IImage& xImage)
 using CRun = void (*)(int, const CFrameSource&, const CFrameSink&);
 
 // Runs one of the two ways, shows where it is, prints how fast it was, and returns the sums of all frames.
-std::vector<std::uint64_t> _Run(const char* pcName, CRun pRun, const std::vector<CQxImage>& vPictures, int iFrames,
-                                CQxImage& xLast)
+std::vector<std::uint64_t> _Run(
+    const char* pcName, CRun pRun, const std::vector<CQxImage>& vPictures, int iFrames, CQxImage& xLast)
 {
     const bool bTerminal = isatty(STDOUT_FILENO) != 0;
     std::vector<std::uint64_t> vSums;
@@ -94,7 +94,7 @@ std::vector<std::uint64_t> _Run(const char* pcName, CRun pRun, const std::vector
         });
     const double fSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - xStart).count();
     std::printf("%s%-9s %d frames in %.3f s, %.1f frames per second\n", bTerminal ? "\r" : "", pcName, iFrames,
-                fSeconds, iFrames / fSeconds);
+        fSeconds, iFrames / fSeconds);
     return vSums;
 }
 
@@ -135,8 +135,8 @@ void _StreamPictures(const SCommandLine& xLine)
     }
     const std::string sOutput = xLine.Setting("-o", "sharpened.png");
     WritePng(sOutput, xLast);
-    std::printf("result    all %d frames are the same both ways; the last one written to %s\n", iFrames,
-                sOutput.c_str());
+    std::printf(
+        "result    all %d frames are the same both ways; the last one written to %s\n", iFrames, sOutput.c_str());
 }
 
 } // namespace

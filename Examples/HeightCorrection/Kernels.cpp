@@ -41,7 +41,7 @@ __global__ void CorrectionKernel(SDeviceImageDesc2D xMeasured, SDeviceImageDesc2
     {
         aiIndex[iAxis] = _CellIndex(xMapping, iAxis, afPoint[iAxis]);
         bInCell = bInCell && aiIndex[iAxis] >= 0 && afPoint[iAxis] > xMapping.afMinimum[iAxis] &&
-                  afPoint[iAxis] < xMapping.afMaximum[iAxis];
+            afPoint[iAxis] < xMapping.afMaximum[iAxis];
     }
     const int* const aiCounts = xMapping.aiCounts;
     const int iCell = aiIndex[2] * (aiCounts[0] * aiCounts[1]) + aiIndex[0] * aiCounts[1] + aiIndex[1];
@@ -67,7 +67,7 @@ SMappingDesc Describe(const CQxMapping3D& xMapping, const CQxDeviceMapping3D& xD
 }
 
 void CorrectHeights(CQxCudaComp& xComp, const CQxDeviceImage2D& xMeasured, const CQxDeviceImage2D& xCorrected,
-                    const SMappingDesc& xMapping, cudaStream_t pStream)
+    const SMappingDesc& xMapping, cudaStream_t pStream)
 {
     xComp.Begin("CorrectHeights", pStream);
     LaunchKernel<CorrectionKernel>(xComp, pStream, xMeasured.GetDesc(), xCorrected.GetDesc(), xMapping);

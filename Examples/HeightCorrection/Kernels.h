@@ -26,6 +26,6 @@ SMappingDesc Describe(const CQxMapping3D& xMapping, const CQxDeviceMapping3D& xD
 /// @param xComp configured for the map's format
 /// @param xMeasured,xCorrected "Lum" "Float" of the same extent
 void CorrectHeights(CQxCudaComp& xComp, const CQxDeviceImage2D& xMeasured, const CQxDeviceImage2D& xCorrected,
-                    const SMappingDesc& xMapping, cudaStream_t pStream);
+    const SMappingDesc& xMapping, cudaStream_t pStream);
 
 } // namespace Qx::Examples

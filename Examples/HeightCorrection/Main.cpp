@@ -85,7 +85,7 @@ void _CompareProbes(CQxDeviceMapping3D& xMapping, const CQxImage& xMeasured, con
         if (std::bit_cast<std::uint32_t>(fZ) != std::bit_cast<std::uint32_t>(fCorrected))
         {
             throw std::runtime_error("the kernel and the host correct a height differently: " +
-                                     std::to_string(fCorrected) + " and " + std::to_string(fZ));
+                std::to_string(fCorrected) + " and " + std::to_string(fZ));
         }
         if (iProbe % 7 == 0)
         {
@@ -114,15 +114,14 @@ void _Correct(const SCommandLine& xLine)
     for (int iRound = 0; iRound < c_iRounds; ++iRound)
     {
         xUpload.Run([&] { xDeviceMapping.Create(xMapping); });
-        xKernel.Run(
-            [&]
+        xKernel.Run([&]
             { CorrectHeights(xComp, xDeviceMeasured, xDeviceCorrected, Describe(xMapping, xDeviceMapping), nullptr); });
         xDownload.Run([&] { xDeviceCorrected.CopyTo(xCorrected); });
     }
 
     const auto& vCounts = xMapping.GetCellCounts();
-    std::printf("mapping   %d x %d x %d cells, %u bytes\n", vCounts[0], vCounts[1], vCounts[2],
-                xMapping.GetByteCount());
+    std::printf(
+        "mapping   %d x %d x %d cells, %u bytes\n", vCounts[0], vCounts[1], vCounts[2], xMapping.GetByteCount());
     xUpload.Print(xMapping.GetByteCount());
     xKernel.Print(2 * xMeasured.GetBufferSize());
     xDownload.Print(xCorrected.GetBufferSize());
@@ -132,8 +131,8 @@ void _Correct(const SCommandLine& xLine)
     _WriteHeights(sBefore, xMeasured);
     _WriteHeights(sOutput, xCorrected);
     std::printf("result    %d probes agree to the last bit; RMS error %.2f before, %.2f after; written to %s and %s\n",
-                c_iProbesAcross * c_iProbesDown, _Rms(xSurface, xMeasured), _Rms(xSurface, xCorrected), sBefore.c_str(),
-                sOutput.c_str());
+        c_iProbesAcross * c_iProbesDown, _Rms(xSurface, xMeasured), _Rms(xSurface, xCorrected), sBefore.c_str(),
+        sOutput.c_str());
 }
 
 } // namespace

@@ -37,7 +37,7 @@ CQxImage Measure(const CQxImage& xSurface)
         for (int x = 0; x < xFormat.iWidth; ++x, ++pfHeight)
         {
             *pfHeight += _ErrorAt((static_cast<float>(x) + 0.5F) / static_cast<float>(xFormat.iWidth),
-                                  (static_cast<float>(y) + 0.5F) / static_cast<float>(xFormat.iHeight), *pfHeight);
+                (static_cast<float>(y) + 0.5F) / static_cast<float>(xFormat.iHeight), *pfHeight);
         }
     }
     return xMeasured;
@@ -48,7 +48,7 @@ CQxMapping3D MakeCorrection(const CQxImageFormat& xFormat)
     constexpr int c_aiCounts[3] = {32, 24, 8};
     CQxMapping3D xMapping;
     xMapping.Create(0.0F, 0.0F, -32.0F, static_cast<float>(xFormat.iWidth), static_cast<float>(xFormat.iHeight), 288.0F,
-                    c_aiCounts[0], c_aiCounts[1], c_aiCounts[2], nullptr);
+        c_aiCounts[0], c_aiCounts[1], c_aiCounts[2], nullptr);
     xMapping.SetName("Height correction");
     float* pfValue = xMapping.GetDataPtr();
     for (int iZ = 0; iZ < c_aiCounts[2]; ++iZ)
@@ -59,7 +59,7 @@ CQxMapping3D MakeCorrection(const CQxImageFormat& xFormat)
             for (int iY = 0; iY < c_aiCounts[1]; ++iY) // the y index varies fastest
             {
                 *pfValue++ = -_ErrorAt((static_cast<float>(iX) + 0.5F) / static_cast<float>(c_aiCounts[0]),
-                                       (static_cast<float>(iY) + 0.5F) / static_cast<float>(c_aiCounts[1]), fHeight);
+                    (static_cast<float>(iY) + 0.5F) / static_cast<float>(c_aiCounts[1]), fHeight);
             }
         }
     }

@@ -131,7 +131,7 @@ void _LeastSquares(const SCommandLine& xLine)
     for (int iChannel = 0; iChannel < 3; ++iChannel)
     {
         std::printf("%c         %8.5f r %+8.5f g %+8.5f b %+8.5f\n", "rgb"[iChannel], xCorrection(iChannel, 0),
-                    xCorrection(iChannel, 1), xCorrection(iChannel, 2), xCorrection(iChannel, 3));
+            xCorrection(iChannel, 1), xCorrection(iChannel, 2), xCorrection(iChannel, 3));
     }
     std::printf("error     %.6f before, %.6f after\n", dBefore, dAfter);
     if (!(dAfter < dBefore && dOff < 1e-9 + 10 * dNoise))

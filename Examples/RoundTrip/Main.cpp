@@ -64,17 +64,17 @@ void _RoundTrip(const SCommandLine& xLine)
     WritePng(sOutput, xResult);
 
     std::printf("image     %d x %d, %s %s, pitch %zu bytes for rows of %zu\n", xFormat.iWidth, xFormat.iHeight,
-                GetPixelTypeName(xFormat.ePixelType), GetDataTypeName(xFormat.eDataType), nPitch, nRowBytes);
+        GetPixelTypeName(xFormat.ePixelType), GetDataTypeName(xFormat.eDataType), nPitch, nRowBytes);
     for (const CStepTimer* pTimer : {&xUpload, &xPack, &xCopy, &xDownload})
     {
         pTimer->Print(nBytes);
     }
     const GPU::SPoolStatistics xPool = GPU::CResourceManager::GetStatistics();
     std::printf("pool      %llu hits, %llu misses, %zu blocks in use, %zu idle (%zu bytes)\n",
-                static_cast<unsigned long long>(xPool.uHits), static_cast<unsigned long long>(xPool.uMisses),
-                xPool.nBlocksInUse, xPool.nBlocksIdle, xPool.nBytesIdle);
-    std::printf("result    all %zu bytes are the same after %d rounds; written to %s\n", nBytes, c_iRounds,
-                sOutput.c_str());
+        static_cast<unsigned long long>(xPool.uHits), static_cast<unsigned long long>(xPool.uMisses),
+        xPool.nBlocksInUse, xPool.nBlocksIdle, xPool.nBytesIdle);
+    std::printf(
+        "result    all %zu bytes are the same after %d rounds; written to %s\n", nBytes, c_iRounds, sOutput.c_str());
 }
 
 } // namespace

@@ -87,7 +87,7 @@ struct CQxImageFormat
 
     /// Any values are accepted here; operations that need an image of the format check them.
     constexpr CQxImageFormat(std::int32_t iFormatWidth, std::int32_t iFormatHeight, EDataType::ID eFormatDataType,
-                             EPixelType::ID eFormatPixelType) noexcept
+        EPixelType::ID eFormatPixelType) noexcept
         : iWidth(iFormatWidth), iHeight(iFormatHeight), eDataType(eFormatDataType), ePixelType(eFormatPixelType)
     {
     }
@@ -122,7 +122,7 @@ struct CQxImageFormat
 };
 
 static_assert(sizeof(CQxImageFormat) == 16 && std::is_trivially_default_constructible_v<CQxImageFormat> &&
-              std::is_trivially_copyable_v<CQxImageFormat>);
+    std::is_trivially_copyable_v<CQxImageFormat>);
 
 namespace ImageFormatDetail
 {
@@ -193,7 +193,7 @@ inline int CQxImageFormat::GetBytesPerPixel() const
     if (eDataType == EDataType::Integral10 || eDataType == EDataType::Integral12)
     {
         Throw({ImageFormatDetail::c_pcFile, "GetBytesPerPixel"},
-              "Unable to determine bytes per pixel from integral data formats");
+            "Unable to determine bytes per pixel from integral data formats");
     }
     const int iBytesPerChannel = GetBytesPerChannel();
     return iBytesPerChannel * GetComponentCount();

@@ -42,7 +42,7 @@ CQxMapping3D& CQxMapping3D::operator=(CQxMapping3D xOther) noexcept
 CQxMapping3D::~CQxMapping3D() = default;
 
 void CQxMapping3D::Create(float fMinimumX, float fMinimumY, float fMinimumZ, float fMaximumX, float fMaximumY,
-                          float fMaximumZ, int iCountX, int iCountY, int iCountZ, const float* pValues)
+    float fMaximumZ, int iCountX, int iCountY, int iCountZ, const float* pValues)
 {
     const std::array<float, 3> vMinimum{fMinimumX, fMinimumY, fMinimumZ};
     const std::array<float, 3> vMaximum{fMaximumX, fMaximumY, fMaximumZ};

@@ -50,7 +50,7 @@ public:
     {
         const std::array<int, 3>& vCounts = GetCellCounts();
         return static_cast<std::uint32_t>(vCounts[0]) * static_cast<std::uint32_t>(vCounts[1]) *
-               static_cast<std::uint32_t>(vCounts[2]) * 4U;
+            static_cast<std::uint32_t>(vCounts[2]) * 4U;
     }
 
     /// The first value, writable; owned by the mapping and valid until it is created anew, assigned or destroyed. May
@@ -75,7 +75,7 @@ public:
     /// when it exceeds the range of `float`), "Mapping bounds are reversed" and "Mapping is too large" (for the address
     /// space), and `std::bad_alloc` when there is no memory for the values.
     QX_CORE_API void Create(float fMinimumX, float fMinimumY, float fMinimumZ, float fMaximumX, float fMaximumY,
-                            float fMaximumZ, int iCountX, int iCountY, int iCountZ, const float* pValues);
+        float fMaximumZ, int iCountX, int iCountY, int iCountZ, const float* pValues);
 
     /// Replaces the step sizes, for grids whose cells do not fill the box exactly. Any value is accepted; users of the
     /// grid must expect steps of 0 and steps that are not finite.

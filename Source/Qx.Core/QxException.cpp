@@ -47,8 +47,8 @@ CQxException::CQxException(CQxString sMessage, CQxString sFile, CQxString sFunct
 {
 }
 
-CQxException::CQxException(CQxString sMessage, CQxString sFile, CQxString sFunction, int iLine,
-                           const IException& xInner)
+CQxException::CQxException(
+    CQxString sMessage, CQxString sFile, CQxString sFunction, int iLine, const IException& xInner)
     : m_xGuid(c_xExceptionGuid),
       m_sName("Qx.Exception"),
       m_sMessage(std::move(sMessage)),

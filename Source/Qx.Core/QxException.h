@@ -108,8 +108,8 @@ public:
     QX_CORE_API CQxException(CQxString sMessage, CQxString sFile, CQxString sFunction, int iLine);
 
     /// The same with the failure that caused this one, of which a clone is kept.
-    QX_CORE_API CQxException(CQxString sMessage, CQxString sFile, CQxString sFunction, int iLine,
-                             const IException& xInner);
+    QX_CORE_API CQxException(
+        CQxString sMessage, CQxString sFile, CQxString sFunction, int iLine, const IException& xInner);
 
     CQxException(const CQxException&) = default;
     CQxException(CQxException&&) noexcept = default;
@@ -161,15 +161,15 @@ struct SThrowSite
 [[noreturn]] QX_CORE_API void Throw(const SThrowSite& xSite, const CQxString& sMessage, int iLine = __builtin_LINE());
 
 /// Throws a `CQxException` with @p xInner as inner exception, after its `SetExceptionData`.
-[[noreturn]] QX_CORE_API void ThrowWrapped(const SThrowSite& xSite, const CQxString& sMessage, const IException& xInner,
-                                           int iLine = __builtin_LINE());
+[[noreturn]] QX_CORE_API void ThrowWrapped(
+    const SThrowSite& xSite, const CQxString& sMessage, const IException& xInner, int iLine = __builtin_LINE());
 
 /// Runs @p xBody; a `CQxException` that leaves it is thrown on as the inner exception of a new one with the message
 /// @p pcMessage. Exceptions of other types pass through. Nothing is undone. Without a failure it costs nothing.
 /// @return what @p xBody returns
 template <typename TBody>
-std::invoke_result_t<TBody&> Guard(const SThrowSite& xSite, const char* pcMessage, TBody&& xBody,
-                                   int iLine = __builtin_LINE())
+std::invoke_result_t<TBody&> Guard(
+    const SThrowSite& xSite, const char* pcMessage, TBody&& xBody, int iLine = __builtin_LINE())
 {
     try
     {

@@ -60,7 +60,7 @@ public:
     /// Numbers that an `int` cannot hold without loss are the caller's to convert.
     template <typename T>
     requires(std::is_floating_point_v<T> ||
-             (std::is_integral_v<T> && sizeof(T) >= sizeof(int) && !std::is_same_v<T, int>)) CQxString&
+        (std::is_integral_v<T> && sizeof(T) >= sizeof(int) && !std::is_same_v<T, int>)) CQxString&
     operator<<(T) = delete;
 
     /// The text with its terminating zero; owned by this object and valid until it is changed or destroyed.

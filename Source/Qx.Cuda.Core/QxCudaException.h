@@ -26,8 +26,8 @@ public:
     /// @param iLine the line of the throw
     /// @param ... further arguments have no meaning and are ignored
     template <typename... TFurther>
-    static CQxCudaException CreateFirst(const CQxString& sMessage, const char* pcFile, const char* pcFunction,
-                                        int iLine, const TFurther&...)
+    static CQxCudaException CreateFirst(
+        const CQxString& sMessage, const char* pcFile, const char* pcFunction, int iLine, const TFurther&...)
     {
         CQxCudaException xException(sMessage, pcFile, pcFunction, iLine);
         xException.SetExceptionData();
@@ -106,16 +106,16 @@ public:
 
 /// Throws a `CQxCudaException` made by `CreateFirst`.
 /// @param iLine the line of the throw; left to its default it is the caller's
-[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowCuda(const SThrowSite& xSite, const CQxString& sMessage,
-                                                             int iLine = __builtin_LINE())
+[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowCuda(
+    const SThrowSite& xSite, const CQxString& sMessage, int iLine = __builtin_LINE())
 {
     CQxCudaException xException = CQxCudaException::CreateFirst(sMessage, xSite.pcFile, xSite.pcFunction, iLine);
     throw CQxCudaException(xException);
 }
 
 /// Throws a `CQxOutOfMemoryException`, after its `SetExceptionData`. Leaves the thread's last CUDA error as it is.
-[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowOutOfMemory(const SThrowSite& xSite, const CQxString& sMessage,
-                                                                    int iLine = __builtin_LINE())
+[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowOutOfMemory(
+    const SThrowSite& xSite, const CQxString& sMessage, int iLine = __builtin_LINE())
 {
     CQxOutOfMemoryException xException(sMessage, xSite.pcFile, xSite.pcFunction, iLine);
     xException.SetExceptionData();

@@ -59,39 +59,40 @@ void CQxCudaComp::SetKernelConfiguration(unsigned int uThreads, unsigned int uTh
 {
     constexpr SThrowSite c_xSite{c_pcFile, "SetKernelConfiguration"};
     Guard(c_xSite, "Error setting kernel configuration",
-          [&]
-          {
-              if (uThreads == 0)
-              {
-                  Throw(c_xSite, "Number of threads is 0");
-              }
-              if (uThreadsPerBlock == 0)
-              {
-                  Throw(c_xSite, "Number of threads in a block is 0");
-              }
-              const unsigned int uBlocks = uThreads / uThreadsPerBlock + (uThreads % uThreadsPerBlock != 0 ? 1 : 0);
-              const unsigned int uLimit = uBlocks % 65535 == 0 ? 65535 : 65534;
-              m_xGrid = dim3(uBlocks, 1, 1);
-              if (uBlocks > uLimit)
-              {
-                  // The smallest row count whose quotient is at most the limit; one more column covers the remainder.
-                  const unsigned int uRows = uBlocks / (uLimit + 1) + 1;
-                  m_xGrid = dim3(uBlocks / uRows + 1, uRows, 1);
-              }
-              m_xBlock = dim3(uThreadsPerBlock, 1, 1);
-              if (uThreads > m_xGrid.x * m_xGrid.y * uThreadsPerBlock)
-              {
-                  Throw(c_xSite, "Too many threads for given configuration algorithm");
-              }
-          });
+        [&]
+        {
+            if (uThreads == 0)
+            {
+                Throw(c_xSite, "Number of threads is 0");
+            }
+            if (uThreadsPerBlock == 0)
+            {
+                Throw(c_xSite, "Number of threads in a block is 0");
+            }
+            const unsigned int uBlocks = uThreads / uThreadsPerBlock + (uThreads % uThreadsPerBlock != 0 ? 1 : 0);
+            const unsigned int uLimit = uBlocks % 65535 == 0 ? 65535 : 65534;
+            m_xGrid = dim3(uBlocks, 1, 1);
+            if (uBlocks > uLimit)
+            {
+                // The smallest row count whose quotient is at most the limit; one more column covers the remainder.
+                const unsigned int uRows = uBlocks / (uLimit + 1) + 1;
+                m_xGrid = dim3(uBlocks / uRows + 1, uRows, 1);
+            }
+            m_xBlock = dim3(uThreadsPerBlock, 1, 1);
+            if (uThreads > m_xGrid.x * m_xGrid.y * uThreadsPerBlock)
+            {
+                Throw(c_xSite, "Too many threads for given configuration algorithm");
+            }
+        });
 }
 
 void CQxCudaComp::Begin(const char* pcKernel, cudaStream_t)
 {
     if (m_xGrid.x == 0 || m_xGrid.y == 0 || m_xBlock.x == 0 || m_xBlock.y == 0)
     {
-        Throw({c_pcFile, "Begin"}, "Kernel launch configuration isn't initialized. Block or Grid is zero. Call "
-                                   "EvalKernelDim_2D_1D() before");
+        Throw({c_pcFile, "Begin"},
+            "Kernel launch configuration isn't initialized. Block or Grid is zero. Call "
+            "EvalKernelDim_2D_1D() before");
     }
     if (m_pStopEvent == nullptr)
     {
@@ -138,8 +139,7 @@ CQxString CQxCudaComp::_ShowDebugErrorWindow(cudaError eError, const char* pcKer
     char acReport[2000];
     const auto Format = [&](std::size_t nMessage, std::size_t nKernel)
     {
-        const int iLength = sprintf_s(
-            acReport,
+        const int iLength = sprintf_s(acReport,
             "%.*s\n\nKernel: '%.*s'\nCUDA Error String: '%s'\n\nKernel Configuration:\n - Grid:  [%u, %u, %u] = %d\n"
             " - Block: [%u, %u, %u] = %d\n\nFree Memory: %llu/%llu",
             static_cast<int>(nMessage), pcMessage != nullptr ? pcMessage : "", static_cast<int>(nKernel),
@@ -159,8 +159,8 @@ CQxString CQxCudaComp::_ShowDebugErrorWindow(cudaError eError, const char* pcKer
     return acReport;
 }
 
-void CQxCudaComp::_ThrowReport(cudaError eError, const char* pcKernel, const char* pcMessage, const char* pcFunction,
-                               int iLine) const
+void CQxCudaComp::_ThrowReport(
+    cudaError eError, const char* pcKernel, const char* pcMessage, const char* pcFunction, int iLine) const
 {
     ThrowCuda({c_pcFile, pcFunction}, _ShowDebugErrorWindow(eError, pcKernel, pcMessage), iLine);
 }

@@ -101,7 +101,7 @@ public:
 
 private:
     [[noreturn]] void _ThrowReport(cudaError eError, const char* pcKernel, const char* pcMessage,
-                                   const char* pcFunction, int iLine = __builtin_LINE()) const;
+        const char* pcFunction, int iLine = __builtin_LINE()) const;
 
     dim3 m_xGrid{0, 0, 1};
     dim3 m_xBlock{0, 0, 1};

@@ -70,7 +70,7 @@ int CQxCudaCompDebug::GetDebugItemCount()
     }
     int iCount = 0;
     CheckCuda(cudaMemcpy(&iCount, sm_xDebugParams.pCounter, sizeof(iCount), cudaMemcpyDeviceToHost),
-              {c_pcFile, "GetDebugItemCount"}, "Error getting number of debug items from CUDA");
+        {c_pcFile, "GetDebugItemCount"}, "Error getting number of debug items from CUDA");
     return iCount;
 }
 
@@ -84,7 +84,7 @@ void CQxCudaCompDebug::GetDebugItems(std::vector<SItem>& vItems)
     }
     vItems.resize(static_cast<std::size_t>(iCount));
     CheckCuda(cudaMemcpy(vItems.data(), sm_xDebugParams.pItems, vItems.size() * sizeof(SItem), cudaMemcpyDeviceToHost),
-              {c_pcFile, "GetDebugItems"}, "Error getting debug items from CUDA");
+        {c_pcFile, "GetDebugItems"}, "Error getting debug items from CUDA");
 }
 
 void CQxCudaCompDebug::SetDebugKind(EKind eKind)

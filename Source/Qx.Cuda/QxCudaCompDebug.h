@@ -78,8 +78,8 @@ struct SParameter
 };
 
 static_assert(sizeof(SParameter) == 32 && alignof(SParameter) == 8 && std::is_trivially_copyable_v<SParameter>);
-static_assert(offsetof(SParameter, pItems) == 8 && offsetof(SParameter, pCounter) == 16 &&
-              offsetof(SParameter, iCapacity) == 24);
+static_assert(
+    offsetof(SParameter, pItems) == 8 && offsetof(SParameter, pCounter) == 16 && offsetof(SParameter, iCapacity) == 24);
 
 /// Access to the process's debug channel, and the debug kind of one launch context.
 class QX_EXPORT_TYPE CQxCudaCompDebug

@@ -52,7 +52,7 @@ public:
             return;
         }
         Guard({c_pcFile, "Delete"}, "Error deleting memory block on the device",
-              [&] { CQxDeviceMMU::QxCudaFree(m_pDevice); });
+            [&] { CQxDeviceMMU::QxCudaFree(m_pDevice); });
         m_nCount = 0;
         m_pDevice = nullptr;
     }
@@ -64,12 +64,12 @@ public:
     void New(std::uint64_t nCount)
     {
         Guard({c_pcFile, "New"}, "Error allocating memory block on the device",
-              [&]
-              {
-                  Delete();
-                  m_pDevice = static_cast<T*>(CQxDeviceMMU::QxCudaMalloc(nCount, sizeof(T)));
-                  m_nCount = nCount;
-              });
+            [&]
+            {
+                Delete();
+                m_pDevice = static_cast<T*>(CQxDeviceMMU::QxCudaMalloc(nCount, sizeof(T)));
+                m_nCount = nCount;
+            });
     }
 
     /// Makes sure that the block has @p nCount elements, at no cost when it has them already; other contents are lost.
@@ -90,11 +90,11 @@ public:
     {
         constexpr SThrowSite c_xSite{c_pcFile, "ToDevice"};
         Guard(c_xSite, "Error copying to device",
-              [&]
-              {
-                  Require(nCount);
-                  CheckCuda(cudaMemcpy(m_pDevice, pHost, nCount * sizeof(T), cudaMemcpyHostToDevice), c_xSite, "");
-              });
+            [&]
+            {
+                Require(nCount);
+                CheckCuda(cudaMemcpy(m_pDevice, pHost, nCount * sizeof(T), cudaMemcpyHostToDevice), c_xSite, "");
+            });
     }
 
     /// Copies the block to host memory at @p pHost, which has room for @p nCount elements.
@@ -112,8 +112,8 @@ public:
         {
             Throw(c_xSite, "Unequal element counts");
         }
-        CheckCuda(cudaMemcpy(pHost, m_pDevice, nCount * sizeof(T), cudaMemcpyDeviceToHost), c_xSite,
-                  "Error copying to host");
+        CheckCuda(
+            cudaMemcpy(pHost, m_pDevice, nCount * sizeof(T), cudaMemcpyDeviceToHost), c_xSite, "Error copying to host");
     }
 
     /// The elements of the block; 0 without one.

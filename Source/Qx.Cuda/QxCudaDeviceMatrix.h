@@ -39,7 +39,7 @@ public:
         m_nRows = xMatrix.GetRowCount();
         m_nCols = xMatrix.GetColCount();
         Guard({c_pcFile, "Set"}, "Error copying host matrix to device",
-              [&] { m_xArray.ToDevice(xMatrix.GetDataPtr(), _ElementCount(m_nRows, m_nCols)); });
+            [&] { m_xArray.ToDevice(xMatrix.GetDataPtr(), _ElementCount(m_nRows, m_nCols)); });
     }
 
     /// Downloads all elements. When @p xMatrix has other counts, its `SetDimensions` is called first.
@@ -51,14 +51,14 @@ public:
     void Get(CQxMatrix<T>& xMatrix) const
     {
         Guard({c_pcFile, "Get"}, "Error copying device matrix to host",
-              [&]
-              {
-                  if (xMatrix.GetRowCount() != m_nRows || xMatrix.GetColCount() != m_nCols)
-                  {
-                      xMatrix.SetDimensions(m_nRows, m_nCols);
-                  }
-                  m_xArray.ToHost(xMatrix.GetDataPtr(), _ElementCount(m_nRows, m_nCols));
-              });
+            [&]
+            {
+                if (xMatrix.GetRowCount() != m_nRows || xMatrix.GetColCount() != m_nCols)
+                {
+                    xMatrix.SetDimensions(m_nRows, m_nCols);
+                }
+                m_xArray.ToHost(xMatrix.GetDataPtr(), _ElementCount(m_nRows, m_nCols));
+            });
     }
 
     /// Gives the matrix @p nRows x @p nCols elements. The contents stay, element by element in their order, when it has
@@ -70,7 +70,7 @@ public:
     void Resize(std::uint64_t nRows, std::uint64_t nCols)
     {
         Guard({c_pcFile, "Resize"}, "Error allocating device matrix ",
-              [&] { m_xArray.Require(_ElementCount(nRows, nCols)); });
+            [&] { m_xArray.Require(_ElementCount(nRows, nCols)); });
         m_nRows = nRows;
         m_nCols = nCols;
     }

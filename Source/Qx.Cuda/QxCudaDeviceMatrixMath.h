@@ -51,13 +51,13 @@ public:
     /// - "CUBLAS error in cublasSgemv_v2" or "CUBLAS error in cublasDgemv_v2"; @p xResult keeps its new size and its
     ///   contents are undefined.
     void Mult(const CQxCudaDeviceMatrix<float>& xMatrix, const CQxCudaDeviceVector<float>& xVector,
-              CQxCudaDeviceVector<float>& xResult)
+        CQxCudaDeviceVector<float>& xResult)
     {
         _Mult(xMatrix, xVector, xResult, &cublasSgemv_v2, "CUBLAS error in cublasSgemv_v2");
     }
     /// The same for `double`.
     void Mult(const CQxCudaDeviceMatrix<double>& xMatrix, const CQxCudaDeviceVector<double>& xVector,
-              CQxCudaDeviceVector<double>& xResult)
+        CQxCudaDeviceVector<double>& xResult)
     {
         _Mult(xMatrix, xVector, xResult, &cublasDgemv_v2, "CUBLAS error in cublasDgemv_v2");
     }
@@ -151,55 +151,55 @@ private:
     // To cuBLAS, which reads column by column, the rows of a matrix are columns: it sees the transpose of each matrix.
     template <typename TElement, typename TGemv>
     void _Mult(const CQxCudaDeviceMatrix<TElement>& xMatrix, const CQxCudaDeviceVector<TElement>& xVector,
-               CQxCudaDeviceVector<TElement>& xResult, TGemv* pGemv, const char* pcMessage)
+        CQxCudaDeviceVector<TElement>& xResult, TGemv* pGemv, const char* pcMessage)
     {
         constexpr SThrowSite c_xSite{c_pcFile, "Mult"};
         Guard(c_xSite, "Error multiplying matrix",
-              [&]
-              {
-                  if (xMatrix.GetColCount() != xVector.GetSize())
-                  {
-                      Throw(c_xSite, "Matrix sizes don't fit");
-                  }
-                  _CheckHandle(c_xSite);
-                  _CheckOperand(xMatrix, c_xSite);
-                  _CheckOperand(xVector, c_xSite);
-                  _CheckResult(&xResult, &xVector, c_xSite);
-                  const int iCols = _ToInt(xMatrix.GetColCount(), c_xSite);
-                  const int iRows = _ToInt(xMatrix.GetRowCount(), c_xSite);
-                  xResult.Resize(xMatrix.GetRowCount());
-                  const TElement tAlpha = 1;
-                  const TElement tBeta = 0;
-                  _CheckStatus(pGemv(m_pHandle, CUBLAS_OP_T, iCols, iRows, &tAlpha, xMatrix.GetDataPtr(), iCols,
-                                     xVector.GetDataPtr(), 1, &tBeta, xResult.GetDataPtr(), 1),
-                               c_xSite, pcMessage);
-              });
+            [&]
+            {
+                if (xMatrix.GetColCount() != xVector.GetSize())
+                {
+                    Throw(c_xSite, "Matrix sizes don't fit");
+                }
+                _CheckHandle(c_xSite);
+                _CheckOperand(xMatrix, c_xSite);
+                _CheckOperand(xVector, c_xSite);
+                _CheckResult(&xResult, &xVector, c_xSite);
+                const int iCols = _ToInt(xMatrix.GetColCount(), c_xSite);
+                const int iRows = _ToInt(xMatrix.GetRowCount(), c_xSite);
+                xResult.Resize(xMatrix.GetRowCount());
+                const TElement tAlpha = 1;
+                const TElement tBeta = 0;
+                _CheckStatus(pGemv(m_pHandle, CUBLAS_OP_T, iCols, iRows, &tAlpha, xMatrix.GetDataPtr(), iCols,
+                                 xVector.GetDataPtr(), 1, &tBeta, xResult.GetDataPtr(), 1),
+                    c_xSite, pcMessage);
+            });
     }
 
     template <typename TElement, typename TSyrk>
     void _MultWithTranspose(const CQxCudaDeviceMatrix<TElement>& xMatrix, CQxCudaDeviceMatrix<TElement>& xResult,
-                            TSyrk* pSyrk, const char* pcMessage)
+        TSyrk* pSyrk, const char* pcMessage)
     {
         constexpr SThrowSite c_xSite{c_pcFile, "MultWithTranspose"};
         Guard(c_xSite, "Error multiplying matrix (with transpose)",
-              [&]
-              {
-                  if (xMatrix.GetColCount() == 0 || xMatrix.GetRowCount() == 0)
-                  {
-                      Throw(c_xSite, "Matrix size is zero");
-                  }
-                  _CheckHandle(c_xSite);
-                  _CheckOperand(xMatrix, c_xSite);
-                  _CheckResult(&xResult, &xMatrix, c_xSite);
-                  const int iCols = _ToInt(xMatrix.GetColCount(), c_xSite);
-                  const int iRows = _ToInt(xMatrix.GetRowCount(), c_xSite);
-                  xResult.Resize(xMatrix.GetRowCount(), xMatrix.GetRowCount());
-                  const TElement tAlpha = 1;
-                  const TElement tBeta = 0;
-                  _CheckStatus(pSyrk(m_pHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, iRows, iCols, &tAlpha,
-                                     xMatrix.GetDataPtr(), iCols, &tBeta, xResult.GetDataPtr(), iRows),
-                               c_xSite, pcMessage);
-              });
+            [&]
+            {
+                if (xMatrix.GetColCount() == 0 || xMatrix.GetRowCount() == 0)
+                {
+                    Throw(c_xSite, "Matrix size is zero");
+                }
+                _CheckHandle(c_xSite);
+                _CheckOperand(xMatrix, c_xSite);
+                _CheckResult(&xResult, &xMatrix, c_xSite);
+                const int iCols = _ToInt(xMatrix.GetColCount(), c_xSite);
+                const int iRows = _ToInt(xMatrix.GetRowCount(), c_xSite);
+                xResult.Resize(xMatrix.GetRowCount(), xMatrix.GetRowCount());
+                const TElement tAlpha = 1;
+                const TElement tBeta = 0;
+                _CheckStatus(pSyrk(m_pHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, iRows, iCols, &tAlpha,
+                                 xMatrix.GetDataPtr(), iCols, &tBeta, xResult.GetDataPtr(), iRows),
+                    c_xSite, pcMessage);
+            });
     }
 
     template <typename TElement, typename TAsum>
@@ -214,7 +214,7 @@ private:
         _CheckOperand(xVector, c_xSite);
         TElement tSum = 0;
         _CheckStatus(pAsum(m_pHandle, _ToInt(xVector.GetSize() - 1, c_xSite), xVector.GetDataPtr(), 1, &tSum), c_xSite,
-                     pcMessage);
+            pcMessage);
         return static_cast<double>(tSum);
     }
 

@@ -50,14 +50,14 @@ void CQxCudaDeviceMemory::DeleteAll()
         ~SFreed() { vDevicePointers.erase(vDevicePointers.begin(), vDevicePointers.begin() + iCount); }
     } xFreed{m_vDevicePointers};
     Guard({"Source/Qx.Cuda/QxCudaDeviceMemory", "DeleteAll"}, "Error deleting all pointers to CUDA device memory",
-          [&]
-          {
-              for (void* pMemory : m_vDevicePointers)
-              {
-                  CQxDeviceMMU::QxCudaFree(pMemory);
-                  ++xFreed.iCount;
-              }
-          });
+        [&]
+        {
+            for (void* pMemory : m_vDevicePointers)
+            {
+                CQxDeviceMMU::QxCudaFree(pMemory);
+                ++xFreed.iCount;
+            }
+        });
     m_nTotalAllocSize = 0;
 }
 

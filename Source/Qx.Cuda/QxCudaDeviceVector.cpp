@@ -31,32 +31,32 @@ void CQxCudaDeviceVector<T>::Set(const CQxVector<T>& xVector)
 {
     m_nSize = xVector.GetSize();
     _GuardSize("Set", "Error copying host vector to device",
-               [&] { m_xArray.ToDevice(xVector.GetDataPtr(), xVector.GetSize()); });
+        [&] { m_xArray.ToDevice(xVector.GetDataPtr(), xVector.GetSize()); });
 }
 
 template <typename T>
 void CQxCudaDeviceVector<T>::Get(CQxVector<T>& xVector) const
 {
     Guard({c_pcFile, "Get"}, "Error copying device vector to host",
-          [&]
-          {
-              if (xVector.GetSize() != m_nSize)
-              {
-                  xVector.Resize(m_nSize);
-              }
-              m_xArray.ToHost(xVector.GetDataPtr(), xVector.GetSize());
-          });
+        [&]
+        {
+            if (xVector.GetSize() != m_nSize)
+            {
+                xVector.Resize(m_nSize);
+            }
+            m_xArray.ToHost(xVector.GetDataPtr(), xVector.GetSize());
+        });
 }
 
 template <typename T>
 void CQxCudaDeviceVector<T>::Resize(std::uint64_t nSize)
 {
     _GuardSize("Resize", "Error resizing device vector",
-               [&]
-               {
-                   m_xArray.Require(nSize);
-                   m_nSize = nSize;
-               });
+        [&]
+        {
+            m_xArray.Require(nSize);
+            m_nSize = nSize;
+        });
 }
 
 template <typename T>

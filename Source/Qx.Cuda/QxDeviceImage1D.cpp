@@ -18,7 +18,7 @@ constexpr const char* c_pcErrorUploading = "Error copying memory from host to de
 // The one copy that every transfer is. Bytes are counted without wrapping: for the packed data types the 32-bit count
 // of an image that an image can have may have wrapped on the way.
 void _Copy(void* pTarget, const void* pSource, const CQxImageFormat& xFormat, cudaMemcpyKind eKind,
-           const SThrowSite& xSite, const char* pcMessage, int iLine = __builtin_LINE())
+    const SThrowSite& xSite, const char* pcMessage, int iLine = __builtin_LINE())
 {
     CheckCuda(cudaMemcpy(pTarget, pSource, xFormat.GetExactByteCount(), eKind), xSite, pcMessage, iLine);
 }
@@ -63,41 +63,41 @@ void CQxDeviceImage1D::Create(const CQxImageFormat& xFormat)
 void CQxDeviceImage1D::Create(const CQxImage& xImage)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              Create(xImage.GetFormat());
-              _Copy(GetDevicePointer(), xImage.GetDataPtr(), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
-                    c_pcErrorUploading);
-          });
+        [&]
+        {
+            Create(xImage.GetFormat());
+            _Copy(GetDevicePointer(), xImage.GetDataPtr(), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
+                c_pcErrorUploading);
+        });
 }
 
 void CQxDeviceImage1D::Create(const Interop::Runtime28::IImage* pImage)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              if (pImage == nullptr)
-              {
-                  Throw(c_xCreate, "The source image pointer is null");
-              }
-              Create(GetImageFormat(*pImage));
-              _Copy(GetDevicePointer(), pImage->GetDataPtr(), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
-                    c_pcErrorUploading);
-          });
+        [&]
+        {
+            if (pImage == nullptr)
+            {
+                Throw(c_xCreate, "The source image pointer is null");
+            }
+            Create(GetImageFormat(*pImage));
+            _Copy(GetDevicePointer(), pImage->GetDataPtr(), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
+                c_pcErrorUploading);
+        });
 }
 
 void CQxDeviceImage1D::Create(const CQxDeviceImage1D& xSource)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              Create(xSource.m_xFormat);
-              if (&xSource != this)
-              {
-                  _Copy(GetDevicePointer(), xSource.GetDevicePointer(), m_xFormat, cudaMemcpyDeviceToDevice, c_xCreate,
-                        "Error copying memory from device to device");
-              }
-          });
+        [&]
+        {
+            Create(xSource.m_xFormat);
+            if (&xSource != this)
+            {
+                _Copy(GetDevicePointer(), xSource.GetDevicePointer(), m_xFormat, cudaMemcpyDeviceToDevice, c_xCreate,
+                    "Error copying memory from device to device");
+            }
+        });
 }
 
 void CQxDeviceImage1D::CopyTo(CQxImage& xImage) const
@@ -111,19 +111,19 @@ void CQxDeviceImage1D::CopyTo(CQxImage& xImage) const
         xImage.Create(m_xFormat);
     }
     _Copy(xImage.GetDataPtr(), GetDevicePointer(), m_xFormat, cudaMemcpyDeviceToHost, c_xCopyTo,
-          "Error copying memory from device to host");
+        "Error copying memory from device to host");
 }
 
 void CQxDeviceImage1D::SetZero()
 {
     CheckCuda(cudaMemset(GetDevicePointer(), 0, m_xFormat.GetExactByteCount()), {c_pcFile, "SetZero"},
-              "Error zeroing CUDA device memory");
+        "Error zeroing CUDA device memory");
 }
 
 void CQxDeviceImage1D::SetZeroAsync(CUstream_st* pStream)
 {
     CheckCuda(cudaMemsetAsync(GetDevicePointer(), 0, m_xFormat.GetExactByteCount(), pStream),
-              {c_pcFile, "SetZeroAsync"}, "Error zeroing CUDA device memory asynchronously");
+        {c_pcFile, "SetZeroAsync"}, "Error zeroing CUDA device memory asynchronously");
 }
 
 void CQxDeviceImage1D::Release()

@@ -111,7 +111,7 @@ SRows<T> _PackedRows(T* pFirst, const CQxImageFormat& xFormat)
 struct SBlocking
 {
     cudaError operator()(const SRows<void>& xTarget, const SRows<const void>& xSource, std::size_t nWidth,
-                         std::size_t nHeight, cudaMemcpyKind eKind) const
+        std::size_t nHeight, cudaMemcpyKind eKind) const
     {
         return cudaMemcpy2D(xTarget.pFirst, xTarget.nPitch, xSource.pFirst, xSource.nPitch, nWidth, nHeight, eKind);
     }
@@ -122,21 +122,21 @@ struct SQueued
     CUstream_st* pStream;
 
     cudaError operator()(const SRows<void>& xTarget, const SRows<const void>& xSource, std::size_t nWidth,
-                         std::size_t nHeight, cudaMemcpyKind eKind) const
+        std::size_t nHeight, cudaMemcpyKind eKind) const
     {
-        return cudaMemcpy2DAsync(xTarget.pFirst, xTarget.nPitch, xSource.pFirst, xSource.nPitch, nWidth, nHeight, eKind,
-                                 pStream);
+        return cudaMemcpy2DAsync(
+            xTarget.pFirst, xTarget.nPitch, xSource.pFirst, xSource.nPitch, nWidth, nHeight, eKind, pStream);
     }
 };
 
 // The one copy that every transfer of an image is.
 template <typename TWay>
 void _CopyRows(const TWay& xWay, const SRows<void>& xTarget, const SRows<const void>& xSource,
-               const CQxImageFormat& xFormat, cudaMemcpyKind eKind, const SThrowSite& xSite, const char* pcMessage,
-               int iLine = __builtin_LINE())
+    const CQxImageFormat& xFormat, cudaMemcpyKind eKind, const SThrowSite& xSite, const char* pcMessage,
+    int iLine = __builtin_LINE())
 {
     CheckCuda(xWay(xTarget, xSource, _RowWidth(xFormat), static_cast<std::size_t>(xFormat.iHeight), eKind), xSite,
-              pcMessage, iLine);
+        pcMessage, iLine);
 }
 
 } // namespace
@@ -179,47 +179,47 @@ CQxDeviceImage2D::~CQxDeviceImage2D()
 void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              if (xFormat.iWidth <= 0 || xFormat.iHeight <= 0)
-              {
-                  Throw(c_xCreate, "Width or height of given image format is 0");
-              }
-              if (xFormat.GetComponentCount() == 3)
-              {
-                  Throw(c_xCreate, "Only 1, 2 or 4 channels per pixel are allowed");
-              }
-              if (m_xFormat == xFormat)
-              {
-                  return;
-              }
-              Release();
-              m_xChannelDesc = _CreateCudaChannelFormatDescFromFormat(xFormat);
-              const std::size_t nRowWidth = _RowWidth(xFormat);
-              if (nRowWidth > INT32_MAX)
-              {
-                  Throw(c_xCreate, ("Image row of " + std::to_string(nRowWidth) + " bytes is too wide").c_str());
-              }
-              m_xResource =
-                  GPU::CResourceManager::GetCudaMemoryPitch(nRowWidth, static_cast<std::size_t>(xFormat.iHeight));
-              m_xFormat = xFormat;
-          });
+        [&]
+        {
+            if (xFormat.iWidth <= 0 || xFormat.iHeight <= 0)
+            {
+                Throw(c_xCreate, "Width or height of given image format is 0");
+            }
+            if (xFormat.GetComponentCount() == 3)
+            {
+                Throw(c_xCreate, "Only 1, 2 or 4 channels per pixel are allowed");
+            }
+            if (m_xFormat == xFormat)
+            {
+                return;
+            }
+            Release();
+            m_xChannelDesc = _CreateCudaChannelFormatDescFromFormat(xFormat);
+            const std::size_t nRowWidth = _RowWidth(xFormat);
+            if (nRowWidth > INT32_MAX)
+            {
+                Throw(c_xCreate, ("Image row of " + std::to_string(nRowWidth) + " bytes is too wide").c_str());
+            }
+            m_xResource =
+                GPU::CResourceManager::GetCudaMemoryPitch(nRowWidth, static_cast<std::size_t>(xFormat.iHeight));
+            m_xFormat = xFormat;
+        });
 }
 
 void CQxDeviceImage2D::Create(CQxDeviceImage2D&& xSource)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              if (!xSource.IsValid())
-              {
-                  Throw(c_xCreate, "Given image is invalid");
-              }
-              Release();
-              m_xFormat = xSource.m_xFormat;
-              m_xChannelDesc = xSource.m_xChannelDesc;
-              m_xResource = xSource.m_xResource;
-          });
+        [&]
+        {
+            if (!xSource.IsValid())
+            {
+                Throw(c_xCreate, "Given image is invalid");
+            }
+            Release();
+            m_xFormat = xSource.m_xFormat;
+            m_xChannelDesc = xSource.m_xChannelDesc;
+            m_xResource = xSource.m_xResource;
+        });
     xSource.m_xResource.m_pDevice = nullptr;
     xSource.m_xFormat = CQxImageFormat{};
 }
@@ -227,41 +227,41 @@ void CQxDeviceImage2D::Create(CQxDeviceImage2D&& xSource)
 void CQxDeviceImage2D::Create(const CQxImage& xImage)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              Create(xImage.GetFormat());
-              _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
-                        _PackedRows(xImage.GetDataPtr(), m_xFormat), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
-                        c_pcErrorUploading);
-          });
+        [&]
+        {
+            Create(xImage.GetFormat());
+            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+                _PackedRows(xImage.GetDataPtr(), m_xFormat), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
+                c_pcErrorUploading);
+        });
 }
 
 void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat, const void* pPixels, bool bDevicePointer)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              Create(xFormat);
-              _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pPixels, m_xFormat),
-                        m_xFormat, bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate,
-                        c_pcErrorUploading);
-          });
+        [&]
+        {
+            Create(xFormat);
+            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pPixels, m_xFormat),
+                m_xFormat, bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate,
+                c_pcErrorUploading);
+        });
 }
 
 template <typename TWay>
 void CQxDeviceImage2D::_CreateFrom(const IImage* pImage, const TWay& xWay, const SThrowSite& xSite)
 {
     Guard(xSite, c_pcErrorCreating,
-          [&]
-          {
-              if (pImage == nullptr)
-              {
-                  Throw(xSite, "The source image pointer is null");
-              }
-              Create(GetImageFormat(*pImage));
-              _CopyRows(xWay, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pImage->GetDataPtr(), m_xFormat),
-                        m_xFormat, cudaMemcpyHostToDevice, xSite, c_pcErrorUploading);
-          });
+        [&]
+        {
+            if (pImage == nullptr)
+            {
+                Throw(xSite, "The source image pointer is null");
+            }
+            Create(GetImageFormat(*pImage));
+            _CopyRows(xWay, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pImage->GetDataPtr(), m_xFormat),
+                m_xFormat, cudaMemcpyHostToDevice, xSite, c_pcErrorUploading);
+        });
 }
 
 void CQxDeviceImage2D::Create(const Interop::Runtime28::IImage* pImage)
@@ -277,75 +277,75 @@ void CQxDeviceImage2D::CreateAsync(const Interop::Runtime28::IImage* pImage, CUs
 void CQxDeviceImage2D::Create(const CQxDeviceImage2D& xSource)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              if (!xSource.IsValid())
-              {
-                  Throw(c_xCreate, "Given image is invalid");
-              }
-              Create(xSource.m_xFormat);
-              // Source and target of a copy must not overlap, and an image that is its own source has its pixels.
-              if (&xSource != this)
-              {
-                  _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
-                            {xSource.GetDevicePointer(), xSource.m_xResource.m_nPitch}, m_xFormat,
-                            cudaMemcpyDeviceToDevice, c_xCreate, "Error creating image on cuda device");
-              }
-          });
+        [&]
+        {
+            if (!xSource.IsValid())
+            {
+                Throw(c_xCreate, "Given image is invalid");
+            }
+            Create(xSource.m_xFormat);
+            // Source and target of a copy must not overlap, and an image that is its own source has its pixels.
+            if (&xSource != this)
+            {
+                _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+                    {xSource.GetDevicePointer(), xSource.m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice,
+                    c_xCreate, "Error creating image on cuda device");
+            }
+        });
 }
 
 void CQxDeviceImage2D::Create(const CQxDeviceImage1D& xSource)
 {
     Guard(c_xCreate, c_pcErrorCreating,
-          [&]
-          {
-              Create(xSource.GetFormat());
-              _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
-                        _PackedRows<const void>(xSource.GetDevicePointer(), m_xFormat), m_xFormat,
-                        cudaMemcpyDeviceToDevice, c_xCreate, c_pcErrorUploading);
-          });
+        [&]
+        {
+            Create(xSource.GetFormat());
+            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+                _PackedRows<const void>(xSource.GetDevicePointer(), m_xFormat), m_xFormat, cudaMemcpyDeviceToDevice,
+                c_xCreate, c_pcErrorUploading);
+        });
 }
 
 void CQxDeviceImage2D::CopyTo(CQxImage& xImage) const
 {
     Guard(c_xCopyTo, c_pcErrorDownloading,
-          [&]
-          {
-              if (!IsValid())
-              {
-                  Throw(c_xCopyTo, c_pcInvalid);
-              }
-              if (!(xImage.GetFormat() == m_xFormat))
-              {
-                  xImage.Create(m_xFormat);
-              }
-              _CopyRows(SBlocking{}, _PackedRows(xImage.GetDataPtr(), m_xFormat),
-                        {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToHost, c_xCopyTo,
-                        c_pcErrorCopyingToHost);
-          });
+        [&]
+        {
+            if (!IsValid())
+            {
+                Throw(c_xCopyTo, c_pcInvalid);
+            }
+            if (!(xImage.GetFormat() == m_xFormat))
+            {
+                xImage.Create(m_xFormat);
+            }
+            _CopyRows(SBlocking{}, _PackedRows(xImage.GetDataPtr(), m_xFormat),
+                {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToHost, c_xCopyTo,
+                c_pcErrorCopyingToHost);
+        });
 }
 
 template <typename TWay>
 void CQxDeviceImage2D::_CopyTo(IImage* pImage, const TWay& xWay, const SThrowSite& xSite) const
 {
     Guard(xSite, c_pcErrorDownloading,
-          [&]
-          {
-              if (!IsValid())
-              {
-                  Throw(xSite, c_pcInvalid);
-              }
-              if (pImage == nullptr)
-              {
-                  Throw(xSite, "The target image pointer is null");
-              }
-              if (!(GetImageFormat(*pImage) == m_xFormat))
-              {
-                  pImage->Create(m_xFormat.iWidth, m_xFormat.iHeight, m_xFormat.ePixelType, m_xFormat.eDataType);
-              }
-              _CopyRows(xWay, _PackedRows(pImage->GetDataPtr(), m_xFormat), {GetDevicePointer(), m_xResource.m_nPitch},
-                        m_xFormat, cudaMemcpyDeviceToHost, xSite, c_pcErrorCopyingToHost);
-          });
+        [&]
+        {
+            if (!IsValid())
+            {
+                Throw(xSite, c_pcInvalid);
+            }
+            if (pImage == nullptr)
+            {
+                Throw(xSite, "The target image pointer is null");
+            }
+            if (!(GetImageFormat(*pImage) == m_xFormat))
+            {
+                pImage->Create(m_xFormat.iWidth, m_xFormat.iHeight, m_xFormat.ePixelType, m_xFormat.eDataType);
+            }
+            _CopyRows(xWay, _PackedRows(pImage->GetDataPtr(), m_xFormat), {GetDevicePointer(), m_xResource.m_nPitch},
+                m_xFormat, cudaMemcpyDeviceToHost, xSite, c_pcErrorCopyingToHost);
+        });
 }
 
 void CQxDeviceImage2D::CopyTo(Interop::Runtime28::IImage* pImage) const
@@ -366,17 +366,17 @@ void CQxDeviceImage2D::CopyTo(CQxDeviceImage2D& xTarget) const
 void CQxDeviceImage2D::CopyTo(CQxDeviceImage1D& xTarget) const
 {
     Guard(c_xCopyTo, "Error copying 2D CUDA device image to 1D CUDA device image",
-          [&]
-          {
-              if (!IsValid())
-              {
-                  Throw(c_xCopyTo, c_pcInvalid);
-              }
-              xTarget.Create(m_xFormat);
-              _CopyRows(SBlocking{}, _PackedRows(xTarget.GetDevicePointer(), m_xFormat),
-                        {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice, c_xCopyTo,
-                        c_pcErrorUploading);
-          });
+        [&]
+        {
+            if (!IsValid())
+            {
+                Throw(c_xCopyTo, c_pcInvalid);
+            }
+            xTarget.Create(m_xFormat);
+            _CopyRows(SBlocking{}, _PackedRows(xTarget.GetDevicePointer(), m_xFormat),
+                {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice, c_xCopyTo,
+                c_pcErrorUploading);
+        });
 }
 
 void CQxDeviceImage2D::Release()
@@ -386,7 +386,7 @@ void CQxDeviceImage2D::Release()
         return;
     }
     Guard({c_pcFile, "Release"}, "Error destroying 2D CUDA device image",
-          [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
+        [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
     m_xFormat = CQxImageFormat{};
 }
 
@@ -400,8 +400,7 @@ void CQxDeviceImage2D::CopyDescriptionToCudaConstAsync(const SDeviceImageDesc2D&
     // Ordinary host memory, so CUDA has taken it when the call returns.
     const SDeviceImageDesc2D xDesc = GetDesc();
     CheckCuda(cudaMemcpyToSymbolAsync(&xSymbol, &xDesc, sizeof(xDesc), 0, cudaMemcpyHostToDevice, pStream),
-              {c_pcFile, "CopyDescriptionToCudaConstAsync"},
-              "Error copying device image description 2D to constant memory");
+        {c_pcFile, "CopyDescriptionToCudaConstAsync"}, "Error copying device image description 2D to constant memory");
 }
 
 template <typename TMemset>
@@ -409,27 +408,29 @@ void CQxDeviceImage2D::_SetZero(const char* pcFunction, TMemset&& xMemset)
 {
     const SThrowSite xSite{c_pcFile, pcFunction};
     Guard(xSite, "Error setting image to zero",
-          [&]
-          {
-              if (!IsValid())
-              {
-                  Throw(xSite, c_pcInvalid);
-              }
-              CheckCuda(xMemset(_RowWidth(m_xFormat), static_cast<std::size_t>(m_xFormat.iHeight)), xSite,
-                        "Error setting CUDA memory to zero");
-          });
+        [&]
+        {
+            if (!IsValid())
+            {
+                Throw(xSite, c_pcInvalid);
+            }
+            CheckCuda(xMemset(_RowWidth(m_xFormat), static_cast<std::size_t>(m_xFormat.iHeight)), xSite,
+                "Error setting CUDA memory to zero");
+        });
 }
 
 void CQxDeviceImage2D::SetZero()
 {
-    _SetZero("SetZero", [&](std::size_t nWidth, std::size_t nHeight)
-             { return cudaMemset2D(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight); });
+    _SetZero("SetZero",
+        [&](std::size_t nWidth, std::size_t nHeight)
+        { return cudaMemset2D(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight); });
 }
 
 void CQxDeviceImage2D::SetZeroAsync(CUstream_st* pStream)
 {
-    _SetZero("SetZeroAsync", [&](std::size_t nWidth, std::size_t nHeight)
-             { return cudaMemset2DAsync(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight, pStream); });
+    _SetZero("SetZeroAsync",
+        [&](std::size_t nWidth, std::size_t nHeight)
+        { return cudaMemset2DAsync(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight, pStream); });
 }
 
 cudaChannelFormatDesc CQxDeviceImage2D::_CreateCudaChannelFormatDescFromFormat(const CQxImageFormat& xFormat)

@@ -21,8 +21,8 @@ struct SDeviceImageDesc2D
 
 static_assert(sizeof(SDeviceImageDesc2D) == 32 && alignof(SDeviceImageDesc2D) == 8);
 static_assert(offsetof(SDeviceImageDesc2D, xFormat) == 0 && offsetof(SDeviceImageDesc2D, pData) == 16 &&
-              offsetof(SDeviceImageDesc2D, nPitch) == 24);
-static_assert(std::is_trivially_copyable_v<SDeviceImageDesc2D> &&
-              std::is_trivially_default_constructible_v<SDeviceImageDesc2D>);
+    offsetof(SDeviceImageDesc2D, nPitch) == 24);
+static_assert(
+    std::is_trivially_copyable_v<SDeviceImageDesc2D> && std::is_trivially_default_constructible_v<SDeviceImageDesc2D>);
 
 } // namespace Qx

@@ -18,8 +18,8 @@ constexpr const char* c_pcFile = "Source/Qx.Cuda/QxDeviceMMU";
     ThrowOutOfMemory(xSite, "Error allocating CUDA memory. Out of memory", iLine);
 }
 
-[[noreturn, gnu::cold]] void _ThrowNotAllocated(cudaError eResult, const SThrowSite& xSite, const char* pcMessage,
-                                                int iLine = __builtin_LINE())
+[[noreturn, gnu::cold]] void _ThrowNotAllocated(
+    cudaError eResult, const SThrowSite& xSite, const char* pcMessage, int iLine = __builtin_LINE())
 {
     if (eResult == cudaErrorMemoryAllocation)
     {

@@ -43,8 +43,8 @@ public:
     /// descriptor ..." with the text of @p xDesc, a `CQxOutOfMemoryException` "Error allocating CUDA memory. Out of
     /// memory", or a `CQxCudaException` "Error allocating CUDA array memory". Only the last of them resets the thread's
     /// last CUDA error.
-    static QX_CUDA_API cudaArray* QxCudaMallocArray(const cudaChannelFormatDesc& xDesc, std::size_t nWidth,
-                                                    std::size_t nHeight);
+    static QX_CUDA_API cudaArray* QxCudaMallocArray(
+        const cudaChannelFormatDesc& xDesc, std::size_t nWidth, std::size_t nHeight);
 
     /// Frees linear or pitched device memory; null is passed on, which CUDA accepts.
     ///

@@ -69,57 +69,57 @@ CQxDeviceMapping3D::~CQxDeviceMapping3D()
 void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
 {
     Guard(c_xCreate, "Error creating device mapping",
-          [&]
-          {
-              const std::array<int, 3> vCounts = xMapping.GetCellCounts();
-              if (vCounts[0] <= 0 || vCounts[1] <= 0 || vCounts[2] <= 0)
-              {
-                  Throw(c_xCreate, "The mapping dimensions are smaller or equal zero");
-              }
-              const std::uint32_t uGridBytes = _GridBytes(vCounts);
-              // A derived mapping may answer anything, and differently each time.
-              const std::uint32_t uBytes = xMapping.GetByteCount();
-              if (uBytes < uGridBytes)
-              {
-                  Throw(c_xCreate, ("Mapping of " + std::to_string(uBytes) + " bytes is smaller than its " +
-                                    std::to_string(uGridBytes / sizeof(float)) + " cells")
-                                       .c_str());
-              }
-              // The counts alone do not tell whether there is a block, nor whether it has room for the copy.
-              const bool bKeepsBlock = IsValid() && uBytes == _GetByteCount();
-              // All that can run out of host memory comes before the first change.
-              const bool bKeepsName = bKeepsBlock && m_sName == xMapping.GetName();
-              CQxString sName = bKeepsName ? CQxString() : xMapping.GetName();
-              if (!bKeepsBlock)
-              {
-                  if (IsValid())
-                  {
-                      GPU::CResourceManager::ReleaseResource(m_xResource, false);
-                      _Reset();
-                  }
-                  m_xResource = GPU::CResourceManager::GetCudaMemory(uBytes);
-                  m_bActive = true;
-              }
-              m_pData = nullptr;
-              m_vMinimum = xMapping.GetMinimum();
-              m_vMaximum = xMapping.GetMaximum();
-              m_vCounts = vCounts;
-              if (!bKeepsName)
-              {
-                  m_sName = std::move(sName);
-              }
-              m_vSteps = xMapping.GetStepSizes();
-              CheckCuda(cudaMemcpy(m_xResource.m_pDevice, xMapping.GetDataPtr(), uBytes, cudaMemcpyHostToDevice),
-                        c_xCreate, "Error copying memory from host to device");
-              m_bArriving = true;
-              m_pData = GetDevicePointer();
-          });
+        [&]
+        {
+            const std::array<int, 3> vCounts = xMapping.GetCellCounts();
+            if (vCounts[0] <= 0 || vCounts[1] <= 0 || vCounts[2] <= 0)
+            {
+                Throw(c_xCreate, "The mapping dimensions are smaller or equal zero");
+            }
+            const std::uint32_t uGridBytes = _GridBytes(vCounts);
+            // A derived mapping may answer anything, and differently each time.
+            const std::uint32_t uBytes = xMapping.GetByteCount();
+            if (uBytes < uGridBytes)
+            {
+                Throw(c_xCreate,
+                    ("Mapping of " + std::to_string(uBytes) + " bytes is smaller than its " +
+                        std::to_string(uGridBytes / sizeof(float)) + " cells")
+                        .c_str());
+            }
+            // The counts alone do not tell whether there is a block, nor whether it has room for the copy.
+            const bool bKeepsBlock = IsValid() && uBytes == _GetByteCount();
+            // All that can run out of host memory comes before the first change.
+            const bool bKeepsName = bKeepsBlock && m_sName == xMapping.GetName();
+            CQxString sName = bKeepsName ? CQxString() : xMapping.GetName();
+            if (!bKeepsBlock)
+            {
+                if (IsValid())
+                {
+                    GPU::CResourceManager::ReleaseResource(m_xResource, false);
+                    _Reset();
+                }
+                m_xResource = GPU::CResourceManager::GetCudaMemory(uBytes);
+                m_bActive = true;
+            }
+            m_pData = nullptr;
+            m_vMinimum = xMapping.GetMinimum();
+            m_vMaximum = xMapping.GetMaximum();
+            m_vCounts = vCounts;
+            if (!bKeepsName)
+            {
+                m_sName = std::move(sName);
+            }
+            m_vSteps = xMapping.GetStepSizes();
+            CheckCuda(cudaMemcpy(m_xResource.m_pDevice, xMapping.GetDataPtr(), uBytes, cudaMemcpyHostToDevice),
+                c_xCreate, "Error copying memory from host to device");
+            m_bArriving = true;
+            m_pData = GetDevicePointer();
+        });
 }
 
 void CQxDeviceMapping3D::Download(CQxMapping3D& xMapping) const
 {
-    Guard(
-        c_xDownload, "Error copying to host image",
+    Guard(c_xDownload, "Error copying to host image",
         [&]
         {
             if (!IsValid())
@@ -127,17 +127,16 @@ void CQxDeviceMapping3D::Download(CQxMapping3D& xMapping) const
                 Throw(c_xDownload, "Mapping is invalid");
             }
             xMapping.Create(m_vMinimum[0], m_vMinimum[1], m_vMinimum[2], m_vMaximum[0], m_vMaximum[1], m_vMaximum[2],
-                            m_vCounts[0], m_vCounts[1], m_vCounts[2], nullptr);
+                m_vCounts[0], m_vCounts[1], m_vCounts[2], nullptr);
             xMapping.SetName(m_sName);
             const std::uint32_t uBytes = xMapping.GetByteCount();
             if (uBytes > m_xResource.m_nSize)
             {
-                Throw(
-                    c_xDownload,
+                Throw(c_xDownload,
                     ("Host mapping of " + std::to_string(uBytes) + " bytes is larger than the device mapping").c_str());
             }
             CheckCuda(cudaMemcpy(xMapping.GetDataPtr(), m_xResource.m_pDevice, uBytes, cudaMemcpyDeviceToHost),
-                      c_xDownload, "Error copying memory from device to host");
+                c_xDownload, "Error copying memory from device to host");
         });
 }
 
@@ -145,12 +144,12 @@ void CQxDeviceMapping3D::SetZero()
 {
     constexpr SThrowSite c_xSite{c_pcFile, "SetZero"};
     Guard(c_xSite, "Error setting mapping values to zero",
-          [&]
-          {
-              CheckCuda(cudaMemset(m_xResource.m_pDevice, 0, _GetByteCount()), c_xSite,
-                        "Error zeroing CUDA device memory");
-              m_bArriving = IsValid();
-          });
+        [&]
+        {
+            CheckCuda(
+                cudaMemset(m_xResource.m_pDevice, 0, _GetByteCount()), c_xSite, "Error zeroing CUDA device memory");
+            m_bArriving = IsValid();
+        });
 }
 
 void CQxDeviceMapping3D::Release()
@@ -160,7 +159,7 @@ void CQxDeviceMapping3D::Release()
         return;
     }
     Guard({c_pcFile, "Release"}, "Error releasing device mapping",
-          [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
+        [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
     _Reset();
 }
 
@@ -225,7 +224,7 @@ void CQxDeviceMapping3D::_Reset() noexcept
 std::uint32_t CQxDeviceMapping3D::_GetByteCount() noexcept
 {
     return static_cast<std::uint32_t>(m_vCounts[0]) * static_cast<std::uint32_t>(m_vCounts[1]) *
-           static_cast<std::uint32_t>(m_vCounts[2]) * static_cast<std::uint32_t>(sizeof(float));
+        static_cast<std::uint32_t>(m_vCounts[2]) * static_cast<std::uint32_t>(sizeof(float));
 }
 
 void CQxDeviceMapping3D::_Create(CQxDeviceMapping3D&& xOther)

@@ -98,7 +98,7 @@ public:
     bool Contains(float fX, float fY, float fZ)
     {
         return m_vMinimum[0] < fX && fX < m_vMaximum[0] && m_vMinimum[1] < fY && fY < m_vMaximum[1] &&
-               m_vMinimum[2] < fZ && fZ < m_vMaximum[2];
+            m_vMinimum[2] < fZ && fZ < m_vMaximum[2];
     }
 
     /// Adds the value of the point's cell to @p fZ; the other coordinates are never changed.

@@ -33,7 +33,7 @@ struct SKernel
 {
     char acMessage[160];
     sprintf_s(acMessage, "Error launching kernel with grid [%u, %u, %u] and block [%u, %u, %u]", xGrid.x, xGrid.y,
-              xGrid.z, xBlock.x, xBlock.y, xBlock.z);
+        xGrid.z, xBlock.x, xBlock.y, xBlock.z);
     ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, acMessage);
 }
 
@@ -53,8 +53,8 @@ struct SKernel
 template <auto Kernel, typename... TArguments>
 void LaunchKernel(const dim3& xGrid, const dim3& xBlock, cudaStream_t pStream, TArguments&&... xArguments)
 {
-    static_assert(std::is_invocable_v<decltype(Kernel), TArguments...>,
-                  "the arguments do not fit the kernel's parameters");
+    static_assert(
+        std::is_invocable_v<decltype(Kernel), TArguments...>, "the arguments do not fit the kernel's parameters");
     cudaLaunchConfig_t xConfig{};
     xConfig.gridDim = xGrid;
     xConfig.blockDim = xBlock;

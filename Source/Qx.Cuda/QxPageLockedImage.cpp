@@ -64,17 +64,17 @@ void CQxPageLockedImage::Create(const CQxImageFormat& xFormat)
         return;
     }
     Guard(c_xCreate, "Error creating page-locked image",
-          [&]
-          {
-              const std::size_t nBytes = GetPackedByteCount(xFormat, c_xCreate);
-              Release();
-              if (nBytes != 0)
-              {
-                  m_xResource = GPU::CResourceManager::GetPageLockedMemory(nBytes);
-              }
-              m_nBytes = nBytes;
-              m_xFormat = xFormat;
-          });
+        [&]
+        {
+            const std::size_t nBytes = GetPackedByteCount(xFormat, c_xCreate);
+            Release();
+            if (nBytes != 0)
+            {
+                m_xResource = GPU::CResourceManager::GetPageLockedMemory(nBytes);
+            }
+            m_nBytes = nBytes;
+            m_xFormat = xFormat;
+        });
 }
 
 bool CQxPageLockedImage::Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType)

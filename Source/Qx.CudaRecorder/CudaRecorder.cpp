@@ -294,8 +294,8 @@ extern "C"
     cudaError_t name parameters                                                                                        \
     {                                                                                                                  \
         static auto* const s_pReal = Qx::Test::_Next<decltype(name)>(#name);                                           \
-        return Qx::Test::_Track(Qx::Test::_Record(#name, s_pReal, __VA_ARGS__),                                        \
-                                reinterpret_cast<const void* const*>(block));                                          \
+        return Qx::Test::_Track(                                                                                       \
+            Qx::Test::_Record(#name, s_pReal, __VA_ARGS__), reinterpret_cast<const void* const*>(block));              \
     }
 #define QX_RECORD_FREE(name, parameters, block)                                                                        \
     cudaError_t name parameters                                                                                        \
@@ -308,51 +308,50 @@ extern "C"
     QX_RECORD(cudaSetDevice, (int iDevice), iDevice)
     QX_RECORD(cudaDeviceSynchronize, ())
     QX_RECORD(cudaMemGetInfo, (std::size_t * pnFree, std::size_t* pnTotal), pnFree, pnTotal)
-    QX_RECORD(cudaDeviceGetAttribute, (int* piValue, cudaDeviceAttr eAttribute, int iDevice), piValue, eAttribute,
-              iDevice)
+    QX_RECORD(
+        cudaDeviceGetAttribute, (int* piValue, cudaDeviceAttr eAttribute, int iDevice), piValue, eAttribute, iDevice)
 
     QX_RECORD_ALLOCATION(cudaMalloc, (void** ppBlock, std::size_t nSize), ppBlock, ppBlock, nSize)
     QX_RECORD_ALLOCATION(cudaMallocPitch,
-                         (void** ppBlock, std::size_t* pnPitch, std::size_t nWidth, std::size_t nHeight), ppBlock,
-                         ppBlock, pnPitch, nWidth + Qx::Test::g_nRowPadding, nHeight)
-    QX_RECORD_ALLOCATION(cudaMallocManaged, (void** ppBlock, std::size_t nSize, unsigned int uFlags), ppBlock, ppBlock,
-                         nSize, uFlags)
-    QX_RECORD_ALLOCATION(cudaHostAlloc, (void** ppBlock, std::size_t nSize, unsigned int uFlags), ppBlock, ppBlock,
-                         nSize, uFlags)
+        (void** ppBlock, std::size_t* pnPitch, std::size_t nWidth, std::size_t nHeight), ppBlock, ppBlock, pnPitch,
+        nWidth + Qx::Test::g_nRowPadding, nHeight)
+    QX_RECORD_ALLOCATION(
+        cudaMallocManaged, (void** ppBlock, std::size_t nSize, unsigned int uFlags), ppBlock, ppBlock, nSize, uFlags)
+    QX_RECORD_ALLOCATION(
+        cudaHostAlloc, (void** ppBlock, std::size_t nSize, unsigned int uFlags), ppBlock, ppBlock, nSize, uFlags)
     QX_RECORD_ALLOCATION(cudaMallocArray,
-                         (cudaArray_t * ppBlock, const cudaChannelFormatDesc* pDescriptor, std::size_t nWidth,
-                          std::size_t nHeight, unsigned int uFlags),
-                         ppBlock, ppBlock, pDescriptor, nWidth, nHeight, uFlags)
+        (cudaArray_t * ppBlock, const cudaChannelFormatDesc* pDescriptor, std::size_t nWidth, std::size_t nHeight,
+            unsigned int uFlags),
+        ppBlock, ppBlock, pDescriptor, nWidth, nHeight, uFlags)
     QX_RECORD_FREE(cudaFree, (void* pBlock), pBlock)
     QX_RECORD_FREE(cudaFreeHost, (void* pBlock), pBlock)
     QX_RECORD_FREE(cudaFreeArray, (cudaArray_t pBlock), pBlock)
 
     QX_RECORD(cudaMemcpy, (void* pTarget, const void* pSource, std::size_t nCount, cudaMemcpyKind eKind), pTarget,
-              pSource, nCount, eKind)
+        pSource, nCount, eKind)
     QX_RECORD(cudaMemcpyAsync,
-              (void* pTarget, const void* pSource, std::size_t nCount, cudaMemcpyKind eKind, cudaStream_t pStream),
-              pTarget, pSource, nCount, eKind, pStream)
+        (void* pTarget, const void* pSource, std::size_t nCount, cudaMemcpyKind eKind, cudaStream_t pStream), pTarget,
+        pSource, nCount, eKind, pStream)
     QX_RECORD(cudaMemcpy2D,
-              (void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
-               std::size_t nWidth, std::size_t nHeight, cudaMemcpyKind eKind),
-              pTarget, nTargetPitch, pSource, nSourcePitch, nWidth, nHeight, eKind)
+        (void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch, std::size_t nWidth,
+            std::size_t nHeight, cudaMemcpyKind eKind),
+        pTarget, nTargetPitch, pSource, nSourcePitch, nWidth, nHeight, eKind)
     QX_RECORD(cudaMemcpy2DAsync,
-              (void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
-               std::size_t nWidth, std::size_t nHeight, cudaMemcpyKind eKind, cudaStream_t pStream),
-              pTarget, nTargetPitch, pSource, nSourcePitch, nWidth, nHeight, eKind, pStream)
+        (void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch, std::size_t nWidth,
+            std::size_t nHeight, cudaMemcpyKind eKind, cudaStream_t pStream),
+        pTarget, nTargetPitch, pSource, nSourcePitch, nWidth, nHeight, eKind, pStream)
     QX_RECORD(cudaMemcpyToSymbolAsync,
-              (const void* pSymbol, const void* pSource, std::size_t nCount, std::size_t nOffset, cudaMemcpyKind eKind,
-               cudaStream_t pStream),
-              pSymbol, pSource, nCount, nOffset, eKind, pStream)
+        (const void* pSymbol, const void* pSource, std::size_t nCount, std::size_t nOffset, cudaMemcpyKind eKind,
+            cudaStream_t pStream),
+        pSymbol, pSource, nCount, nOffset, eKind, pStream)
     QX_RECORD(cudaMemset, (void* pTarget, int iValue, std::size_t nCount), pTarget, iValue, nCount)
     QX_RECORD(cudaMemsetAsync, (void* pTarget, int iValue, std::size_t nCount, cudaStream_t pStream), pTarget, iValue,
-              nCount, pStream)
+        nCount, pStream)
     QX_RECORD(cudaMemset2D, (void* pTarget, std::size_t nPitch, int iValue, std::size_t nWidth, std::size_t nHeight),
-              pTarget, nPitch, iValue, nWidth, nHeight)
+        pTarget, nPitch, iValue, nWidth, nHeight)
     QX_RECORD(cudaMemset2DAsync,
-              (void* pTarget, std::size_t nPitch, int iValue, std::size_t nWidth, std::size_t nHeight,
-               cudaStream_t pStream),
-              pTarget, nPitch, iValue, nWidth, nHeight, pStream)
+        (void* pTarget, std::size_t nPitch, int iValue, std::size_t nWidth, std::size_t nHeight, cudaStream_t pStream),
+        pTarget, nPitch, iValue, nWidth, nHeight, pStream)
 
     QX_RECORD(cudaEventCreateWithFlags, (cudaEvent_t * ppEvent, unsigned int uFlags), ppEvent, uFlags)
     QX_RECORD(cudaEventDestroy, (cudaEvent_t pEvent), pEvent)
@@ -370,17 +369,17 @@ extern "C"
 // NOLINTBEGIN(bugprone-macro-parentheses): a type does not stand in parentheses
 #define QX_RECORD_BLAS_TYPE(type, gemv, syrk, asum)                                                                    \
     QX_RECORD_BLAS(gemv,                                                                                               \
-                   (cublasHandle_t hHandle, cublasOperation_t eTrans, int iRows, int iCols, const type* pAlpha,        \
-                    const type* pA, int iLda, const type* pX, int iIncX, const type* pBeta, type* pY, int iIncY),      \
-                   (hHandle, eTrans, iRows, iCols, pAlpha, pA, iLda, pX, iIncX, pBeta, pY, iIncY), hHandle, eTrans,    \
-                   iRows, iCols, *pAlpha, pA, iLda, pX, iIncX, *pBeta, pY, iIncY)                                      \
+        (cublasHandle_t hHandle, cublasOperation_t eTrans, int iRows, int iCols, const type* pAlpha, const type* pA,   \
+            int iLda, const type* pX, int iIncX, const type* pBeta, type* pY, int iIncY),                              \
+        (hHandle, eTrans, iRows, iCols, pAlpha, pA, iLda, pX, iIncX, pBeta, pY, iIncY), hHandle, eTrans, iRows, iCols, \
+        *pAlpha, pA, iLda, pX, iIncX, *pBeta, pY, iIncY)                                                               \
     QX_RECORD_BLAS(syrk,                                                                                               \
-                   (cublasHandle_t hHandle, cublasFillMode_t eFill, cublasOperation_t eTrans, int iOrder, int iInner,  \
-                    const type* pAlpha, const type* pA, int iLda, const type* pBeta, type* pC, int iLdc),              \
-                   (hHandle, eFill, eTrans, iOrder, iInner, pAlpha, pA, iLda, pBeta, pC, iLdc), hHandle, eFill,        \
-                   eTrans, iOrder, iInner, *pAlpha, pA, iLda, *pBeta, pC, iLdc)                                        \
+        (cublasHandle_t hHandle, cublasFillMode_t eFill, cublasOperation_t eTrans, int iOrder, int iInner,             \
+            const type* pAlpha, const type* pA, int iLda, const type* pBeta, type* pC, int iLdc),                      \
+        (hHandle, eFill, eTrans, iOrder, iInner, pAlpha, pA, iLda, pBeta, pC, iLdc), hHandle, eFill, eTrans, iOrder,   \
+        iInner, *pAlpha, pA, iLda, *pBeta, pC, iLdc)                                                                   \
     QX_RECORD_BLAS(asum, (cublasHandle_t hHandle, int iCount, const type* pX, int iIncX, type* pResult),               \
-                   (hHandle, iCount, pX, iIncX, pResult), hHandle, iCount, pX, iIncX, pResult)
+        (hHandle, iCount, pX, iIncX, pResult), hHandle, iCount, pX, iIncX, pResult)
     // NOLINTEND(bugprone-macro-parentheses)
     QX_RECORD_BLAS_TYPE(float, cublasSgemv_v2, cublasSsyrk_v2, cublasSasum_v2)
     QX_RECORD_BLAS_TYPE(double, cublasDgemv_v2, cublasDsyrk_v2, cublasDasum_v2)

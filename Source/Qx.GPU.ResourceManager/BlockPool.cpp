@@ -18,7 +18,7 @@ CDroppedRecords::~CDroppedRecords()
 }
 
 SBlock& CBlockPool::AddLent(const SBlockKey& xKey, std::unique_ptr<SBlock> pBlock, std::unique_ptr<SBucket>& pBucket,
-                            CDroppedRecords& xDropped) noexcept
+    CDroppedRecords& xDropped) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
     std::size_t nHolders = 1;
@@ -150,8 +150,8 @@ bool CBlockPool::IsDeviceKnown(int iDevice, bool& bHostMemory) noexcept
     return true;
 }
 
-void CBlockPool::SetDevice(int iDevice, bool bHostMemory, std::size_t nDefaultIdleLimit,
-                           std::unique_ptr<SDevice>& pDevice) noexcept
+void CBlockPool::SetDevice(
+    int iDevice, bool bHostMemory, std::size_t nDefaultIdleLimit, std::unique_ptr<SDevice>& pDevice) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
     SDevice& xDevice = _Device(iDevice, pDevice);

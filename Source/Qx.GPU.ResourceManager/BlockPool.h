@@ -172,7 +172,7 @@ public:
     /// who still have it must give it back before this block becomes idle, because nobody can tell which of them is
     /// releasing.
     SBlock& AddLent(const SBlockKey& xKey, std::unique_ptr<SBlock> pBlock, std::unique_ptr<SBucket>& pBucket,
-                    CDroppedRecords& xDropped) noexcept;
+        CDroppedRecords& xDropped) noexcept;
 
     /// Takes the block of @p xResource back where it simply becomes idle, which is the common case; returns false and
     /// does nothing where it does not.
@@ -203,8 +203,8 @@ public:
 
     /// Records the properties of a device; an idle limit that was set before stays. @p pDevice is used when the device
     /// has no record.
-    void SetDevice(int iDevice, bool bHostMemory, std::size_t nDefaultIdleLimit,
-                   std::unique_ptr<SDevice>& pDevice) noexcept;
+    void SetDevice(
+        int iDevice, bool bHostMemory, std::size_t nDefaultIdleLimit, std::unique_ptr<SDevice>& pDevice) noexcept;
 
     /// Sets the idle limit of a device. @p pDevice is used when the device has no record.
     void SetIdleLimit(int iDevice, std::size_t nBytes, std::unique_ptr<SDevice>& pDevice) noexcept;

@@ -99,7 +99,7 @@ bool _NeedsHostMemory(const SBlockKey& xKey, const SThrowSite& xSite)
             int iConcurrent = 0;
             int iIntegrated = 0;
             CheckCuda(cudaDeviceGetAttribute(&iConcurrent, cudaDevAttrConcurrentManagedAccess, xKey.iDevice), xSite,
-                      c_pcMessage);
+                c_pcMessage);
             CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, xKey.iDevice), xSite, c_pcMessage);
             bHostMemory = iConcurrent == 0 && iIntegrated != 0;
         }
@@ -124,9 +124,9 @@ cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
         xBlock.nBytes = nWidth;
         // With unified addressing, which every 64-bit platform has, mapped memory's host and device address agree.
         return xBlock.bHostMemory
-                   ? cudaHostAlloc(&xBlock.pMemory, nWidth,
-                                   xKey.eKind == EBlockKind::PageLocked ? cudaHostAllocPortable : cudaHostAllocMapped)
-                   : cudaMallocManaged(&xBlock.pMemory, nWidth, cudaMemAttachGlobal);
+            ? cudaHostAlloc(&xBlock.pMemory, nWidth,
+                  xKey.eKind == EBlockKind::PageLocked ? cudaHostAllocPortable : cudaHostAllocMapped)
+            : cudaMallocManaged(&xBlock.pMemory, nWidth, cudaMemAttachGlobal);
     }
     cudaError eResult = cudaMallocPitch(&xBlock.pMemory, &xBlock.nPitch, nWidth, nRows);
     if (eResult == cudaSuccess && __builtin_mul_overflow(xBlock.nPitch, nRows, &xBlock.nBytes))
@@ -153,10 +153,10 @@ cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
     const SPoolStatistics xStatistics = g_xPool.GetStatistics(xKey.iDevice);
     char acText[320];
     sprintf_s(acText,
-              "Error allocating %s memory. Out of memory: requested %s, in use %zu bytes in %zu blocks, idle %zu "
-              "bytes in %zu blocks, Device ID: %d",
-              bPageLocked ? "page-locked" : "GPU", acRequest, xStatistics.nBytesInUse, xStatistics.nBlocksInUse,
-              xStatistics.nBytesIdle, xStatistics.nBlocksIdle, bPageLocked ? HostPoolOf(xKey.iDevice) : xKey.iDevice);
+        "Error allocating %s memory. Out of memory: requested %s, in use %zu bytes in %zu blocks, idle %zu "
+        "bytes in %zu blocks, Device ID: %d",
+        bPageLocked ? "page-locked" : "GPU", acRequest, xStatistics.nBytesInUse, xStatistics.nBlocksInUse,
+        xStatistics.nBytesIdle, xStatistics.nBlocksIdle, bPageLocked ? HostPoolOf(xKey.iDevice) : xKey.iDevice);
     ThrowOutOfMemory(xSite, acText);
 }
 
@@ -222,8 +222,7 @@ void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSi
         _ThrowPoolOutOfMemory(xKey, xSite);
     }
     CheckCuda(eResult, xSite,
-              xKey.eKind == EBlockKind::PageLocked ? "Error allocating page-locked memory"
-                                                   : "Error allocating GPU memory");
+        xKey.eKind == EBlockKind::PageLocked ? "Error allocating page-locked memory" : "Error allocating GPU memory");
     CDroppedRecords xDropped;
     return g_xPool.AddLent(xKey, std::move(pBlock), pBucket, xDropped);
 }

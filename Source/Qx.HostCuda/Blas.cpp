@@ -132,8 +132,8 @@ public:
         xSlot->bLive = true;
         xSlot->xContext = {&xDevice, nullptr, CUBLAS_POINTER_MODE_HOST};
         return EncodeHandle<cublasHandle_t>(EHandle::Blas,
-                                            {static_cast<std::uint64_t>(xDevice.GetID()),
-                                             static_cast<std::uint64_t>(xSlot - m_vSlots.begin()), xSlot->uGeneration});
+            {static_cast<std::uint64_t>(xDevice.GetID()), static_cast<std::uint64_t>(xSlot - m_vSlots.begin()),
+                xSlot->uGeneration});
     }
 
     /// Calls `Function(slot)` for a handle that is alive; false if it is not.
@@ -283,12 +283,13 @@ cublasStatus_t _Enqueue(const SContext& xContext, const COperands& xOperands, F&
     {
         return CUBLAS_STATUS_INVALID_VALUE;
     }
-    return _Status(xContext.pDevice->Enqueue(xContext.hStream, MakeWork(
-                                                                   [xFunction = std::forward<F>(Function)]
-                                                                   {
-                                                                       const CExitGate::CPass xPass;
-                                                                       xFunction();
-                                                                   })));
+    return _Status(xContext.pDevice->Enqueue(xContext.hStream,
+        MakeWork(
+            [xFunction = std::forward<F>(Function)]
+            {
+                const CExitGate::CPass xPass;
+                xFunction();
+            })));
 }
 
 /// Waits for what has been queued on the handle's stream.
@@ -313,141 +314,139 @@ CBLAS_TRANSPOSE _GetTranspose(cublasOperation_t eOperation) noexcept
 
 template <typename T>
 cublasStatus_t _Gemv(cublasHandle_t hHandle, cublasOperation_t eTrans, int iRows, int iCols, const T* pAlpha,
-                     const T* pMatrix, int iLeading, const T* pX, int iStepX, const T* pBeta, T* pY, int iStepY)
+    const T* pMatrix, int iLeading, const T* pX, int iStepX, const T* pBeta, T* pY, int iStepY)
 {
     return _Call(hHandle,
-                 [&](const SContext& xContext)
-                 {
-                     if (!_IsOperation(eTrans) || iRows < 0 || iCols < 0 || iLeading < std::max(1, iRows) ||
-                         iStepX == 0 || iStepY == 0 || pAlpha == nullptr || pBeta == nullptr)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     if (!_CanRun(xContext))
-                     {
-                         return CUBLAS_STATUS_EXECUTION_FAILED;
-                     }
-                     if (iRows == 0 || iCols == 0)
-                     {
-                         return CUBLAS_STATUS_SUCCESS;
-                     }
-                     COperands xOperands(xContext);
-                     xOperands.Add(pMatrix, _MatrixSpan(iRows, iCols, iLeading))
-                         .Add(pX, _VectorSpan(eTrans == CUBLAS_OP_N ? iCols : iRows, iStepX))
-                         .Add(pY, _VectorSpan(eTrans == CUBLAS_OP_N ? iRows : iCols, iStepY))
-                         .AddScalar(xContext, pAlpha)
-                         .AddScalar(xContext, pBeta);
-                     return _Enqueue(xContext, xOperands,
-                                     [=, tAlpha = CScalar<T>(xContext, pAlpha), tBeta = CScalar<T>(xContext, pBeta)]
-                                     {
-                                         SRoutines<T>::c_pGemv(CblasColMajor, _GetTranspose(eTrans), iRows, iCols,
-                                                               tAlpha.Get(), pMatrix, iLeading, pX, iStepX, tBeta.Get(),
-                                                               pY, iStepY);
-                                     });
-                 });
+        [&](const SContext& xContext)
+        {
+            if (!_IsOperation(eTrans) || iRows < 0 || iCols < 0 || iLeading < std::max(1, iRows) || iStepX == 0 ||
+                iStepY == 0 || pAlpha == nullptr || pBeta == nullptr)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            if (!_CanRun(xContext))
+            {
+                return CUBLAS_STATUS_EXECUTION_FAILED;
+            }
+            if (iRows == 0 || iCols == 0)
+            {
+                return CUBLAS_STATUS_SUCCESS;
+            }
+            COperands xOperands(xContext);
+            xOperands.Add(pMatrix, _MatrixSpan(iRows, iCols, iLeading))
+                .Add(pX, _VectorSpan(eTrans == CUBLAS_OP_N ? iCols : iRows, iStepX))
+                .Add(pY, _VectorSpan(eTrans == CUBLAS_OP_N ? iRows : iCols, iStepY))
+                .AddScalar(xContext, pAlpha)
+                .AddScalar(xContext, pBeta);
+            return _Enqueue(xContext, xOperands,
+                [=, tAlpha = CScalar<T>(xContext, pAlpha), tBeta = CScalar<T>(xContext, pBeta)]
+                {
+                    SRoutines<T>::c_pGemv(CblasColMajor, _GetTranspose(eTrans), iRows, iCols, tAlpha.Get(), pMatrix,
+                        iLeading, pX, iStepX, tBeta.Get(), pY, iStepY);
+                });
+        });
 }
 
 template <typename T>
 cublasStatus_t _Syrk(cublasHandle_t hHandle, cublasFillMode_t eFill, cublasOperation_t eTrans, int iOrder, int iInner,
-                     const T* pAlpha, const T* pMatrix, int iLeading, const T* pBeta, T* pResult, int iLeadingResult)
+    const T* pAlpha, const T* pMatrix, int iLeading, const T* pBeta, T* pResult, int iLeadingResult)
 {
     return _Call(hHandle,
-                 [&](const SContext& xContext)
-                 {
-                     const bool bTransposed = eTrans != CUBLAS_OP_N;
-                     const int iRows = bTransposed ? iInner : iOrder;
-                     const int iCols = bTransposed ? iOrder : iInner;
-                     if ((eFill != CUBLAS_FILL_MODE_LOWER && eFill != CUBLAS_FILL_MODE_UPPER) ||
-                         !_IsOperation(eTrans) || iOrder < 0 || iInner < 0 || iLeading < std::max(1, iRows) ||
-                         iLeadingResult < std::max(1, iOrder) || pAlpha == nullptr || pBeta == nullptr)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     if (!_CanRun(xContext))
-                     {
-                         return CUBLAS_STATUS_EXECUTION_FAILED;
-                     }
-                     if (iOrder == 0)
-                     {
-                         return CUBLAS_STATUS_SUCCESS;
-                     }
-                     COperands xOperands(xContext);
-                     if (iInner != 0)
-                     {
-                         xOperands.Add(pMatrix, _MatrixSpan(iRows, iCols, iLeading));
-                     }
-                     xOperands.Add(pResult, _MatrixSpan(iOrder, iOrder, iLeadingResult))
-                         .AddScalar(xContext, pAlpha)
-                         .AddScalar(xContext, pBeta);
-                     return _Enqueue(xContext, xOperands,
-                                     [=, tAlpha = CScalar<T>(xContext, pAlpha), tBeta = CScalar<T>(xContext, pBeta)]
-                                     {
-                                         SRoutines<T>::c_pSyrk(
-                                             CblasColMajor, eFill == CUBLAS_FILL_MODE_LOWER ? CblasLower : CblasUpper,
-                                             _GetTranspose(eTrans), iOrder, iInner, tAlpha.Get(), pMatrix, iLeading,
-                                             tBeta.Get(), pResult, iLeadingResult);
-                                     });
-                 });
+        [&](const SContext& xContext)
+        {
+            const bool bTransposed = eTrans != CUBLAS_OP_N;
+            const int iRows = bTransposed ? iInner : iOrder;
+            const int iCols = bTransposed ? iOrder : iInner;
+            if ((eFill != CUBLAS_FILL_MODE_LOWER && eFill != CUBLAS_FILL_MODE_UPPER) || !_IsOperation(eTrans) ||
+                iOrder < 0 || iInner < 0 || iLeading < std::max(1, iRows) || iLeadingResult < std::max(1, iOrder) ||
+                pAlpha == nullptr || pBeta == nullptr)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            if (!_CanRun(xContext))
+            {
+                return CUBLAS_STATUS_EXECUTION_FAILED;
+            }
+            if (iOrder == 0)
+            {
+                return CUBLAS_STATUS_SUCCESS;
+            }
+            COperands xOperands(xContext);
+            if (iInner != 0)
+            {
+                xOperands.Add(pMatrix, _MatrixSpan(iRows, iCols, iLeading));
+            }
+            xOperands.Add(pResult, _MatrixSpan(iOrder, iOrder, iLeadingResult))
+                .AddScalar(xContext, pAlpha)
+                .AddScalar(xContext, pBeta);
+            return _Enqueue(xContext, xOperands,
+                [=, tAlpha = CScalar<T>(xContext, pAlpha), tBeta = CScalar<T>(xContext, pBeta)]
+                {
+                    SRoutines<T>::c_pSyrk(CblasColMajor, eFill == CUBLAS_FILL_MODE_LOWER ? CblasLower : CblasUpper,
+                        _GetTranspose(eTrans), iOrder, iInner, tAlpha.Get(), pMatrix, iLeading, tBeta.Get(), pResult,
+                        iLeadingResult);
+                });
+        });
 }
 
 template <typename T>
 cublasStatus_t _Asum(cublasHandle_t hHandle, int iCount, const T* pX, int iStep, T* pResult)
 {
     return _Call(hHandle,
-                 [&](const SContext& xContext)
-                 {
-                     if (pResult == nullptr)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     if (!_CanRun(xContext))
-                     {
-                         return CUBLAS_STATUS_EXECUTION_FAILED;
-                     }
-                     const bool bAny = iCount > 0 && iStep > 0;
-                     const auto Sum = [=] { return bAny ? SRoutines<T>::c_pAsum(iCount, pX, iStep) : T{}; };
-                     CDevice& xDevice = *xContext.pDevice;
-                     COperands xOperands(xContext);
-                     if (bAny)
-                     {
-                         xOperands.Add(pX, _VectorSpan(iCount, iStep));
-                     }
-                     if (xContext.eMode == CUBLAS_POINTER_MODE_DEVICE)
-                     {
-                         return _Enqueue(xContext, xOperands.Add(pResult, 1), [=] { *pResult = Sum(); });
-                     }
-                     if (!xOperands.AreInside())
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     if (xContext.hStream == nullptr || xContext.hStream == cudaStreamLegacy)
-                     {
-                         // The caller waits anyway, so it does the work itself when the stream comes to it.
-                         const CLegacyTurn xTurn(xDevice);
-                         xOperands.Unlock();
-                         xTurn.Await();
-                         const cublasStatus_t eStatus = _Status(xDevice.GetFault());
-                         if (eStatus == CUBLAS_STATUS_SUCCESS)
-                         {
-                             const CExitGate::CPass xPass;
-                             *pResult = Sum();
-                         }
-                         return eStatus;
-                     }
-                     // Shared with the work, which may outlive this call when the wait fails.
-                     const auto pSum = std::make_shared<T>();
-                     cublasStatus_t eStatus = _Enqueue(xContext, xOperands, [=] { *pSum = Sum(); });
-                     xOperands.Unlock();
-                     if (eStatus == CUBLAS_STATUS_SUCCESS)
-                     {
-                         eStatus = _Wait(xContext);
-                     }
-                     if (eStatus == CUBLAS_STATUS_SUCCESS)
-                     {
-                         *pResult = *pSum;
-                     }
-                     return eStatus;
-                 });
+        [&](const SContext& xContext)
+        {
+            if (pResult == nullptr)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            if (!_CanRun(xContext))
+            {
+                return CUBLAS_STATUS_EXECUTION_FAILED;
+            }
+            const bool bAny = iCount > 0 && iStep > 0;
+            const auto Sum = [=] { return bAny ? SRoutines<T>::c_pAsum(iCount, pX, iStep) : T{}; };
+            CDevice& xDevice = *xContext.pDevice;
+            COperands xOperands(xContext);
+            if (bAny)
+            {
+                xOperands.Add(pX, _VectorSpan(iCount, iStep));
+            }
+            if (xContext.eMode == CUBLAS_POINTER_MODE_DEVICE)
+            {
+                return _Enqueue(xContext, xOperands.Add(pResult, 1), [=] { *pResult = Sum(); });
+            }
+            if (!xOperands.AreInside())
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            if (xContext.hStream == nullptr || xContext.hStream == cudaStreamLegacy)
+            {
+                // The caller waits anyway, so it does the work itself when the stream comes to it.
+                const CLegacyTurn xTurn(xDevice);
+                xOperands.Unlock();
+                xTurn.Await();
+                const cublasStatus_t eStatus = _Status(xDevice.GetFault());
+                if (eStatus == CUBLAS_STATUS_SUCCESS)
+                {
+                    const CExitGate::CPass xPass;
+                    *pResult = Sum();
+                }
+                return eStatus;
+            }
+            // Shared with the work, which may outlive this call when the wait fails.
+            const auto pSum = std::make_shared<T>();
+            cublasStatus_t eStatus = _Enqueue(xContext, xOperands, [=] { *pSum = Sum(); });
+            xOperands.Unlock();
+            if (eStatus == CUBLAS_STATUS_SUCCESS)
+            {
+                eStatus = _Wait(xContext);
+            }
+            if (eStatus == CUBLAS_STATUS_SUCCESS)
+            {
+                *pResult = *pSum;
+            }
+            return eStatus;
+        });
 }
 
 struct SStatusRow
@@ -518,73 +517,73 @@ cublasStatus_t cublasCreate_v2(cublasHandle_t* handle)
 cublasStatus_t cublasDestroy_v2(cublasHandle_t handle)
 {
     return CHandles::Get().With(handle,
-                                [](CHandles::SSlot& xSlot)
-                                {
-                                    xSlot.bLive = false;
-                                    ++xSlot.uGeneration;
-                                })
-               ? CUBLAS_STATUS_SUCCESS
-               : CUBLAS_STATUS_NOT_INITIALIZED;
+               [](CHandles::SSlot& xSlot)
+               {
+                   xSlot.bLive = false;
+                   ++xSlot.uGeneration;
+               })
+        ? CUBLAS_STATUS_SUCCESS
+        : CUBLAS_STATUS_NOT_INITIALIZED;
 }
 
 cublasStatus_t cublasSetStream_v2(cublasHandle_t handle, cudaStream_t streamId)
 {
     return _Call(handle,
-                 [&](const SContext& xContext)
-                 {
-                     if (streamId == cudaStreamPerThread)
-                     {
-                         return CUBLAS_STATUS_NOT_SUPPORTED;
-                     }
-                     if (xContext.pDevice->CheckStream(streamId) != cudaSuccess)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     CHandles::Get().With(handle, [&](CHandles::SSlot& xSlot) { xSlot.xContext.hStream = streamId; });
-                     return CUBLAS_STATUS_SUCCESS;
-                 });
+        [&](const SContext& xContext)
+        {
+            if (streamId == cudaStreamPerThread)
+            {
+                return CUBLAS_STATUS_NOT_SUPPORTED;
+            }
+            if (xContext.pDevice->CheckStream(streamId) != cudaSuccess)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            CHandles::Get().With(handle, [&](CHandles::SSlot& xSlot) { xSlot.xContext.hStream = streamId; });
+            return CUBLAS_STATUS_SUCCESS;
+        });
 }
 
 cublasStatus_t cublasGetStream_v2(cublasHandle_t handle, cudaStream_t* streamId)
 {
     return _Call(handle,
-                 [&](const SContext& xContext)
-                 {
-                     if (streamId == nullptr)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     *streamId = xContext.hStream;
-                     return CUBLAS_STATUS_SUCCESS;
-                 });
+        [&](const SContext& xContext)
+        {
+            if (streamId == nullptr)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            *streamId = xContext.hStream;
+            return CUBLAS_STATUS_SUCCESS;
+        });
 }
 
 cublasStatus_t cublasSetPointerMode_v2(cublasHandle_t handle, cublasPointerMode_t mode)
 {
     return _Call(handle,
-                 [&](const SContext&)
-                 {
-                     if (mode != CUBLAS_POINTER_MODE_HOST && mode != CUBLAS_POINTER_MODE_DEVICE)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     CHandles::Get().With(handle, [&](CHandles::SSlot& xSlot) { xSlot.xContext.eMode = mode; });
-                     return CUBLAS_STATUS_SUCCESS;
-                 });
+        [&](const SContext&)
+        {
+            if (mode != CUBLAS_POINTER_MODE_HOST && mode != CUBLAS_POINTER_MODE_DEVICE)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            CHandles::Get().With(handle, [&](CHandles::SSlot& xSlot) { xSlot.xContext.eMode = mode; });
+            return CUBLAS_STATUS_SUCCESS;
+        });
 }
 
 cublasStatus_t cublasGetPointerMode_v2(cublasHandle_t handle, cublasPointerMode_t* mode)
 {
     return _Call(handle,
-                 [&](const SContext& xContext)
-                 {
-                     if (mode == nullptr)
-                     {
-                         return CUBLAS_STATUS_INVALID_VALUE;
-                     }
-                     *mode = xContext.eMode;
-                     return CUBLAS_STATUS_SUCCESS;
-                 });
+        [&](const SContext& xContext)
+        {
+            if (mode == nullptr)
+            {
+                return CUBLAS_STATUS_INVALID_VALUE;
+            }
+            *mode = xContext.eMode;
+            return CUBLAS_STATUS_SUCCESS;
+        });
 }
 
 const char* cublasGetStatusName(cublasStatus_t status)
@@ -610,26 +609,25 @@ cublasStatus_t cublasDasum_v2(cublasHandle_t handle, int n, const double* x, int
 }
 
 cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n, const float* alpha,
-                              const float* A, int lda, const float* x, int incx, const float* beta, float* y, int incy)
+    const float* A, int lda, const float* x, int incx, const float* beta, float* y, int incy)
 {
     return _Gemv(handle, trans, m, n, alpha, A, lda, x, incx, beta, y, incy);
 }
 
 cublasStatus_t cublasDgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n, const double* alpha,
-                              const double* A, int lda, const double* x, int incx, const double* beta, double* y,
-                              int incy)
+    const double* A, int lda, const double* x, int incx, const double* beta, double* y, int incy)
 {
     return _Gemv(handle, trans, m, n, alpha, A, lda, x, incx, beta, y, incy);
 }
 
 cublasStatus_t cublasSsyrk_v2(cublasHandle_t handle, cublasFillMode_t uplo, cublasOperation_t trans, int n, int k,
-                              const float* alpha, const float* A, int lda, const float* beta, float* C, int ldc)
+    const float* alpha, const float* A, int lda, const float* beta, float* C, int ldc)
 {
     return _Syrk(handle, uplo, trans, n, k, alpha, A, lda, beta, C, ldc);
 }
 
 cublasStatus_t cublasDsyrk_v2(cublasHandle_t handle, cublasFillMode_t uplo, cublasOperation_t trans, int n, int k,
-                              const double* alpha, const double* A, int lda, const double* beta, double* C, int ldc)
+    const double* alpha, const double* A, int lda, const double* beta, double* C, int ldc)
 {
     return _Syrk(handle, uplo, trans, n, k, alpha, A, lda, beta, C, ldc);
 }

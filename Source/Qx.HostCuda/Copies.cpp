@@ -44,8 +44,8 @@ bool _MeetsPadding(const unsigned char* pMemory, std::size_t nByteCount, bool bP
     return bPadded && __asan_region_is_poisoned(const_cast<unsigned char*>(pMemory), nByteCount) != nullptr;
 }
 
-__attribute__((no_sanitize("address"))) void _MoveUnchecked(unsigned char* pTarget, const unsigned char* pSource,
-                                                            std::size_t nByteCount) noexcept
+__attribute__((no_sanitize("address"))) void _MoveUnchecked(
+    unsigned char* pTarget, const unsigned char* pSource, std::size_t nByteCount) noexcept
 {
     volatile unsigned char* const pTo = pTarget;
     const volatile unsigned char* const pFrom = pSource;
@@ -57,8 +57,8 @@ __attribute__((no_sanitize("address"))) void _MoveUnchecked(unsigned char* pTarg
     }
 }
 
-__attribute__((no_sanitize("address"))) void _SetUnchecked(unsigned char* pTarget, unsigned char uValue,
-                                                           std::size_t nByteCount) noexcept
+__attribute__((no_sanitize("address"))) void _SetUnchecked(
+    unsigned char* pTarget, unsigned char uValue, std::size_t nByteCount) noexcept
 {
     volatile unsigned char* const pTo = pTarget;
     for (std::size_t nIndex = 0; nIndex < nByteCount; ++nIndex)
@@ -127,7 +127,7 @@ enum class ESide
 /// Checks the memory on one side and notes its use by a device. On success `pBlock` is its block, null for memory
 /// that no call here allocated. Needs the read lock.
 cudaError_t _CheckSide(const CMemory& xMemory, const CDevice& xDevice, const void* pMemory, std::size_t nPitch,
-                       std::size_t nWidth, std::size_t nRowCount, ESide eSide, const SBlock*& pBlock) noexcept
+    std::size_t nWidth, std::size_t nRowCount, ESide eSide, const SBlock*& pBlock) noexcept
 {
     const auto uAddress = reinterpret_cast<std::uintptr_t>(pMemory);
     std::size_t nSpan = 0;
@@ -154,21 +154,21 @@ cudaError_t _CheckSide(const CMemory& xMemory, const CDevice& xDevice, const voi
 /// Checks an area. `eTarget` and `eSource` say on which side its memory must be; a side that is empty has been checked
 /// by the caller. Needs the read lock. `pSourceBlock` is the block of the source, null if it is pageable.
 cudaError_t _CheckArea(const CDevice& xDevice, SArea& xArea, std::optional<ESide> eTarget, std::optional<ESide> eSource,
-                       const SBlock*& pSourceBlock) noexcept
+    const SBlock*& pSourceBlock) noexcept
 {
     const CMemory& xMemory = CMemory::Get();
     cudaError_t eError = cudaSuccess;
     if (eTarget)
     {
         const SBlock* pBlock = nullptr;
-        eError = _CheckSide(xMemory, xDevice, xArea.pTarget, xArea.nTargetPitch, xArea.nWidth, xArea.nRowCount,
-                            *eTarget, pBlock);
+        eError = _CheckSide(
+            xMemory, xDevice, xArea.pTarget, xArea.nTargetPitch, xArea.nWidth, xArea.nRowCount, *eTarget, pBlock);
         xArea.bTargetPadded = pBlock != nullptr && pBlock->eKind == EMemoryKind::Pitched;
     }
     if (eSource && eError == cudaSuccess)
     {
-        eError = _CheckSide(xMemory, xDevice, xArea.pSource, xArea.nSourcePitch, xArea.nWidth, xArea.nRowCount,
-                            *eSource, pSourceBlock);
+        eError = _CheckSide(
+            xMemory, xDevice, xArea.pSource, xArea.nSourcePitch, xArea.nWidth, xArea.nRowCount, *eSource, pSourceBlock);
         xArea.bSourcePadded = pSourceBlock != nullptr && pSourceBlock->eKind == EMemoryKind::Pitched;
     }
     return eError;
@@ -278,7 +278,7 @@ cudaError_t _Set(SArea xArea, const SWhere& xWhere)
 constexpr std::size_t c_nStagingLimit = std::size_t{64} * 1024;
 
 SArea _MakeCopy(void* pTarget, std::size_t nTargetPitch, const void* pSource, std::size_t nSourcePitch,
-                std::size_t nWidth, std::size_t nRowCount) noexcept
+    std::size_t nWidth, std::size_t nRowCount) noexcept
 {
     SArea xArea;
     xArea.pTarget = static_cast<unsigned char*>(pTarget);
@@ -292,7 +292,7 @@ SArea _MakeCopy(void* pTarget, std::size_t nTargetPitch, const void* pSource, st
 
 // Copies between a symbol and other memory, to the symbol or from it.
 cudaError_t _CopySymbol(const void* pSymbol, const void* pOther, std::size_t nCount, std::size_t nOffset,
-                        cudaMemcpyKind eKind, bool bToSymbol, const SWhere& xWhere)
+    cudaMemcpyKind eKind, bool bToSymbol, const SWhere& xWhere)
 {
     CDevice* pDevice = nullptr;
     cudaError_t eError = FindDevice(xWhere.hStream, pDevice);
@@ -354,14 +354,14 @@ cudaError_t cudaMemcpyAsync(void* dst, const void* src, size_t count, cudaMemcpy
     return Call([&] { return _Copy(_MakeCopy(dst, count, src, count, count, 1), kind, {true, stream}); });
 }
 
-cudaError_t cudaMemcpy2D(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width, size_t height,
-                         cudaMemcpyKind kind)
+cudaError_t cudaMemcpy2D(
+    void* dst, size_t dpitch, const void* src, size_t spitch, size_t width, size_t height, cudaMemcpyKind kind)
 {
     return Call([&] { return _Copy(_MakeCopy(dst, dpitch, src, spitch, width, height), kind, {}); });
 }
 
 cudaError_t cudaMemcpy2DAsync(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width, size_t height,
-                              cudaMemcpyKind kind, cudaStream_t stream)
+    cudaMemcpyKind kind, cudaStream_t stream)
 {
     return Call([&] { return _Copy(_MakeCopy(dst, dpitch, src, spitch, width, height), kind, {true, stream}); });
 }
@@ -391,8 +391,8 @@ cudaError_t cudaMemcpyToSymbol(const void* symbol, const void* src, size_t count
     return Call([&] { return _CopySymbol(symbol, src, count, offset, kind, true, {}); });
 }
 
-cudaError_t cudaMemcpyToSymbolAsync(const void* symbol, const void* src, size_t count, size_t offset,
-                                    cudaMemcpyKind kind, cudaStream_t stream)
+cudaError_t cudaMemcpyToSymbolAsync(
+    const void* symbol, const void* src, size_t count, size_t offset, cudaMemcpyKind kind, cudaStream_t stream)
 {
     return Call([&] { return _CopySymbol(symbol, src, count, offset, kind, true, {true, stream}); });
 }
@@ -402,8 +402,8 @@ cudaError_t cudaMemcpyFromSymbol(void* dst, const void* symbol, size_t count, si
     return Call([&] { return _CopySymbol(symbol, dst, count, offset, kind, false, {}); });
 }
 
-cudaError_t cudaMemcpyFromSymbolAsync(void* dst, const void* symbol, size_t count, size_t offset, cudaMemcpyKind kind,
-                                      cudaStream_t stream)
+cudaError_t cudaMemcpyFromSymbolAsync(
+    void* dst, const void* symbol, size_t count, size_t offset, cudaMemcpyKind kind, cudaStream_t stream)
 {
     return Call([&] { return _CopySymbol(symbol, dst, count, offset, kind, false, {true, stream}); });
 }

@@ -21,8 +21,8 @@ namespace
 constexpr std::uint64_t c_uMaxDevices = std::uint64_t{1} << c_uDeviceBits;
 
 /// An environment variable that is a decimal number of a range; otherwise the default.
-std::uint64_t _ReadEnvironment(const char* pcName, std::uint64_t uMin, std::uint64_t uMax,
-                               std::uint64_t uDefault) noexcept
+std::uint64_t _ReadEnvironment(
+    const char* pcName, std::uint64_t uMin, std::uint64_t uMax, std::uint64_t uDefault) noexcept
 {
     const char* const pcText = std::getenv(pcName); // NOLINT(concurrency-mt-unsafe): read once, at the first call
     if (pcText == nullptr)
@@ -189,8 +189,8 @@ CDevice* FindDevice(int iDevice) noexcept
 {
     const auto& vDevices = _GetDevices();
     return iDevice >= 0 && static_cast<std::size_t>(iDevice) < vDevices.size()
-               ? vDevices[static_cast<std::size_t>(iDevice)]
-               : nullptr;
+        ? vDevices[static_cast<std::size_t>(iDevice)]
+        : nullptr;
 }
 
 CDevice& CurrentDevice() noexcept

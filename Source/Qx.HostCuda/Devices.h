@@ -122,8 +122,8 @@ private:
     /// it then sees their effects.
     [[nodiscard]] std::vector<SMark> _CollectUnseen(CStream& xStream, bool bSkipDone);
     std::uint64_t _IssueTicket(CStream& xStream) noexcept;
-    [[nodiscard]] std::unique_ptr<CStream::SNode> _Prepare(CStream& xStream, std::unique_ptr<CWork> pWork,
-                                                           const SMark& xAfter);
+    [[nodiscard]] std::unique_ptr<CStream::SNode> _Prepare(
+        CStream& xStream, std::unique_ptr<CWork> pWork, const SMark& xAfter);
     void _Commit(CStream& xStream, std::unique_ptr<CStream::SNode> pNode) noexcept;
 
     const int m_iID;

@@ -97,14 +97,13 @@ cudaError_t CDevice::RecordEvent(cudaEvent_t hEvent, cudaStream_t hStream)
     if (bQueue)
     {
         auto pNode = _Prepare(*pStream,
-                              MakeWork(
-                                  [pEvent, uRecord]
-                                  {
-                                      std::uint64_t uExpected = uRecord;
-                                      pEvent->uStamp.compare_exchange_strong(uExpected, uRecord | _Now(),
-                                                                             std::memory_order_relaxed);
-                                  }),
-                              {});
+            MakeWork(
+                [pEvent, uRecord]
+                {
+                    std::uint64_t uExpected = uRecord;
+                    pEvent->uStamp.compare_exchange_strong(uExpected, uRecord | _Now(), std::memory_order_relaxed);
+                }),
+            {});
         pEvent->uStamp.store(uRecord, std::memory_order_relaxed);
         _Commit(*pStream, std::move(pNode));
     }

@@ -35,8 +35,7 @@ template <class T>
 T EncodeHandle(EHandle eHandle, const SHandle& xHandle) noexcept
 {
     const std::uintptr_t uValue = static_cast<std::uintptr_t>(eHandle) | (xHandle.uDevice << 3) |
-                                  (xHandle.uSlot << (3 + c_uDeviceBits)) |
-                                  (xHandle.uGeneration << (3 + c_uDeviceBits + c_uSlotBits));
+        (xHandle.uSlot << (3 + c_uDeviceBits)) | (xHandle.uGeneration << (3 + c_uDeviceBits + c_uSlotBits));
     return std::bit_cast<T>(uValue);
 }
 

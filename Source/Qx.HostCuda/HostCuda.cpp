@@ -26,12 +26,12 @@ cudaError_t _WithDevice(int iDevice, F&& Function) noexcept
 cudaError_t GetStatistics(int iDevice, SStatistics& xStatistics) noexcept
 {
     return _WithDevice(iDevice,
-                       [&](CDevice& xDevice)
-                       {
-                           xStatistics = {};
-                           CMemory::Get().Count(iDevice, xStatistics);
-                           xDevice.CountHandles(xStatistics.nStreamCount, xStatistics.nEventCount);
-                       });
+        [&](CDevice& xDevice)
+        {
+            xStatistics = {};
+            CMemory::Get().Count(iDevice, xStatistics);
+            xDevice.CountHandles(xStatistics.nStreamCount, xStatistics.nEventCount);
+        });
 }
 
 cudaError_t SetMemoryBudget(int iDevice, std::size_t nByteCount) noexcept

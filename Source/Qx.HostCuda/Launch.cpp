@@ -25,8 +25,8 @@ bool _IsValid(const dim3& xGrid, const dim3& xBlock) noexcept
 {
     const auto Within = [](std::uint64_t uValue, std::uint64_t uMax) { return uValue >= 1 && uValue <= uMax; };
     return Within(xGrid.x, c_nMaxGridX) && Within(xGrid.y, c_nMaxGridYZ) && Within(xGrid.z, c_nMaxGridYZ) &&
-           Within(xBlock.x, 1024) && Within(xBlock.y, 1024) && Within(xBlock.z, 64) &&
-           xBlock.x * xBlock.y * xBlock.z <= 1024;
+        Within(xBlock.x, 1024) && Within(xBlock.y, 1024) && Within(xBlock.z, 64) &&
+        xBlock.x * xBlock.y * xBlock.z <= 1024;
 }
 
 /// What leaves a kernel that has trapped. No std::exception, so that a kernel does not catch it for one of its own.
@@ -166,8 +166,8 @@ cudaError_t Launch(const cudaLaunchConfig_t* pConfig, bool bFunction, std::uniqu
             {
                 return cudaErrorMemoryAllocation;
             }
-            return pDevice->Enqueue(pConfig->stream, std::make_unique<CLaunch>(*pDevice, pConfig->gridDim,
-                                                                               pConfig->blockDim, std::move(pKernel)));
+            return pDevice->Enqueue(pConfig->stream,
+                std::make_unique<CLaunch>(*pDevice, pConfig->gridDim, pConfig->blockDim, std::move(pKernel)));
         });
 }
 

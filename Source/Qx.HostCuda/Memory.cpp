@@ -30,16 +30,16 @@ std::size_t _GetMachineMemory() noexcept
 }
 
 /// True if the channels are 1, 2 or 4 of equal size from a list of sizes.
-bool _HasChannels(const cudaChannelFormatDesc& xFormat, std::initializer_list<int> vBits,
-                  std::initializer_list<int> vCounts)
+bool _HasChannels(
+    const cudaChannelFormatDesc& xFormat, std::initializer_list<int> vBits, std::initializer_list<int> vCounts)
 {
     const std::array vChannels{xFormat.x, xFormat.y, xFormat.z, xFormat.w};
     const auto pEnd = std::find(vChannels.begin(), vChannels.end(), 0);
     const int iCount = static_cast<int>(pEnd - vChannels.begin());
     return std::find(vCounts.begin(), vCounts.end(), iCount) != vCounts.end() &&
-           std::find(vBits.begin(), vBits.end(), xFormat.x) != vBits.end() &&
-           std::all_of(vChannels.begin(), pEnd, [&](int iBits) { return iBits == xFormat.x; }) &&
-           std::all_of(pEnd, vChannels.end(), [](int iBits) { return iBits == 0; });
+        std::find(vBits.begin(), vBits.end(), xFormat.x) != vBits.end() &&
+        std::all_of(vChannels.begin(), pEnd, [&](int iBits) { return iBits == xFormat.x; }) &&
+        std::all_of(pEnd, vChannels.end(), [](int iBits) { return iBits == 0; });
 }
 
 bool _IsElement(const cudaChannelFormatDesc& xFormat)
@@ -138,8 +138,8 @@ void CMemory::NoteUse(const SBlock& xBlock, const CDevice& xDevice) noexcept
     }
 }
 
-cudaError_t CMemory::Allocate(CDevice& xDevice, EMemoryKind eKind, std::size_t nPitch, std::size_t nWidth,
-                              std::size_t nRowCount, void*& pMemory)
+cudaError_t CMemory::Allocate(
+    CDevice& xDevice, EMemoryKind eKind, std::size_t nPitch, std::size_t nWidth, std::size_t nRowCount, void*& pMemory)
 {
     std::size_t nSize = 0;
     if (__builtin_mul_overflow(nPitch, nRowCount, &nSize) || nSize > _GetMachineMemory())
@@ -213,8 +213,8 @@ const SBlock* CMemory::_FindBase(const void* pMemory, bool bHost) const noexcept
     const auto uAddress = reinterpret_cast<std::uintptr_t>(pMemory);
     const SBlock* const pBlock = Find(uAddress);
     return pBlock != nullptr && pBlock->uBase == uAddress && bHost == (pBlock->eKind == EMemoryKind::PageLocked)
-               ? pBlock
-               : nullptr;
+        ? pBlock
+        : nullptr;
 }
 
 cudaError_t CMemory::Free(void* pMemory, bool bHost)
@@ -285,8 +285,8 @@ cudaError_t CMemory::AllocateArray(CDevice& xDevice, const SArray& xArray, cudaA
     pSlot->bLive = true;
     pSlot->xArray = xArray;
     hArray = EncodeHandle<cudaArray_t>(EHandle::Array,
-                                       {static_cast<std::uint64_t>(xArray.iDevice),
-                                        static_cast<std::uint64_t>(pSlot - m_vArrays.begin()), pSlot->uGeneration});
+        {static_cast<std::uint64_t>(xArray.iDevice), static_cast<std::uint64_t>(pSlot - m_vArrays.begin()),
+            pSlot->uGeneration});
     return cudaSuccess;
 }
 
@@ -341,12 +341,11 @@ void CMemory::Reset(CDevice& xDevice) noexcept
             if (!bInvolved)
             {
                 const CReadLock xLock = Read();
-                bInvolved =
-                    std::ranges::any_of(m_vBlocks,
-                                        [&](const SBlock& xBlock) {
-                                            return xBlock.iDevice == xDevice.GetID() &&
-                                                   std::atomic_ref(xBlock.bForeignUse).load(std::memory_order_relaxed);
-                                        });
+                bInvolved = std::ranges::any_of(m_vBlocks,
+                    [&](const SBlock& xBlock) {
+                        return xBlock.iDevice == xDevice.GetID() &&
+                            std::atomic_ref(xBlock.bForeignUse).load(std::memory_order_relaxed);
+                    });
             }
             if (bInvolved)
             {
@@ -375,15 +374,15 @@ bool CMemory::_ResetIfIdle(CDevice& xDevice) noexcept
         [&]
         {
             std::erase_if(m_vBlocks,
-                          [&](const SBlock& xBlock)
-                          {
-                              if (xBlock.iDevice != iDevice)
-                              {
-                                  return false;
-                              }
-                              _Release(xBlock);
-                              return true;
-                          });
+                [&](const SBlock& xBlock)
+                {
+                    if (xBlock.iDevice != iDevice)
+                    {
+                        return false;
+                    }
+                    _Release(xBlock);
+                    return true;
+                });
             for (SArraySlot& xSlot : m_vArrays)
             {
                 if (xSlot.bLive && xSlot.xArray.iDevice == iDevice)
@@ -528,8 +527,8 @@ cudaChannelFormatDesc cudaCreateChannelDesc(int x, int y, int z, int w, cudaChan
     return {x, y, z, w, f};
 }
 
-cudaError_t cudaMallocArray(cudaArray_t* array, const cudaChannelFormatDesc* desc, size_t width, size_t height,
-                            unsigned int flags)
+cudaError_t cudaMallocArray(
+    cudaArray_t* array, const cudaChannelFormatDesc* desc, size_t width, size_t height, unsigned int flags)
 {
     return Call(
         [&]

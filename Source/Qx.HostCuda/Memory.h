@@ -75,7 +75,7 @@ public:
 
     /// Allocates rows on a device, 1 row where the block has no pitch. Its budget pays for all but page-locked memory.
     cudaError_t Allocate(CDevice& xDevice, EMemoryKind eKind, std::size_t nPitch, std::size_t nWidth,
-                         std::size_t nRowCount, void*& pMemory);
+        std::size_t nRowCount, void*& pMemory);
     /// Waits for the block's device, then frees it. `bHost`: page-locked memory is meant, otherwise all other kinds.
     cudaError_t Free(void* pMemory, bool bHost);
 

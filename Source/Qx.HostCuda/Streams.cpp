@@ -64,8 +64,8 @@ void CStream::Wait(std::uint64_t uTicket) const noexcept
         [&]
         {
             std::uint64_t uFirst = m_uFirstAwaited.load(std::memory_order_seq_cst);
-            while (uTicket < uFirst &&
-                   !m_uFirstAwaited.compare_exchange_weak(uFirst, uTicket, std::memory_order_seq_cst))
+            while (
+                uTicket < uFirst && !m_uFirstAwaited.compare_exchange_weak(uFirst, uTicket, std::memory_order_seq_cst))
             {
             }
             return m_uDone.load(std::memory_order_seq_cst) >= uTicket; // see _Publish
@@ -179,13 +179,13 @@ std::vector<SMark> CDevice::_CollectUnseen(CStream& xStream, bool bSkipDone)
 {
     std::vector<SMark> vMarks;
     _ForEachUnseen(xStream,
-                   [&](const CStream& xOther, std::uint64_t uTicket, std::uint64_t&)
-                   {
-                       if (!bSkipDone || !xOther.IsDone(uTicket))
-                       {
-                           vMarks.push_back({&xOther, uTicket});
-                       }
-                   });
+        [&](const CStream& xOther, std::uint64_t uTicket, std::uint64_t&)
+        {
+            if (!bSkipDone || !xOther.IsDone(uTicket))
+            {
+                vMarks.push_back({&xOther, uTicket});
+            }
+        });
     return vMarks;
 }
 
@@ -332,7 +332,7 @@ void CDevice::Synchronize() noexcept
 bool CDevice::_IsIdle() const noexcept
 {
     return m_xLegacy.IsDone(m_xLegacy.m_uIssued) &&
-           std::ranges::all_of(m_vStreams, [](const CStream& xStream) { return xStream.IsDone(xStream.m_uIssued); });
+        std::ranges::all_of(m_vStreams, [](const CStream& xStream) { return xStream.IsDone(xStream.m_uIssued); });
 }
 
 void CDevice::_CloseAll() noexcept

@@ -12,7 +12,7 @@ namespace Qx::HostCuda
 {
 
 void RunInParallel(std::uint64_t nCount, int iThreads,
-                   void (*pFunction)(void* pContext, std::uint64_t nBegin, std::uint64_t nEnd) noexcept, void* pContext)
+    void (*pFunction)(void* pContext, std::uint64_t nBegin, std::uint64_t nEnd) noexcept, void* pContext)
 {
     // An arena for every calling thread, that is for every stream: launches never wait for a place in that of another.
     // Kept, because making one costs more than a small launch.
@@ -25,8 +25,8 @@ void RunInParallel(std::uint64_t nCount, int iThreads,
         [&]
         {
             tbb::parallel_for(tbb::blocked_range<std::uint64_t>(0, nCount),
-                              [=](const tbb::blocked_range<std::uint64_t>& xRange)
-                              { pFunction(pContext, xRange.begin(), xRange.end()); });
+                [=](const tbb::blocked_range<std::uint64_t>& xRange)
+                { pFunction(pContext, xRange.begin(), xRange.end()); });
         });
 }
 

@@ -10,7 +10,6 @@ namespace Qx::HostCuda
 /// ThreadSanitizer cannot see this and has to be told by the function and the caller.
 /// @throws std::bad_alloc when all calls that were begun have returned
 void RunInParallel(std::uint64_t nCount, int iThreads,
-                   void (*pFunction)(void* pContext, std::uint64_t nBegin, std::uint64_t nEnd) noexcept,
-                   void* pContext);
+    void (*pFunction)(void* pContext, std::uint64_t nBegin, std::uint64_t nEnd) noexcept, void* pContext);
 
 } // namespace Qx::HostCuda

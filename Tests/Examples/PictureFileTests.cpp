@@ -77,8 +77,8 @@ std::string _Bitmap(int iHeight, const std::string& sRows, int iSaidBytes)
         return sBytes;
     };
     return "BM" + Number(iSaidBytes) + Number(0) + Number(54) + Number(40) + Number(2) + Number(iHeight) +
-           "\x01\x00\x18\x00"s + Number(0) + Number(static_cast<int>(sRows.size())) + Number(2835) + Number(2835) +
-           Number(0) + Number(0) + sRows;
+        "\x01\x00\x18\x00"s + Number(0) + Number(static_cast<int>(sRows.size())) + Number(2835) + Number(2835) +
+        Number(0) + Number(0) + sRows;
 }
 
 // Two rows of two pixels, blue first, rows padded to four bytes.
@@ -98,12 +98,12 @@ TEST_F(PictureFile, DecodesToRgba)
         {"colour.ppm", "P6 1 2 255 \x01\x02\x03\xFD\xFE\xFF"s, 1, 2, "\x01\x02\x03\xFF\xFD\xFE\xFF\xFF"s},
         {"comment.pgm", "P5 # a comment 7 8\n#another\n1\t1\r\n255\n\x2A"s, 1, 1, "\x2A\x2A\x2A\xFF"s},
         {"narrow.pgm", "P5 4 1 3\n\x00\x01\x02\x09"s, 4, 1,
-         "\0\0\0\xFF\x55\x55\x55\xFF\xAA\xAA\xAA\xFF\xFF\xFF\xFF\xFF"s},
+            "\0\0\0\xFF\x55\x55\x55\xFF\xAA\xAA\xAA\xFF\xFF\xFF\xFF\xFF"s},
         {"wide.ppm", "P6 1 1 65535\n\x00\x00\x80\x00\xFF\xFF"s, 1, 1, "\x00\x80\xFF\xFF"s},
         {"up.bmp", _Bitmap(2, c_sBitmapRows, 70), 2, 2,
-         "\x13\x12\x11\xFF\x16\x15\x14\xFF\x03\x02\x01\xFF\x06\x05\x04\xFF"s},
+            "\x13\x12\x11\xFF\x16\x15\x14\xFF\x03\x02\x01\xFF\x06\x05\x04\xFF"s},
         {"down.bmp", _Bitmap(-2, c_sBitmapRows, 70), 2, 2,
-         "\x03\x02\x01\xFF\x06\x05\x04\xFF\x13\x12\x11\xFF\x16\x15\x14\xFF"s},
+            "\x03\x02\x01\xFF\x06\x05\x04\xFF\x13\x12\x11\xFF\x16\x15\x14\xFF"s},
     };
     for (const auto& xCase : c_aCases)
     {
@@ -176,8 +176,8 @@ TEST_F(PictureFile, ComesBackFromPngAsItWas)
 TEST_F(PictureFile, RefusesToWriteWhatIsNoRgbaPicture)
 {
     for (const CQxImageFormat& xFormat : {CQxImageFormat{}, CQxImageFormat(4, 4, EDataType::UByte, EPixelType::Lum),
-                                          CQxImageFormat(4, 4, EDataType::UShort, EPixelType::RGBA),
-                                          CQxImageFormat(4, 0, EDataType::UByte, EPixelType::RGBA)})
+             CQxImageFormat(4, 4, EDataType::UShort, EPixelType::RGBA),
+             CQxImageFormat(4, 0, EDataType::UByte, EPixelType::RGBA)})
     {
         EXPECT_THROW(WritePng(Path("refused.png"), CQxImage(xFormat)), std::invalid_argument);
     }

@@ -151,9 +151,9 @@ TEST(Exception, TakesLinksOfOtherLibraries)
 TEST(Exception, ToStringHasOneLinePerLink)
 {
     EXPECT_STREQ(_MakeChain().ToString().ToCString(),
-                 "Qx.Exception: Error loading [Load, Source/Test/Outer:20]\n"
-                 "Qx.Exception: Error reading [Read, Source/Test/Inner:10]\n"
-                 "Test.DiskException: No answer [ReadSector, Source/Test/Disk:77]\n");
+        "Qx.Exception: Error loading [Load, Source/Test/Outer:20]\n"
+        "Qx.Exception: Error reading [Read, Source/Test/Inner:10]\n"
+        "Test.DiskException: No answer [ReadSector, Source/Test/Disk:77]\n");
     const CQxException xReport("Report:\nKernel: k\nGrid: 1", "File", "End", 3);
     EXPECT_STREQ(xReport.ToString().ToCString(), "Qx.Exception: Report:\n    Kernel: k\n    Grid: 1 [End, File:3]\n");
 }
@@ -209,7 +209,7 @@ TEST(Exception, RunningOutOfMemoryOnAFailurePathLeaksAndHidesNothing)
         try
         {
             Guard(c_xOuter, "Error loading a text that does not fit into a string object",
-                  [&] { Guard(c_xInner, "Error reading a text that does not fit into a string object", Load); });
+                [&] { Guard(c_xInner, "Error reading a text that does not fit into a string object", Load); });
         }
         catch (const CQxException& xCaught)
         {
@@ -224,11 +224,11 @@ TEST(Exception, RunningOutOfMemoryOnAFailurePathLeaksAndHidesNothing)
 TEST(Exception, AFailedAssignmentChangesNothing)
 {
     const CQxException xSource("A message that does not fit into a string object", "Source/Test/AnotherLongFileName",
-                               "AnotherLongFunctionName", 1, CDiskException("No answer", 1));
+        "AnotherLongFunctionName", 1, CDiskException("No answer", 1));
     CQxException xTarget = _MakeChain();
     EXPECT_GT(FailEachAllocation([&] { xTarget = _MakeChain(); }, [&] { xTarget = xSource; },
-                                 [&] { EXPECT_TRUE(IsChain(xTarget, c_vChain)); }),
-              6);
+                  [&] { EXPECT_TRUE(IsChain(xTarget, c_vChain)); }),
+        6);
 }
 
 TEST(Exception, SafePointerOwnsAClone)
@@ -249,12 +249,12 @@ TEST(Exception, SafePointerOwnsAClone)
 TEST(Exception, VirtualOperationsKeepTheirPlaces)
 {
     EXPECT_EQ(VirtualSlots(&IException::GetMessageText, &IException::GetFunction, &IException::GetFile,
-                           &IException::GetLine, &IException::GetName, &IException::GetGUID,
-                           &IException::GetInnerException, &IException::HasException, &IException::Clone),
-              (std::vector<std::size_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+                  &IException::GetLine, &IException::GetName, &IException::GetGUID, &IException::GetInnerException,
+                  &IException::HasException, &IException::Clone),
+        (std::vector<std::size_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
     // The destructor has the two places in between.
     EXPECT_EQ(VirtualSlots(&CQxException::Clone, &CQxException::SetExceptionData, &CQxException::ToString),
-              (std::vector<std::size_t>{8, 11, 12}));
+        (std::vector<std::size_t>{8, 11, 12}));
 }
 
 } // namespace

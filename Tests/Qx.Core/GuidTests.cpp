@@ -24,8 +24,8 @@ static_assert(CGuid() == CGuid("{00000000-0000-0000-0000-000000000000}"));
 
 TEST(Guid, BytesStandInTheOrderOfTheText)
 {
-    constexpr Bytes c_vExpected{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF,
-                                0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10};
+    constexpr Bytes c_vExpected{
+        0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10};
     EXPECT_EQ(std::bit_cast<Bytes>(CGuid(c_pcText)), c_vExpected);
     EXPECT_EQ(std::bit_cast<Bytes>(CGuid("{01234567-89ab-cdef-fedc-ba9876543210}")), c_vExpected);
 }
@@ -69,7 +69,7 @@ TEST(Guid, MalformedTextIsRefused)
     for (const std::string& sBad : vBad)
     {
         EXPECT_TRUE(ThrowsChain([&] { CGuid(sBad.c_str()); },
-                                {Plain(("Malformed GUID text '" + sBad + "'").c_str(), "CGuid", "Qx.Core/QxGuid")}));
+            {Plain(("Malformed GUID text '" + sBad + "'").c_str(), "CGuid", "Qx.Core/QxGuid")}));
     }
     const char* pcNull = nullptr;
     EXPECT_TRUE(ThrowsChain([&] { CGuid{pcNull}; }, {Plain("Malformed GUID text ''", "CGuid", "Qx.Core/QxGuid")}));

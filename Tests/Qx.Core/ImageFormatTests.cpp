@@ -57,19 +57,18 @@ constexpr STypeCase c_axDataTypes[] = {
     {UINT32_MAX, "Unknown", -1},
 };
 
-constexpr STypeCase c_axPixelTypes[] = {
-    {0, "None", 0},          {0x1907, "RGB", 3},      {0x1908, "RGBA", 4},      {0x1909, "Lum", 1},
-    {0x190A, "LumA", 2},     {0x2001, "BayerRG", 1},  {0x2002, "BayerBG", 1},   {0x2003, "BayerGR", 1},
-    {0x2004, "BayerGB", 1},  {0x80E0, "BGR", 3},      {0x80E1, "BGRA", 4},      {0x8757, "Unknown", 2},
-    {1, "Unknown", -1},      {0x1906, "Unknown", -1}, {0x190B, "Unknown", -1},  {0x2000, "Unknown", -1},
-    {0x2005, "Unknown", -1}, {0x80E2, "Unknown", -1}, {0x11909, "Unknown", -1}, {UINT32_MAX, "Unknown", -1}};
+constexpr STypeCase c_axPixelTypes[] = {{0, "None", 0}, {0x1907, "RGB", 3}, {0x1908, "RGBA", 4}, {0x1909, "Lum", 1},
+    {0x190A, "LumA", 2}, {0x2001, "BayerRG", 1}, {0x2002, "BayerBG", 1}, {0x2003, "BayerGR", 1}, {0x2004, "BayerGB", 1},
+    {0x80E0, "BGR", 3}, {0x80E1, "BGRA", 4}, {0x8757, "Unknown", 2}, {1, "Unknown", -1}, {0x1906, "Unknown", -1},
+    {0x190B, "Unknown", -1}, {0x2000, "Unknown", -1}, {0x2005, "Unknown", -1}, {0x80E2, "Unknown", -1},
+    {0x11909, "Unknown", -1}, {UINT32_MAX, "Unknown", -1}};
 
 constexpr int c_aiExtents[] = {INT_MIN, -3, 0, 7, 46341, 1 << 30, INT_MAX};
 
 CQxImageFormat _Format(std::uint32_t uDataType, std::uint32_t uPixelType, int iWidth = 1, int iHeight = 1)
 {
-    return CQxImageFormat(iWidth, iHeight, static_cast<EDataType::ID>(uDataType),
-                          static_cast<EPixelType::ID>(uPixelType));
+    return CQxImageFormat(
+        iWidth, iHeight, static_cast<EDataType::ID>(uDataType), static_cast<EPixelType::ID>(uPixelType));
 }
 
 /// What @p xBody returns, or "operation: message" of what it throws.
@@ -115,14 +114,14 @@ TEST(ImageFormat, TypesHaveNamesAndSizes)
         const CQxImageFormat xFormat = _Format(uID, EPixelType::Lum);
         EXPECT_STREQ(GetDataTypeName(xFormat.eDataType), pcName) << uID;
         EXPECT_EQ(_Outcome([&] { return xFormat.GetBytesPerChannel(); }),
-                  iSize < 0 ? c_sNoChannelBytes : std::to_string(iSize));
+            iSize < 0 ? c_sNoChannelBytes : std::to_string(iSize));
     }
     for (const auto& [uID, pcName, iSize] : c_axPixelTypes)
     {
         const CQxImageFormat xFormat = _Format(EDataType::UByte, uID);
         EXPECT_STREQ(GetPixelTypeName(xFormat.ePixelType), pcName) << uID;
-        EXPECT_EQ(_Outcome([&] { return xFormat.GetComponentCount(); }),
-                  iSize < 0 ? c_sNoComponents : std::to_string(iSize));
+        EXPECT_EQ(
+            _Outcome([&] { return xFormat.GetComponentCount(); }), iSize < 0 ? c_sNoComponents : std::to_string(iSize));
     }
 }
 
@@ -181,10 +180,10 @@ void _ExpectSizes(const STypeCase& xDataType, const STypeCase& xPixelType, int i
     const auto uBytes = static_cast<std::uint32_t>((bPacked ? static_cast<std::uint32_t>(uBitCount) : uBitCount) / 8);
 
     SCOPED_TRACE(std::to_string(iWidth) + " x " + std::to_string(iHeight) + " " + std::to_string(xDataType.uID) + "/" +
-                 std::to_string(xPixelType.uID));
+        std::to_string(xPixelType.uID));
     const CQxImageFormat xFormat = _Format(xDataType.uID, xPixelType.uID, iWidth, iHeight);
     EXPECT_EQ(_Outcome([&] { return xFormat.GetBytesPerPixel(); }),
-              sPixelFailure.empty() ? std::to_string(uBits / 8) : sPixelFailure);
+        sPixelFailure.empty() ? std::to_string(uBits / 8) : sPixelFailure);
     EXPECT_EQ(_Outcome([&] { return xFormat.GetExactByteCount(); }), bFails ? sFailure : std::to_string(uExact));
     EXPECT_EQ(_Outcome([&] { return xFormat.GetByteCount(); }), bFails ? sFailure : std::to_string(uBytes));
 }

@@ -95,10 +95,10 @@ TEST(Image, InterfaceTakesThePixelTypeFirst)
 TEST(Image, ImagesWithoutBytesAreLegal)
 {
     for (const CQxImageFormat& xFormat : {CQxImageFormat{}, CQxImageFormat(0, 3, EDataType::UByte, EPixelType::Lum),
-                                          CQxImageFormat(3, 0, EDataType::UByte, EPixelType::Lum),
-                                          CQxImageFormat(0, INT_MAX, EDataType::Double, EPixelType::RGBA),
-                                          CQxImageFormat(INT_MAX, INT_MAX, EDataType::UByte, EPixelType::None),
-                                          CQxImageFormat(3, 3, EDataType::Void, EPixelType::RGB)})
+             CQxImageFormat(3, 0, EDataType::UByte, EPixelType::Lum),
+             CQxImageFormat(0, INT_MAX, EDataType::Double, EPixelType::RGBA),
+             CQxImageFormat(INT_MAX, INT_MAX, EDataType::UByte, EPixelType::None),
+             CQxImageFormat(3, 3, EDataType::Void, EPixelType::RGB)})
     {
         CQxImage xImage = _MakePattern();
         xImage.Create(xFormat);
@@ -118,8 +118,8 @@ TEST(ImageView, ShowsTheMemoryOfItsClientAndKeepsItsFormat)
     EXPECT_EQ(std::as_const(xInterface).GetDataPtr(), acPixels);
     EXPECT_TRUE(xInterface.Create(5, 3, EPixelType::RGB, EDataType::UShort));
     const char* pcText = "An image view cannot change its format from 5 x 3 'RGB' 'UShort' to 5 x 4 'RGBA' 'UByte'";
-    EXPECT_TRUE(ThrowsChain([&] { xInterface.Create(5, 4, EPixelType::RGBA, EDataType::UByte); },
-                            {Plain(pcText, "Create", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain(
+        [&] { xInterface.Create(5, 4, EPixelType::RGBA, EDataType::UByte); }, {Plain(pcText, "Create", c_pcFile)}));
     EXPECT_EQ(xView.GetFormat(), c_xSmall);
 
     CQxImageView xReadOnly(c_xSmall, static_cast<const void*>(acPixels));
@@ -129,10 +129,10 @@ TEST(ImageView, ShowsTheMemoryOfItsClientAndKeepsItsFormat)
 
     void* const pNull = nullptr;
     const CQxImageFormat xNegative(-1, 3, EDataType::UByte, EPixelType::Lum);
-    EXPECT_TRUE(ThrowsChain([&] { CQxImageView(c_xSmall, pNull); },
-                            {Plain("The pixel pointer is null", "CQxImageView", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain(
+        [&] { CQxImageView(c_xSmall, pNull); }, {Plain("The pixel pointer is null", "CQxImageView", c_pcFile)}));
     EXPECT_TRUE(ThrowsChain([&] { CQxImageView(xNegative, acPixels); },
-                            {Plain("Image dimensions are negative", "CQxImageView", c_pcFile)}));
+        {Plain("Image dimensions are negative", "CQxImageView", c_pcFile)}));
     CQxImageView xNothing({0, 3, EDataType::UByte, EPixelType::Lum}, pNull);
     EXPECT_EQ(xNothing.GetDataPtr(), nullptr);
 }
@@ -212,9 +212,9 @@ TEST(Image, MovesTakeTheBufferAndLeaveAnEmptyImage)
 TEST(Image, VirtualOperationsKeepTheirPlaces)
 {
     EXPECT_EQ(VirtualSlots(&IImage::Create, &IImage::Reserved1, &IImage::Reserved7, &IImage::GetSize, &IImage::GetType,
-                           static_cast<void* (IImage::*)()>(&IImage::GetDataPtr),
-                           static_cast<const void* (IImage::*)() const>(&IImage::GetDataPtr), &CQxImage::GetSize),
-              (std::vector<std::size_t>{0, 1, 7, 8, 9, 10, 11, 8}));
+                  static_cast<void* (IImage::*)()>(&IImage::GetDataPtr),
+                  static_cast<const void* (IImage::*)() const>(&IImage::GetDataPtr), &CQxImage::GetSize),
+        (std::vector<std::size_t>{0, 1, 7, 8, 9, 10, 11, 8}));
 }
 
 } // namespace

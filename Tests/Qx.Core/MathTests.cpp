@@ -102,7 +102,11 @@ TYPED_TEST(MathContainer, ResizingKeepsLeadingElementsAndAddsZeros)
     EXPECT_EQ(_List(this->New(2)), (List{0, 0}));
     TypeParam xContainer = this->Make(3);
     const std::pair<std::uint64_t, List> c_vSteps[] = {
-        {5, {1, 2, 3, 0, 0}}, {2, {1, 2}}, {4, {1, 2, 0, 0}}, {0, {}}, {2, {0, 0}},
+        {5, {1, 2, 3, 0, 0}},
+        {2, {1, 2}},
+        {4, {1, 2, 0, 0}},
+        {0, {}},
+        {2, {0, 0}},
     };
     for (const auto& [nSize, vExpected] : c_vSteps)
     {
@@ -128,11 +132,11 @@ TYPED_TEST(MathContainer, ContainersThatCannotGrowAreUnchanged)
     const auto Setup = [&] { xContainer = this->Make(3); };
     EXPECT_EQ(FailEachAllocation(
                   Setup, [&] { this->Resize(xContainer, 1000); }, CheckUnchanged),
-              2);
+        2);
     const TypeParam xOther = this->Make(9);
     EXPECT_EQ(FailEachAllocation(
                   Setup, [&] { xContainer = xOther; }, CheckUnchanged),
-              2);
+        2);
 }
 
 TYPED_TEST(MathContainer, CopiesOwnTheirElements)
@@ -188,8 +192,8 @@ TEST(Vector, ResizeIsTheThirdVirtualOperation)
 {
     using Vector = CQxVector<float>;
     EXPECT_EQ(VirtualSlots(static_cast<float* (Vector::*)()>(&Vector::GetDataPtr),
-                           static_cast<const float* (Vector::*)() const>(&Vector::GetDataPtr), &Vector::Resize),
-              (Slots{0, 1, 2}));
+                  static_cast<const float* (Vector::*)() const>(&Vector::GetDataPtr), &Vector::Resize),
+        (Slots{0, 1, 2}));
 }
 
 TEST(Matrix, IsStoredRowByRow)
@@ -220,7 +224,7 @@ TEST(Matrix, ElementCountsBeyond64BitsAreRefused)
     CQxMatrix<float> xMatrix(2, 3);
     // The first three products are 0, 0 and 4 in 64 bits.
     for (const auto& [nRows, nCols] :
-         {std::pair{c_nTwoTo32, c_nTwoTo32}, {c_nTwoTo63, 2}, {c_nTwoTo63 + 2, 2}, {UINT64_MAX, UINT64_MAX}})
+        {std::pair{c_nTwoTo32, c_nTwoTo32}, {c_nTwoTo63, 2}, {c_nTwoTo63 + 2, 2}, {UINT64_MAX, UINT64_MAX}})
     {
         EXPECT_THROW(xMatrix.SetDimensions(nRows, nCols), std::length_error);
         EXPECT_EQ(xMatrix.GetRowCount(), 2U);
@@ -251,8 +255,8 @@ TEST(Matrix, IsEmptiedWhenItsGrowthIsRefused)
     xMatrix.SetDimensions(2, 2);
     xMatrix(1, 1) = 5;
     EXPECT_TRUE(ThrowsChain([&] { xMatrix.SetDimensions(2, 3); },
-                            {Plain("Error resizing matrix", "SetDimensions", "Qx.Core.Math/QxMatrix"),
-                             Plain("Over budget", "_AdmitElements", "Test/Budget")}));
+        {Plain("Error resizing matrix", "SetDimensions", "Qx.Core.Math/QxMatrix"),
+            Plain("Over budget", "_AdmitElements", "Test/Budget")}));
     EXPECT_EQ(xMatrix.GetRowCount(), 0U);
     EXPECT_EQ(xMatrix.GetColCount(), 0U);
     xMatrix.SetDimensions(2, 2);
@@ -276,10 +280,10 @@ constexpr Triple c_vZero{0, 0, 0};
 constexpr Triple c_vOne{1, 1, 1};
 
 void _Create(CQxMapping3D& xMapping, const Triple& vMinimum, const Triple& vMaximum, const Counts& vCounts,
-             const float* pValues = nullptr)
+    const float* pValues = nullptr)
 {
     xMapping.Create(vMinimum[0], vMinimum[1], vMinimum[2], vMaximum[0], vMaximum[1], vMaximum[2], vCounts[0],
-                    vCounts[1], vCounts[2], pValues);
+        vCounts[1], vCounts[2], pValues);
 }
 
 Values _List(const CQxMapping3D& xMapping)
@@ -417,7 +421,7 @@ TEST(Mapping3D, ARefusedVolumeChangesNothing)
     {
         CQxMapping3D xMapping = _MakeMapping();
         EXPECT_TRUE(ThrowsChain([&] { _Create(xMapping, xCase.vMinimum, xCase.vMaximum, xCase.vCounts); },
-                                {Plain(xCase.pcMessage, "Create", "Qx.Core.Math/QxMapping3D")}))
+            {Plain(xCase.pcMessage, "Create", "Qx.Core.Math/QxMapping3D")}))
             << "case " << &xCase - axCases;
         _ExpectPattern(xMapping);
     }
@@ -527,16 +531,16 @@ TEST(Mapping3D, FieldsStandInTheirOrder)
     EXPECT_EQ(xFields.vCounts, xMapping.GetCellCounts());
     EXPECT_EQ(xFields.vSteps, xMapping.GetStepSizes());
     EXPECT_EQ(static_cast<const void*>(&xMapping.GetName()),
-              static_cast<const void*>(reinterpret_cast<const char*>(&xMapping) + sizeof(xFields)));
+        static_cast<const void*>(reinterpret_cast<const char*>(&xMapping) + sizeof(xFields)));
 }
 
 TEST(Mapping3D, VirtualOperationsKeepTheirPlaces)
 {
     EXPECT_EQ(VirtualSlots(&CQxMapping3D::GetMinimum, &CQxMapping3D::GetMaximum, &CQxMapping3D::GetCellCounts,
-                           &CQxMapping3D::GetStepSizes, &CQxMapping3D::GetByteCount,
-                           static_cast<float* (CQxMapping3D::*)()>(&CQxMapping3D::GetDataPtr),
-                           static_cast<const float* (CQxMapping3D::*)() const>(&CQxMapping3D::GetDataPtr)),
-              (Slots{0, 1, 2, 3, 4, 5, 6}));
+                  &CQxMapping3D::GetStepSizes, &CQxMapping3D::GetByteCount,
+                  static_cast<float* (CQxMapping3D::*)()>(&CQxMapping3D::GetDataPtr),
+                  static_cast<const float* (CQxMapping3D::*)() const>(&CQxMapping3D::GetDataPtr)),
+        (Slots{0, 1, 2, 3, 4, 5, 6}));
 }
 
 } // namespace

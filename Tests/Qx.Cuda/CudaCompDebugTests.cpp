@@ -21,8 +21,7 @@ using Names = std::vector<std::string>;
 
 // Uses the block before main() runs.
 const bool s_bEmptyAtLoad = CQxCudaCompDebug::GetDebugParams().pItems == nullptr &&
-                            CQxCudaCompDebug::GetDebugParams().pCounter == nullptr &&
-                            CQxCudaCompDebug::GetDebugParams().iCapacity == 0;
+    CQxCudaCompDebug::GetDebugParams().pCounter == nullptr && CQxCudaCompDebug::GetDebugParams().iCapacity == 0;
 
 class CudaCompDebug : public ::testing::Test
 {
@@ -176,9 +175,8 @@ TEST_F(CudaCompDebug, ReportsFailedReadsAndSaysWhatBecameOfTheVector)
     EXPECT_TRUE(ThrowsChain([&] { CQxCudaCompDebug::GetDebugItems(vItems); }, {xCount}));
     EXPECT_EQ(vItems.size(), 10U);
     CCudaRecorder::FailCall(2, cudaErrorInvalidValue);
-    EXPECT_TRUE(
-        ThrowsChain([&] { CQxCudaCompDebug::GetDebugItems(vItems); },
-                    {Cuda("Error getting debug items from CUDA", cudaErrorInvalidValue, "GetDebugItems", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain([&] { CQxCudaCompDebug::GetDebugItems(vItems); },
+        {Cuda("Error getting debug items from CUDA", cudaErrorInvalidValue, "GetDebugItems", c_pcFile)}));
     EXPECT_EQ(vItems.size(), 3U);
 }
 
@@ -187,13 +185,13 @@ TEST_F(CudaCompDebug, StoresTheKindPerObjectOnceTheChannelIsSetUp)
     CQxCudaComp xComp;
     CQxCudaComp xOther;
     const char* const pcMessage = "Debug not initialized. Call CudaDebug::Malloc() before";
-    EXPECT_TRUE(ThrowsChain([&] { xComp.SetDebugKind(static_cast<EKind>(7)); },
-                            {Cuda(pcMessage, cudaSuccess, "SetDebugKind", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain(
+        [&] { xComp.SetDebugKind(static_cast<EKind>(7)); }, {Cuda(pcMessage, cudaSuccess, "SetDebugKind", c_pcFile)}));
     // Whatever error was pending is what the exception shows.
     CCudaRecorder::FailCall("cudaFree", 1, cudaErrorInvalidValue);
     EXPECT_NE(cudaFree(nullptr), cudaSuccess);
     EXPECT_TRUE(ThrowsChain([&] { xComp.SetDebugKind(static_cast<EKind>(7)); },
-                            {Cuda(pcMessage, cudaErrorInvalidValue, "SetDebugKind", c_pcFile)}));
+        {Cuda(pcMessage, cudaErrorInvalidValue, "SetDebugKind", c_pcFile)}));
     EXPECT_EQ(xComp.GetDebugKind(), EKind::None);
 
     CQxCudaCompDebug::GetDebugParams().Malloc(1);

@@ -49,13 +49,13 @@ CQxImageFormat Size(int iWidth, int iHeight)
 }
 
 static_assert(std::has_virtual_destructor_v<CQxCudaComp> && !std::is_copy_constructible_v<CQxCudaComp> &&
-              !std::is_move_constructible_v<CQxCudaComp>);
+    !std::is_move_constructible_v<CQxCudaComp>);
 
 TEST(CudaComp, StartsUnconfiguredAndRefusesToBegin)
 {
     const SLink xRefused =
         Plain("Kernel launch configuration isn't initialized. Block or Grid is zero. Call EvalKernelDim_2D_1D() before",
-              "Begin", c_pcFile);
+            "Begin", c_pcFile);
     {
         CQxCudaComp xComp;
         ExpectConfiguration(xComp, {0, 0, 1}, {0, 0, 1});
@@ -108,9 +108,9 @@ TEST(CudaComp, RefusesAnImageWithoutPixelsAndKeepsTheConfiguration)
     CQxCudaComp xComp;
     xComp.EvalKernelDim_2D_1D(Size(64, 48), 32, 1);
     EXPECT_TRUE(ThrowsChain([&] { xComp.EvalKernelDim_2D_1D(Size(0, 480), 32, 8); },
-                            {Plain("Invalid array size 0 x 480", "EvalKernelDim_2D_1D", c_pcFile)}));
+        {Plain("Invalid array size 0 x 480", "EvalKernelDim_2D_1D", c_pcFile)}));
     EXPECT_TRUE(ThrowsChain([&] { xComp.EvalKernelDim_2D_1D(Size(640, -1), 32, 8); },
-                            {Plain("Invalid array size 640 x -1", "EvalKernelDim_2D_1D", c_pcFile)}));
+        {Plain("Invalid array size 640 x -1", "EvalKernelDim_2D_1D", c_pcFile)}));
     ExpectConfiguration(xComp, {2, 48, 1}, {32, 1, 1});
 }
 
@@ -145,8 +145,8 @@ TEST(CudaComp, RefusesThreadCountsThatNoConfigurationCovers)
     const auto Refuses = [&](unsigned int uThreads, unsigned int uBlock, const char* pcInner)
     {
         EXPECT_TRUE(ThrowsChain([&] { xComp.SetKernelConfiguration(uThreads, uBlock); },
-                                {Plain("Error setting kernel configuration", "SetKernelConfiguration", c_pcFile),
-                                 Plain(pcInner, "SetKernelConfiguration", c_pcFile)}));
+            {Plain("Error setting kernel configuration", "SetKernelConfiguration", c_pcFile),
+                Plain(pcInner, "SetKernelConfiguration", c_pcFile)}));
     };
     Refuses(0, 256, "Number of threads is 0");
     Refuses(0, 0, "Number of threads is 0");
@@ -172,11 +172,11 @@ TEST(CudaComp, CreatesOneEventRecordsItOnTheStreamOfEndAndDestroysIt)
         xComp.End("Kernel", xStream);
         xComp.End(CQxString("Kernel"), xStream);
         EXPECT_EQ(CCudaRecorder::CallNames(),
-                  (std::vector<std::string>{"cudaEventCreateWithFlags", "cudaEventRecord", "cudaEventSynchronize",
-                                            "cudaEventRecord", "cudaEventSynchronize"}));
+            (std::vector<std::string>{"cudaEventCreateWithFlags", "cudaEventRecord", "cudaEventSynchronize",
+                "cudaEventRecord", "cudaEventSynchronize"}));
         EXPECT_EQ(CCudaRecorder::Last("cudaEventCreateWithFlags").vArguments[1], 2U);
-        EXPECT_EQ(CCudaRecorder::Last("cudaEventRecord").vArguments[1],
-                  reinterpret_cast<std::uintptr_t>(xComp.GetStream()));
+        EXPECT_EQ(
+            CCudaRecorder::Last("cudaEventRecord").vArguments[1], reinterpret_cast<std::uintptr_t>(xComp.GetStream()));
         CCudaRecorder::Reset();
         CCudaRecorder::FailCall("cudaEventDestroy", 1, cudaErrorUnknown); // which nobody is told of
     }
@@ -197,8 +197,8 @@ protected:
     std::string _Report(const std::string& sMessage, const std::string& sKernel, const char* pcError) const
     {
         return sMessage + "\n\nKernel: '" + sKernel + "'\nCUDA Error String: '" + pcError +
-               "'\n\nKernel Configuration:\n - Grid:  [15, 1080, 1] = 16200\n - Block: [128, 1, 1] = 128\n\n" +
-               "Free Memory: " + std::to_string(m_nFree) + "/" + std::to_string(m_nTotal);
+            "'\n\nKernel Configuration:\n - Grid:  [15, 1080, 1] = 16200\n - Block: [128, 1, 1] = 128\n\n" +
+            "Free Memory: " + std::to_string(m_nFree) + "/" + std::to_string(m_nTotal);
     }
 
     CQxCudaComp m_xComp;
@@ -217,19 +217,18 @@ TEST_F(CudaCompReport, NamesTheStepThatFailedAndRecordsTheErrorThatIsPendingAfte
         EXPECT_TRUE(ThrowsChain(xBody, {xExpected}));
         const auto vNames = CCudaRecorder::CallNames();
         ASSERT_GE(vNames.size(), 8U);
-        EXPECT_EQ(
-            std::vector<std::string>(vNames.end() - 8, vNames.end()),
+        EXPECT_EQ(std::vector<std::string>(vNames.end() - 8, vNames.end()),
             (std::vector<std::string>{pcCall, "cudaMemGetInfo", "cudaGetErrorString", "cudaGetLastError",
-                                      "cudaGetLastError", "cudaGetErrorName", "cudaGetErrorString", "cudaGetDevice"}));
+                "cudaGetLastError", "cudaGetErrorName", "cudaGetErrorString", "cudaGetDevice"}));
     };
     Reports("cudaEventCreateWithFlags", "Start: Error creating stop event", "Begin",
-            [&] { m_xComp.Begin("100 %s Sharpen", nullptr); });
+        [&] { m_xComp.Begin("100 %s Sharpen", nullptr); });
     m_xComp.Begin("100 %s Sharpen", nullptr);
     Reports("cudaEventRecord", "End: Error putting end event on main stream", "End",
-            [&] { m_xComp.End("100 %s Sharpen", nullptr); });
+        [&] { m_xComp.End("100 %s Sharpen", nullptr); });
     EXPECT_EQ(CCudaRecorder::Count("cudaEventSynchronize"), 0U);
     Reports("cudaEventSynchronize", "End: Error during Kernel execution", "End",
-            [&] { m_xComp.End(CQxString("100 %s Sharpen"), nullptr); });
+        [&] { m_xComp.End(CQxString("100 %s Sharpen"), nullptr); });
 }
 
 TEST_F(CudaCompReport, NamesAnEndWithoutABegin)
@@ -253,8 +252,8 @@ TEST_F(CudaCompReport, SurvivesAFailedMemoryQueryAndProductsThatWrap)
     CCudaRecorder::FailCall("cudaMemGetInfo", 1, cudaErrorUnknown);
     const CQxString sReport = m_xComp._ShowDebugErrorWindow(cudaErrorLaunchFailure, nullptr, nullptr);
     EXPECT_STREQ(sReport.ToCString(),
-                 "\n\nKernel: ''\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
-                 " - Grid:  [50000, 50000, 1] = -1794967296\n - Block: [1, 1, 1] = 1\n\nFree Memory: 0/0");
+        "\n\nKernel: ''\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
+        " - Grid:  [50000, 50000, 1] = -1794967296\n - Block: [1, 1, 1] = 1\n\nFree Memory: 0/0");
     EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
 }
 

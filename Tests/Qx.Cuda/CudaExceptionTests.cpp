@@ -28,16 +28,16 @@ TEST(CudaException, ConsumesTheLastErrorAndRecordsNameTextAndDeviceInThatOrder)
     const auto xException = CQxCudaException::CreateFirst("Error freeing CUDA memory", "a/file", "QxCudaFree", 17);
 
     EXPECT_STREQ(xException.GetMessageText().ToCString(),
-                 "Error freeing CUDA memory. 'cudaErrorInvalidDevicePointer: invalid device pointer (ID 17)', "
-                 "Device ID: 0");
+        "Error freeing CUDA memory. 'cudaErrorInvalidDevicePointer: invalid device pointer (ID 17)', "
+        "Device ID: 0");
     EXPECT_EQ(xException.GetCudaError(), cudaErrorInvalidDevicePointer);
-    EXPECT_STREQ(xException.GetCudaErrorText().ToCString(),
-                 "cudaErrorInvalidDevicePointer: invalid device pointer (ID 17)");
+    EXPECT_STREQ(
+        xException.GetCudaErrorText().ToCString(), "cudaErrorInvalidDevicePointer: invalid device pointer (ID 17)");
     EXPECT_EQ(xException.GetDeviceID(), 0);
     EXPECT_EQ(xException.GetLine(), 17);
     EXPECT_EQ(xException.GetInnerException(), nullptr);
-    EXPECT_EQ(CCudaRecorder::CallNames(), (std::vector<std::string>{"cudaGetLastError", "cudaGetErrorName",
-                                                                    "cudaGetErrorString", "cudaGetDevice"}));
+    EXPECT_EQ(CCudaRecorder::CallNames(),
+        (std::vector<std::string>{"cudaGetLastError", "cudaGetErrorName", "cudaGetErrorString", "cudaGetDevice"}));
     const auto xSecond = CQxCudaException::CreateFirst("", "file", "Function", 2, "ignored", 3);
     EXPECT_EQ(xSecond.GetCudaError(), cudaSuccess);
     EXPECT_STREQ(xSecond.GetMessageText().ToCString(), ". 'cudaSuccess: no error (ID 0)', Device ID: 0");
@@ -49,7 +49,7 @@ TEST(CudaException, KeepsDeviceMinusOneAndLeavesTheErrorOfAFailedDeviceQuery)
     CCudaRecorder::FailCall("cudaGetDevice", 1, cudaErrorInitializationError);
     const auto xException = CQxCudaException::CreateFirst("step", "file", "Function", 1);
     EXPECT_STREQ(xException.GetMessageText().ToCString(),
-                 "step. 'cudaErrorInvalidValue: invalid argument (ID 1)', Device ID: -1");
+        "step. 'cudaErrorInvalidValue: invalid argument (ID 1)', Device ID: -1");
     EXPECT_EQ(xException.GetDeviceID(), -1);
     EXPECT_EQ(cudaGetLastError(), cudaErrorInitializationError);
 }
@@ -83,15 +83,13 @@ TEST(CudaCall, SelectsTheDeviceOrReportsWhatTheRuntimeRefuses)
     EXPECT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{"cudaGetDevice"});
     for (const int iDevice : {-1, 9999})
     {
-        EXPECT_TRUE(
-            ThrowsChain([&] { CudaCall::SetDeviceID(iDevice); },
-                        {Cuda("Error setting CUDA device ID", cudaErrorInvalidDevice, "SetDeviceID", c_pcHeader)}));
+        EXPECT_TRUE(ThrowsChain([&] { CudaCall::SetDeviceID(iDevice); },
+            {Cuda("Error setting CUDA device ID", cudaErrorInvalidDevice, "SetDeviceID", c_pcHeader)}));
     }
     EXPECT_EQ(CudaCall::GetDeviceID(), 0);
     CCudaRecorder::FailCall("cudaGetDevice", 1, cudaErrorInitializationError);
-    EXPECT_TRUE(
-        ThrowsChain([] { CudaCall::GetDeviceID(); },
-                    {Cuda("Error getting CUDA device ID", cudaErrorInitializationError, "GetDeviceID", c_pcHeader)}));
+    EXPECT_TRUE(ThrowsChain([] { CudaCall::GetDeviceID(); },
+        {Cuda("Error getting CUDA device ID", cudaErrorInitializationError, "GetDeviceID", c_pcHeader)}));
 }
 
 TEST(CudaException, RecordsTheLineThatChecksOrThrows)

@@ -142,10 +142,10 @@ protected:
 
     template <typename TDevice>
     static constexpr bool c_bStays = !std::is_copy_constructible_v<TDevice> && !std::is_move_constructible_v<TDevice> &&
-                                     !std::is_copy_assignable_v<TDevice> && !std::is_move_assignable_v<TDevice>;
+        !std::is_copy_assignable_v<TDevice> && !std::is_move_assignable_v<TDevice>;
     static_assert(c_bStays<CQxCudaDeviceArray<T>> && c_bStays<DeviceVector> && c_bStays<DeviceMatrix>);
     static_assert(std::has_virtual_destructor_v<DeviceVector> && std::has_virtual_destructor_v<DeviceMatrix> &&
-                  !std::is_polymorphic_v<CQxCudaDeviceArray<T>>);
+        !std::is_polymorphic_v<CQxCudaDeviceArray<T>>);
     static_assert(sizeof(CQxCudaDeviceArray<T>) == 16 && sizeof(DeviceVector) == 32 && sizeof(DeviceMatrix) == 40);
 
     /// A vector of 3 elements and a matrix of 2 x 3.
@@ -224,7 +224,7 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
         EXPECT_EQ(GetState(xMatrix), xStep.vMatrix);
         CQxVector<TypeParam> xGot(1);
         EXPECT_EQ(xStep.vVector[1] == 0,
-                  bool(ThrowsChain([&] { xVector.Get(xGot); }, {TestFixture::c_xGetVector, TestFixture::c_xNoBlock})));
+            bool(ThrowsChain([&] { xVector.Get(xGot); }, {TestFixture::c_xGetVector, TestFixture::c_xNoBlock})));
         EXPECT_EQ(xGot.GetSize(), xStep.vVector[0]);
     }
 
@@ -234,7 +234,7 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
     const auto Copy = [](const TypeParam* pTarget, const TypeParam* pSource, cudaMemcpyKind eKind)
     {
         return std::vector<std::uint64_t>{reinterpret_cast<std::uintptr_t>(pTarget),
-                                          reinterpret_cast<std::uintptr_t>(pSource), 6 * sizeof(TypeParam), eKind};
+            reinterpret_cast<std::uintptr_t>(pSource), 6 * sizeof(TypeParam), eKind};
     };
     const TypeParam* const pDevice = xMatrix.GetDataPtr();
     EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments, Copy(pDevice, xHost.GetDataPtr(), cudaMemcpyHostToDevice));
@@ -243,8 +243,8 @@ TYPED_TEST(DeviceContainer, KeepsItsBlockUntilTheElementCountChanges)
     {
         CQxMatrix<TypeParam> xResult = MakeMatrix<TypeParam>(nRows, nCols);
         xMatrix.Get(xResult);
-        EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
-                  Copy(xResult.GetDataPtr(), pDevice, cudaMemcpyDeviceToHost));
+        EXPECT_EQ(
+            CCudaRecorder::Last("cudaMemcpy").vArguments, Copy(xResult.GetDataPtr(), pDevice, cudaMemcpyDeviceToHost));
         EXPECT_EQ(xResult.GetColCount(), 3U);
         EXPECT_EQ(List(xResult), List(xHost)) << "another shape of as many elements keeps them";
     }
@@ -267,33 +267,33 @@ TYPED_TEST(DeviceContainer, EveryFailingCallLeavesTheObjectAsPromised)
     const auto Delete = [](auto& xDevice) { xDevice.Delete(); };
 
     ExpectOutcomes(F::_DeviceVector, [&](auto& xDevice) { xDevice.Set(xVector); }, xVector,
-                   {NotFreed({xSetVector, F::c_xToDevice, F::c_xNew, F::c_xDelete}, {F::c_nFailed, 1, 0}),
-                    NotAllocated({xSetVector, F::c_xToDevice, F::c_xNew}, {F::c_nFailed, 0, 0}),
-                    NotCopied({xSetVector, F::c_xToDevice}, "", "ToDevice", {F::c_nFailed, 1, 0})});
+        {NotFreed({xSetVector, F::c_xToDevice, F::c_xNew, F::c_xDelete}, {F::c_nFailed, 1, 0}),
+            NotAllocated({xSetVector, F::c_xToDevice, F::c_xNew}, {F::c_nFailed, 0, 0}),
+            NotCopied({xSetVector, F::c_xToDevice}, "", "ToDevice", {F::c_nFailed, 1, 0})});
     ExpectOutcomes(F::_DeviceVector, [](auto& xDevice) { xDevice.Resize(5); }, xVector,
-                   {NotFreed({F::c_xResizeVector, F::c_xNew, F::c_xDelete}, {F::c_nFailed, 1, 0}),
-                    NotAllocated({F::c_xResizeVector, F::c_xNew}, {F::c_nFailed, 0, 0})});
+        {NotFreed({F::c_xResizeVector, F::c_xNew, F::c_xDelete}, {F::c_nFailed, 1, 0}),
+            NotAllocated({F::c_xResizeVector, F::c_xNew}, {F::c_nFailed, 0, 0})});
     ExpectOutcomes(F::_DeviceVector, Get(CQxVector<TypeParam>()), xVector,
-                   {NotCopied({F::c_xGetVector}, "Error copying to host", "ToHost", {3, 1, 1})});
+        {NotCopied({F::c_xGetVector}, "Error copying to host", "ToHost", {3, 1, 1})});
     ExpectOutcomes(F::_DeviceVector, Delete, xVector, {NotFreed({F::c_xDelete}, {3, 1, 1})});
 
     ExpectOutcomes(F::_DeviceMatrix, [&](auto& xDevice) { xDevice.Set(xMatrix); }, xMatrix,
-                   {NotFreed({xSetMatrix, F::c_xToDevice, F::c_xNew, F::c_xDelete}, {5, 4, 1, 0}),
-                    NotAllocated({xSetMatrix, F::c_xToDevice, F::c_xNew}, {5, 4, 0, 0}),
-                    NotCopied({xSetMatrix, F::c_xToDevice}, "", "ToDevice", {5, 4, 1, 1})});
+        {NotFreed({xSetMatrix, F::c_xToDevice, F::c_xNew, F::c_xDelete}, {5, 4, 1, 0}),
+            NotAllocated({xSetMatrix, F::c_xToDevice, F::c_xNew}, {5, 4, 0, 0}),
+            NotCopied({xSetMatrix, F::c_xToDevice}, "", "ToDevice", {5, 4, 1, 1})});
     ExpectOutcomes(F::_DeviceMatrix, [](auto& xDevice) { xDevice.Resize(5, 4); }, xMatrix,
-                   {NotFreed({F::c_xResizeMatrix, F::c_xNew, F::c_xDelete}, {2, 3, 1, 1}),
-                    NotAllocated({F::c_xResizeMatrix, F::c_xNew}, {2, 3, 0, 0})});
+        {NotFreed({F::c_xResizeMatrix, F::c_xNew, F::c_xDelete}, {2, 3, 1, 1}),
+            NotAllocated({F::c_xResizeMatrix, F::c_xNew}, {2, 3, 0, 0})});
     ExpectOutcomes(F::_DeviceMatrix, Get(CQxMatrix<TypeParam>()), xMatrix,
-                   {NotCopied({F::c_xGetMatrix}, "Error copying to host", "ToHost", {2, 3, 1, 1})});
+        {NotCopied({F::c_xGetMatrix}, "Error copying to host", "ToHost", {2, 3, 1, 1})});
     ExpectOutcomes(F::_DeviceMatrix, Delete, xMatrix, {NotFreed({xDeleteMatrix, F::c_xDelete}, {2, 3, 1, 1})});
 }
 
 TYPED_TEST(DeviceContainer, SaysOutOfMemoryAndRefusesCountsBeyondSixtyFourBits)
 {
     using F = TestFixture;
-    const SLink xFull{"Qx.OutOfMemoryException", "Error allocating CUDA memory. Out of memory", "QxCudaMalloc",
-                      c_pcMmu};
+    const SLink xFull{
+        "Qx.OutOfMemoryException", "Error allocating CUDA memory. Out of memory", "QxCudaMalloc", c_pcMmu};
     const auto pVector = F::_DeviceVector();
     const auto pMatrix = F::_DeviceMatrix();
     for (const std::uint64_t nHuge : {std::uint64_t{1} << 50, std::uint64_t{1} << 62})
@@ -387,8 +387,8 @@ TYPED_TEST(DeviceContainer, DownloadResizesTheHostObjectByItsOwnRules)
 
     CHostMatrix<TypeParam> xBounded;
     EXPECT_TRUE(ThrowsChain([&] { F::_DeviceMatrix()->Get(xBounded); },
-                            {F::c_xGetMatrix, Plain("Error resizing matrix", "SetDimensions", "Qx.Core.Math/QxMatrix"),
-                             Plain("too many", "Admit", "Client")}));
+        {F::c_xGetMatrix, Plain("Error resizing matrix", "SetDimensions", "Qx.Core.Math/QxMatrix"),
+            Plain("too many", "Admit", "Client")}));
     EXPECT_EQ(xBounded.GetRowCount() + xBounded.GetColCount(), 0U);
 
     // Without a block: the host object has the device object's size by then.

@@ -167,10 +167,9 @@ TEST_F(DeviceImage1D, WrapsTheAllocationOnlyAndOnceMoreInAnUpload)
     xImage.Create(c_xFormat);
     CCudaRecorder::FailCall("cudaMemset", 1, cudaErrorInvalidValue);
     EXPECT_TRUE(ThrowsChain([&] { xImage.SetZero(); },
-                            {Cuda("Error zeroing CUDA device memory", cudaErrorInvalidValue, "SetZero", c_pcFile)}));
+        {Cuda("Error zeroing CUDA device memory", cudaErrorInvalidValue, "SetZero", c_pcFile)}));
     CCudaRecorder::FailCall("cudaMemsetAsync", 1, cudaErrorInvalidValue);
-    EXPECT_TRUE(ThrowsChain(
-        [&] { xImage.SetZeroAsync(nullptr); },
+    EXPECT_TRUE(ThrowsChain([&] { xImage.SetZeroAsync(nullptr); },
         {Cuda("Error zeroing CUDA device memory asynchronously", cudaErrorInvalidValue, "SetZeroAsync", c_pcFile)}));
     EXPECT_EQ(xImage.GetFormat(), c_xFormat);
 }

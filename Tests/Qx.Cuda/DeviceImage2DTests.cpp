@@ -32,13 +32,13 @@ auto Snapshot(const CQxDeviceImage2D& xImage)
     const SDeviceImageDesc2D xDesc = xImage.GetDesc();
     const CQxImageFormat& xFormat = xDesc.xFormat;
     return std::tuple(xImage.IsValid(), xDesc.pData, xDesc.nPitch, xFormat.iWidth, xFormat.iHeight, xFormat.eDataType,
-                      xFormat.ePixelType);
+        xFormat.ePixelType);
 }
 
 bool IsEmpty(const CQxDeviceImage2D& xImage)
 {
     return !xImage.IsValid() && xImage.GetDevicePointer() == nullptr && xImage.GetFormat() == CQxImageFormat{} &&
-           xImage.GetDesc().pData == nullptr && xImage.GetDesc().xFormat == CQxImageFormat{};
+        xImage.GetDesc().pData == nullptr && xImage.GetDesc().xFormat == CQxImageFormat{};
 }
 
 class DeviceImage2D : public ::testing::Test
@@ -292,8 +292,8 @@ TEST_F(DeviceImage2D, HandsTheDescriptionToTheRuntimeForTheGivenSymbolAndStream)
     const CQxDeviceImage2D xEmpty;
     CCudaRecorder::FailCall("cudaMemcpyToSymbolAsync", 1, cudaErrorInvalidSymbol);
     EXPECT_TRUE(ThrowsChain([&] { xEmpty.CopyDescriptionToCudaConstAsync(s_xSymbol, pStream); },
-                            {Cuda("Error copying device image description 2D to constant memory",
-                                  cudaErrorInvalidSymbol, "CopyDescriptionToCudaConstAsync", c_pcFile)}));
+        {Cuda("Error copying device image description 2D to constant memory", cudaErrorInvalidSymbol,
+            "CopyDescriptionToCudaConstAsync", c_pcFile)}));
     const SCudaCall xCall = CCudaRecorder::Last("cudaMemcpyToSymbolAsync");
     EXPECT_EQ(xCall.vArguments[0], reinterpret_cast<std::uintptr_t>(&s_xSymbol));
     EXPECT_EQ(xCall.vArguments[2], 32U);
@@ -333,7 +333,7 @@ TEST_F(DeviceImage2D, DescribesTheChannelsOfAFormatAndAcceptsAllButThree)
         CCudaRecorder::Reset();
         const auto xDesc = CQxDeviceImage2D::_CreateCudaChannelFormatDescFromFormat(xFormat);
         EXPECT_EQ(std::tuple(xDesc.x, xDesc.y, xDesc.z, xDesc.w, xDesc.f),
-                  std::tuple(xExpected.x, xExpected.y, xExpected.z, xExpected.w, xExpected.f));
+            std::tuple(xExpected.x, xExpected.y, xExpected.z, xExpected.w, xExpected.f));
         EXPECT_TRUE(CCudaRecorder::Calls().empty());
         if (xFormat.GetComponentCount() != 3)
         {

@@ -47,7 +47,7 @@ CQxMapping3D MakeMapping(const Counts& vCounts, float fFirst = 1.0F, const char*
 {
     CQxMapping3D xMapping;
     xMapping.Create(0, 0, 0, static_cast<float>(vCounts[0]), static_cast<float>(vCounts[1]),
-                    static_cast<float>(vCounts[2]), vCounts[0], vCounts[1], vCounts[2], nullptr);
+        static_cast<float>(vCounts[2]), vCounts[0], vCounts[1], vCounts[2], nullptr);
     std::iota(xMapping.GetDataPtr(), xMapping.GetDataPtr() + xMapping.GetByteCount() / sizeof(float), fFirst);
     xMapping.SetName(pcName);
     return xMapping;
@@ -101,8 +101,8 @@ bool Holds(const CQxDeviceMapping3D& xDevice, const CQxMapping3D& xMapping)
     CQxMapping3D xResult;
     xDevice.Download(xResult);
     return xResult.GetMinimum() == xMapping.GetMinimum() && xResult.GetMaximum() == xMapping.GetMaximum() &&
-           xResult.GetCellCounts() == xMapping.GetCellCounts() && Values(xResult) == Values(xMapping) &&
-           xResult.GetName() == xMapping.GetName();
+        xResult.GetCellCounts() == xMapping.GetCellCounts() && Values(xResult) == Values(xMapping) &&
+        xResult.GetName() == xMapping.GetName();
 }
 
 // An empty mapping says so everywhere, and zeroes nothing.
@@ -116,8 +116,8 @@ void ExpectEmpty(CQxDeviceMapping3D& xDevice)
     xDevice.SetZero();
     EXPECT_EQ(CCudaRecorder::Last("cudaMemset").vArguments, (std::vector<std::uint64_t>{0, 0, 0}));
     CQxMapping3D xHost = MakeMapping({1, 2, 1});
-    EXPECT_TRUE(ThrowsChain([&] { xDevice.Download(xHost); },
-                            {c_xDownload, Plain("Mapping is invalid", "Download", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain(
+        [&] { xDevice.Download(xHost); }, {c_xDownload, Plain("Mapping is invalid", "Download", c_pcFile)}));
     EXPECT_EQ(Values(xHost), (std::vector<float>{1, 2}));
 }
 
@@ -131,7 +131,7 @@ protected:
     static std::vector<int> Calls()
     {
         const std::vector<int> vCalls{CPoolRecorder::sm_iRelease, CPoolRecorder::sm_iGetLinear,
-                                      static_cast<int>(CCudaRecorder::Count("cudaMemcpy"))};
+            static_cast<int>(CCudaRecorder::Count("cudaMemcpy"))};
         CPoolRecorder::Reset();
         CCudaRecorder::Reset();
         return vCalls;
@@ -150,8 +150,11 @@ TEST_F(DeviceMapping3D, KeepsItsBlockExactlyWhenTheByteCountStays)
         EXPECT_EQ(Calls(), (std::vector<int>{0, 0, 0}));
         const void* pBlock = nullptr;
         const std::pair<Counts, std::vector<int>> axCases[] = {
-            {{2, 3, 4}, {0, 1, 1}},  {{3, 2, 4}, {0, 0, 1}}, {{5, 5, 1}, {1, 1, 1}},
-            {{1, 1, 25}, {0, 0, 1}}, {{1, 1, 1}, {1, 1, 1}},
+            {{2, 3, 4}, {0, 1, 1}},
+            {{3, 2, 4}, {0, 0, 1}},
+            {{5, 5, 1}, {1, 1, 1}},
+            {{1, 1, 25}, {0, 0, 1}},
+            {{1, 1, 1}, {1, 1, 1}},
         };
         for (const auto& [vCounts, vCalls] : axCases)
         {
@@ -162,7 +165,7 @@ TEST_F(DeviceMapping3D, KeepsItsBlockExactlyWhenTheByteCountStays)
             const auto nPointer = reinterpret_cast<std::uintptr_t>(xDevice.GetDevicePointer());
             const auto nHost = reinterpret_cast<std::uintptr_t>(xHost.GetDataPtr());
             EXPECT_EQ(CCudaRecorder::Last("cudaMemcpy").vArguments,
-                      (std::vector<std::uint64_t>{nPointer, nHost, nBytes, cudaMemcpyHostToDevice}));
+                (std::vector<std::uint64_t>{nPointer, nHost, nBytes, cudaMemcpyHostToDevice}));
             EXPECT_TRUE(vCalls[1] == 0 ? xDevice.GetDevicePointer() == pBlock : CPoolRecorder::sm_nWidth == nBytes);
             EXPECT_EQ(Calls(), vCalls);
             pBlock = xDevice.GetDevicePointer();
@@ -214,8 +217,7 @@ TEST_F(DeviceMapping3D, RefusesWhatIsNoGridOfItsBytesAndStaysAsItWas)
     EXPECT_EQ(CPoolRecorder::sm_nWidth, 100U);
     EXPECT_EQ(xPadded.m_iAsked, 1);
     xPadded.m_uBytes = 104;
-    EXPECT_TRUE(ThrowsChain(
-        [&] { xDevice.Download(xPadded); },
+    EXPECT_TRUE(ThrowsChain([&] { xDevice.Download(xPadded); },
         {c_xDownload, Plain("Host mapping of 104 bytes is larger than the device mapping", "Download", c_pcFile)}));
 }
 
@@ -277,8 +279,8 @@ TEST_F(DeviceMapping3D, ReportsEveryFailedCallAndReadsNoValuesThatWereNotCopied)
         {
             // A device query that fails too leaves the device out.
             const auto IsFailureOn = [&](int iDevice) {
-                return IsChain(xException,
-                               {xOuter, Cuda(pcInner, cudaErrorUnknown, xOuter.sFunction.c_str(), c_pcFile, iDevice)});
+                return IsChain(
+                    xException, {xOuter, Cuda(pcInner, cudaErrorUnknown, xOuter.sFunction.c_str(), c_pcFile, iDevice)});
             };
             EXPECT_TRUE(IsFailureOn(0) || IsFailureOn(-1)) << xException.ToString().ToCString();
             EXPECT_TRUE(pDevice->IsValid());
@@ -296,7 +298,7 @@ TEST_F(DeviceMapping3D, ReportsEveryFailedCallAndReadsNoValuesThatWereNotCopied)
     Sweep(c_xCreate, "Error copying memory from host to device", false, [&](auto& p) { p->Create(xHost); });
     Sweep(c_xDownload, "Error copying memory from device to host", true, [&](auto& p) { p->Download(xResult); });
     Sweep(Plain("Error setting mapping values to zero", "SetZero", c_pcFile), "Error zeroing CUDA device memory", true,
-          [](auto& p) { p->SetZero(); });
+        [](auto& p) { p->SetZero(); });
 }
 
 // CUDA returns from an upload and from a memset before the values have arrived; the host must not read them earlier.
@@ -313,7 +315,7 @@ TEST_F(DeviceMapping3D, MapWaitsForTheValuesOnceAfterTheyChange)
         float fX = 0.5F;
         float fZ = 0.5F;
         EXPECT_TRUE(ThrowsChain([&] { xDevice.Map(fX, fX, fZ); },
-                                {Cuda("Error waiting for the mapping values", cudaErrorUnknown, "Map", c_pcFile)}));
+            {Cuda("Error waiting for the mapping values", cudaErrorUnknown, "Map", c_pcFile)}));
         EXPECT_EQ(fZ, 0.5F);
         EXPECT_EQ(Map(), 0.25F + fValue);
         EXPECT_EQ(Map(), 0.25F + fValue);
@@ -358,11 +360,11 @@ TEST_F(DeviceMapping3D, CreateWithoutHostMemoryChangesNothing)
     CQxDeviceMapping3D xDevice;
     CCudaRecorder::Pause();
     const int iFailures = FailEachAllocation([&] { xDevice.Create(xHost); }, [&] { xDevice.Create(xOther); },
-                                             [&]
-                                             {
-                                                 EXPECT_TRUE(Holds(xDevice, xHost));
-                                                 EXPECT_EQ(MappedHeight(xDevice, {0.5F, 0.5F, 0.5F}), 1.5F);
-                                             });
+        [&]
+        {
+            EXPECT_TRUE(Holds(xDevice, xHost));
+            EXPECT_EQ(MappedHeight(xDevice, {0.5F, 0.5F, 0.5F}), 1.5F);
+        });
     EXPECT_EQ(iFailures, 2) << "the name, in both modes";
 }
 
@@ -399,9 +401,9 @@ TEST_F(DeviceMapping3D, MapsPointsInsideTheOpenBoxByAQuotientOfFloats)
 rc::Gen<float> AnyFloat()
 {
     return rc::gen::oneOf(rc::gen::element(0.0F, -0.0F, 1.0F, -1.0F, c_fNaN, c_fInfinity, -c_fInfinity, c_fDenormal,
-                                           -c_fDenormal, std::numeric_limits<float>::max(), 1e-9F, 1e9F),
-                          rc::gen::map(rc::gen::resize(rc::kNominalSize, rc::gen::arbitrary<std::uint32_t>()),
-                                       [](std::uint32_t uBits) { return std::bit_cast<float>(uBits); }));
+                              -c_fDenormal, std::numeric_limits<float>::max(), 1e-9F, 1e9F),
+        rc::gen::map(rc::gen::resize(rc::kNominalSize, rc::gen::arbitrary<std::uint32_t>()),
+            [](std::uint32_t uBits) { return std::bit_cast<float>(uBits); }));
 }
 
 Triple AnyTriple(const rc::Gen<float>& xFloat)
@@ -449,7 +451,7 @@ void _MapAnyPoints()
         for (std::size_t nAxis = 0; nAxis < 3; ++nAxis)
         {
             bInside = bInside && vPoint[nAxis] > xHost.m_vStrangeMinimum[nAxis] &&
-                      vPoint[nAxis] < xHost.m_vStrangeMaximum[nAxis];
+                vPoint[nAxis] < xHost.m_vStrangeMaximum[nAxis];
             const float fDistance = vPoint[nAxis] - xHost.m_vStrangeMinimum[nAxis];
             const double dQuotient = std::trunc(static_cast<double>(fDistance / vSteps[nAxis]));
             bInCell = bInCell && dQuotient >= 0.0 && dQuotient < vCounts[nAxis];
@@ -486,13 +488,13 @@ struct SModel
 void _RunAnySequence()
 {
     const CQxMapping3D axHosts[] = {MakeMapping({2, 3, 4}, 1.0F), MakeMapping({3, 2, 4}, 30.0F),
-                                    MakeMapping({1, 1, 1}, 60.0F), MakeMapping({4, 2, 1}, 70.0F)};
+        MakeMapping({1, 1, 1}, 60.0F), MakeMapping({4, 2, 1}, 70.0F)};
     CQxDeviceMapping3D axDevices[2];
     SModel axModels[2];
     // Operation, failure, object, other object, host mapping.
     const auto vSteps = *rc::gen::container<std::vector<std::tuple<int, int, int, int, int>>>(
         rc::gen::tuple(rc::gen::inRange(0, 5), rc::gen::inRange<int>(FaultNone, FaultCount), rc::gen::inRange(0, 2),
-                       rc::gen::inRange(0, 2), rc::gen::inRange(0, 4)));
+            rc::gen::inRange(0, 2), rc::gen::inRange(0, 4)));
     for (const auto& [iOperation, iFault, iObject, iOther, iHost] : vSteps)
     {
         CQxDeviceMapping3D& xDevice = axDevices[iObject];

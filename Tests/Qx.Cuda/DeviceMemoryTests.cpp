@@ -86,7 +86,7 @@ TEST(DeviceMMU, TurnsEachFailureIntoTheExceptionOfItsKind)
     constexpr auto c_eValue = cudaErrorInvalidValue;
     const SLink xChannel =
         Plain("Error allocating CUDA array memory. Invalid channel descriptor (x: 8, y: 8, z: 8, w: 0, f: Unsigned)",
-              "QxCudaMallocArray", c_pcMmuFile);
+            "QxCudaMallocArray", c_pcMmuFile);
     const SLink xNotFreed = Failed("Error freeing CUDA array memory", c_eChannel, "QxCudaFreeArray");
     const struct
     {

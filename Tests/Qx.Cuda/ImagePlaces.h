@@ -26,7 +26,7 @@ inline CQxImage MakeImage(const CQxImageFormat& xFormat, unsigned uSeed = 1)
 inline bool HaveSamePixels(const CQxImage& xLeft, const CQxImage& xRight)
 {
     return xLeft.GetFormat() == xRight.GetFormat() &&
-           (xLeft.GetBufferSize() == 0 ||
+        (xLeft.GetBufferSize() == 0 ||
             std::memcmp(xLeft.GetDataPtr(), xRight.GetDataPtr(), xLeft.GetBufferSize()) == 0);
 }
 
@@ -37,7 +37,7 @@ public:
     bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) override
     {
         _Note("Create " + std::to_string(iWidth) + " " + std::to_string(iHeight) + " " + std::to_string(ePixelType) +
-              " " + std::to_string(eDataType));
+            " " + std::to_string(eDataType));
         m_xImage.Create(iWidth, iHeight, ePixelType, eDataType);
         return false; // which nobody is to look at
     }

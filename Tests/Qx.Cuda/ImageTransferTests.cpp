@@ -83,20 +83,20 @@ const std::vector<STransfer>& Transfers()
     static const std::vector<STransfer> s_vTransfers{
         {"host to 2D", Host, Image2D, c_xUp, [](SPlaces& x) { x.x2D.Create(x.xHost); }},
         {"host buffer to 2D", Host, Image2D, c_xUp,
-         [](SPlaces& x) { x.x2D.Create(x.xHost.GetFormat(), x.xHost.GetDataPtr(), false); }},
+            [](SPlaces& x) { x.x2D.Create(x.xHost.GetFormat(), x.xHost.GetDataPtr(), false); }},
         {"device buffer to 2D", Image1D, Image2D, c_xUpFromDevice,
-         [](SPlaces& x) { x.x2D.Create(x.x1D.GetFormat(), x.x1D.GetDevicePointer(), true); }},
+            [](SPlaces& x) { x.x2D.Create(x.x1D.GetFormat(), x.x1D.GetDevicePointer(), true); }},
         {"client to 2D", Client, Image2D, c_xUp, [](SPlaces& x) { x.x2D.Create(&x.xClient); }},
         {"client to 2D, queued", Client, Image2D, c_xUpQueued,
-         [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); }},
+            [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); }},
         {"page-locked to 2D, queued", PageLocked, Image2D, c_xUpQueued,
-         [](SPlaces& x) { x.x2D.CreateAsync(&x.xPageLocked, nullptr); }},
+            [](SPlaces& x) { x.x2D.CreateAsync(&x.xPageLocked, nullptr); }},
         {"2D to host", Image2D, Host, c_xDown, [](SPlaces& x) { x.x2D.CopyTo(x.xHost); }},
         {"2D to client", Image2D, Client, c_xDown, [](SPlaces& x) { x.x2D.CopyTo(&x.xClient); }},
         {"2D to client, queued", Image2D, Client, c_xDownQueued,
-         [](SPlaces& x) { x.x2D.CopyToAsync(&x.xClient, nullptr); }},
+            [](SPlaces& x) { x.x2D.CopyToAsync(&x.xClient, nullptr); }},
         {"2D to page-locked, queued", Image2D, PageLocked, c_xDownQueued,
-         [](SPlaces& x) { x.x2D.CopyToAsync(&x.xPageLocked, nullptr); }},
+            [](SPlaces& x) { x.x2D.CopyToAsync(&x.xPageLocked, nullptr); }},
         {"2D from 2D", Other2D, Image2D, c_xFrom2D, [](SPlaces& x) { x.x2D.Create(x.xOther2D); }},
         {"2D to 2D", Image2D, Other2D, c_xInto2D, [](SPlaces& x) { x.x2D.CopyTo(x.xOther2D); }},
         {"1D to 2D", Image1D, Image2D, c_xUpFromDevice, [](SPlaces& x) { x.x2D.Create(x.x1D); }},
@@ -153,13 +153,9 @@ TEST_F(ImageTransfer, IsOneCopyThatBringsEveryPixelAndReusesTheMemoryOfTheTarget
         xTransfer.Run(xPlaces);
         ASSERT_EQ(CCudaRecorder::CallNames(), std::vector<std::string>{xTransfer.xWay.pcCall});
         const std::uint64_t nRow = 37 * 4;
-        std::vector<std::uint64_t> vArguments{Address(xPlaces.Rows(xTransfer.eTo).first),
-                                              nTargetPitch,
-                                              Address(xPlaces.Rows(xTransfer.eFrom).first),
-                                              nSourcePitch,
-                                              nRow,
-                                              11,
-                                              static_cast<std::uint64_t>(xTransfer.xWay.eKind)};
+        std::vector<std::uint64_t> vArguments{Address(xPlaces.Rows(xTransfer.eTo).first), nTargetPitch,
+            Address(xPlaces.Rows(xTransfer.eFrom).first), nSourcePitch, nRow, 11,
+            static_cast<std::uint64_t>(xTransfer.xWay.eKind)};
         if (xTransfer.IsCall("cudaMemcpy"))
         {
             vArguments = {vArguments[0], vArguments[2], nRow * 11, vArguments[6]};
@@ -190,8 +186,8 @@ TEST_F(ImageTransfer, KeepsMemoryAndFormatOfTheTargetOfAFailedCopySoThatItCanBeR
         xPlaces.Fill(xTransfer.eTo, MakeImage(c_xOtherFormat));
         xPlaces.Fill(xTransfer.eFrom, xImage);
         CCudaRecorder::FailCall(xTransfer.xWay.pcCall, 1, cudaErrorInvalidValue);
-        EXPECT_TRUE(Throws([&] { xTransfer.Run(xPlaces); }, xTransfer.xWay.vWrappers,
-                           xTransfer.Failure(cudaErrorInvalidValue)));
+        EXPECT_TRUE(Throws(
+            [&] { xTransfer.Run(xPlaces); }, xTransfer.xWay.vWrappers, xTransfer.Failure(cudaErrorInvalidValue)));
         EXPECT_EQ(xPlaces.Format(xTransfer.eTo), c_xFormat);
         CPoolRecorder::Reset();
         xTransfer.Run(xPlaces);
@@ -302,39 +298,32 @@ TEST_F(ImageTransfer, RefusesEmptyImagesNullPointersAndFormatsThatTheTargetCanno
     } c_vCases[] = {
         {"empty 2D to host", {c_xToHost, xInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(x.xHost); }},
         {"empty 2D to null", {c_xToHost, xInvalid}, [&](SPlaces& x) { x.xOther2D.CopyTo(pNull); }},
-        {"empty 2D to null, queued",
-         {c_xToHostAsync, xInvalidAsync},
-         [&](SPlaces& x) { x.xOther2D.CopyToAsync(pNull, nullptr); }},
+        {"empty 2D to null, queued", {c_xToHostAsync, xInvalidAsync},
+            [&](SPlaces& x) { x.xOther2D.CopyToAsync(pNull, nullptr); }},
         {"empty 2D to client", {c_xToHost, xInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(&x.xClient); }},
         {"empty 2D to 2D", {c_xTo2D, c_xCreate2D, xGivenInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(x.x2D); }},
-        {"empty 2D to itself",
-         {c_xCreate2D, xGivenInvalid},
-         [](SPlaces& x) { x.xOther2D.Create(std::as_const(x.xOther2D)); }},
+        {"empty 2D to itself", {c_xCreate2D, xGivenInvalid},
+            [](SPlaces& x) { x.xOther2D.Create(std::as_const(x.xOther2D)); }},
         {"empty 2D to 1D", {c_xTo1D, xInvalid}, [](SPlaces& x) { x.xOther2D.CopyTo(x.x1D); }},
         {"empty 1D to 2D", vNoSize, [](SPlaces& x) { x.x2D.Create(x.xOther1D); }},
         {"empty 1D to 1D", vDimension, [](SPlaces& x) { x.x1D.Create(x.xOther1D); }},
         {"empty 1D to itself", vDimension, [](SPlaces& x) { x.xOther1D.Create(x.xOther1D); }},
-        {"empty 1D to host",
-         {Plain("Image is invalid", "CopyTo", c_pcFile1D)},
-         [](SPlaces& x) { x.xOther1D.CopyTo(x.xHost); }},
+        {"empty 1D to host", {Plain("Image is invalid", "CopyTo", c_pcFile1D)},
+            [](SPlaces& x) { x.xOther1D.CopyTo(x.xHost); }},
         {"null to 2D", {c_xCreate2D, NullSource("Create")}, [&](SPlaces& x) { x.x2D.Create(pConstNull); }},
-        {"null to 2D, queued",
-         {c_xCreateAsync, NullSource("CreateAsync")},
-         [&](SPlaces& x) { x.x2D.CreateAsync(pConstNull, nullptr); }},
+        {"null to 2D, queued", {c_xCreateAsync, NullSource("CreateAsync")},
+            [&](SPlaces& x) { x.x2D.CreateAsync(pConstNull, nullptr); }},
         {"null to 1D", {c_xCreate1D, NullSource("Create", c_pcFile1D)}, [&](SPlaces& x) { x.x1D.Create(pConstNull); }},
         {"2D to null", {c_xToHost, NullTarget("CopyTo")}, [&](SPlaces& x) { x.x2D.CopyTo(pNull); }},
-        {"2D to null, queued",
-         {c_xToHostAsync, NullTarget("CopyToAsync")},
-         [&](SPlaces& x) { x.x2D.CopyToAsync(pNull, nullptr); }},
+        {"2D to null, queued", {c_xToHostAsync, NullTarget("CopyToAsync")},
+            [&](SPlaces& x) { x.x2D.CopyToAsync(pNull, nullptr); }},
         {"three channels to 2D", vChannels, [&](SPlaces& x) { x.x2D.Create(xRgb); }},
         {"three channels in a buffer", vChannels, [&](SPlaces& x) { x.x2D.Create(xRgb.GetFormat(), nullptr, false); }},
         {"three channels of a client", vChannels, [](SPlaces& x) { x.x2D.Create(&x.xClient); }, ClientRgb},
-        {"three channels, queued",
-         {c_xCreateAsync, c_xCreate2D, xChannels},
-         [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); },
-         ClientRgb},
+        {"three channels, queued", {c_xCreateAsync, c_xCreate2D, xChannels},
+            [](SPlaces& x) { x.x2D.CreateAsync(&x.xClient, nullptr); }, ClientRgb},
         {"three channels of a 1D image", vChannels, [](SPlaces& x) { x.x2D.Create(x.xOther1D); },
-         [&](SPlaces& x) { x.xOther1D.Create(xRgb); }},
+            [&](SPlaces& x) { x.xOther1D.Create(xRgb); }},
         {"no width to 2D", vNoSize, [&](SPlaces& x) { x.x2D.Create(xFlat); }},
         {"no width of a client", vNoSize, [](SPlaces& x) { x.x2D.Create(&x.xClient); }, ClientFlat},
         {"no width to 1D", vDimension, [&](SPlaces& x) { x.x1D.Create(xFlat); }},
@@ -371,10 +360,9 @@ TEST_F(ImageTransfer, RefusesEmptyImagesNullPointersAndFormatsThatTheTargetCanno
     // A format that is refused after the old memory is gone leaves the target empty.
     SPlaces xPlaces;
     xPlaces.x2D.Create(c_xFormat);
-    EXPECT_TRUE(
-        ThrowsChain([&] { xPlaces.x2D.Create(xUnknown); },
-                    {c_xCreate2D, c_xCreate2D,
-                     Plain("Unsupported data type 'Unknown'", "_CreateCudaChannelFormatDescFromFormat", c_pcFile2D)}));
+    EXPECT_TRUE(ThrowsChain([&] { xPlaces.x2D.Create(xUnknown); },
+        {c_xCreate2D, c_xCreate2D,
+            Plain("Unsupported data type 'Unknown'", "_CreateCudaChannelFormatDescFromFormat", c_pcFile2D)}));
     EXPECT_FALSE(xPlaces.x2D.IsValid());
 }
 
@@ -386,7 +374,7 @@ TEST_F(ImageTransfer, CallsAClientsImageInOrderAndWrapsWhatItThrows)
         if (!(xBefore == xFormat))
         {
             vCalls.push_back("Create " + std::to_string(xFormat.iWidth) + " " + std::to_string(xFormat.iHeight) + " " +
-                             std::to_string(xFormat.ePixelType) + " " + std::to_string(xFormat.eDataType));
+                std::to_string(xFormat.ePixelType) + " " + std::to_string(xFormat.eDataType));
         }
         vCalls.push_back("GetDataPtr");
         return vCalls;
@@ -402,18 +390,18 @@ TEST_F(ImageTransfer, CallsAClientsImageInOrderAndWrapsWhatItThrows)
         SPlaces xPlaces;
         xPlaces.Fill(xTransfer.eFrom, MakeImage(c_xFormat));
         for (const CQxImageFormat& xBefore :
-             {CQxImageFormat{}, c_xFormat, CQxImageFormat(38, 11, EDataType::UShort, EPixelType::LumA),
-              CQxImageFormat(37, 12, EDataType::UShort, EPixelType::LumA),
-              CQxImageFormat(37, 11, EDataType::Short, EPixelType::LumA),
-              CQxImageFormat(37, 11, EDataType::UShort, EPixelType::Lum)})
+            {CQxImageFormat{}, c_xFormat, CQxImageFormat(38, 11, EDataType::UShort, EPixelType::LumA),
+                CQxImageFormat(37, 12, EDataType::UShort, EPixelType::LumA),
+                CQxImageFormat(37, 11, EDataType::Short, EPixelType::LumA),
+                CQxImageFormat(37, 11, EDataType::UShort, EPixelType::Lum)})
         {
             xPlaces.Fill(xTransfer.eTo, CQxImage(bUpload ? c_xOtherFormat : xBefore));
             xPlaces.xClient.m_vCalls.clear();
             xTransfer.Run(xPlaces);
             ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
             EXPECT_EQ(xPlaces.xClient.m_vCalls,
-                      bUpload ? (std::vector<std::string>{"GetType", "GetSize", "GetDataPtr const"})
-                              : Calls(xBefore, c_xFormat));
+                bUpload ? (std::vector<std::string>{"GetType", "GetSize", "GetDataPtr const"})
+                        : Calls(xBefore, c_xFormat));
         }
         for (const char* pcCall : {"GetType", "GetSize", "Create", "GetDataPtr"})
         {
@@ -423,8 +411,8 @@ TEST_F(ImageTransfer, CallsAClientsImageInOrderAndWrapsWhatItThrows)
             }
             xPlaces.Fill(xTransfer.eTo, MakeImage(c_xOtherFormat));
             xPlaces.xClient.m_sThrowIn = pcCall;
-            EXPECT_TRUE(Throws([&] { xTransfer.Run(xPlaces); }, xTransfer.xWay.vWrappers,
-                               Plain("client failure", "Fail", "Client")));
+            EXPECT_TRUE(Throws(
+                [&] { xTransfer.Run(xPlaces); }, xTransfer.xWay.vWrappers, Plain("client failure", "Fail", "Client")));
             xPlaces.xClient.m_bThrowForeign = true;
             EXPECT_THROW(xTransfer.Run(xPlaces), int);
             xPlaces.xClient.m_bThrowForeign = false;
@@ -436,19 +424,16 @@ TEST_F(ImageTransfer, CallsAClientsImageInOrderAndWrapsWhatItThrows)
 // Whatever way pixels take through the kinds of images, and however far apart the rows are on the device.
 TEST_F(ImageTransfer, AnyPathEndsWithThePixelsThatItBeganWith)
 {
-    const std::vector<EDataType::ID> vDataTypes{
-        EDataType::Byte,       EDataType::UByte,      EDataType::Short,
-        EDataType::UShort,     EDataType::Int,        EDataType::UInt,
-        EDataType::Float,      EDataType::Double,     EDataType::Custom_10in16_LSB,
-        EDataType::Packed10,   EDataType::Packed12,   EDataType::Custom_12in16_MSB,
-        EDataType::Integral10, EDataType::Integral12, EDataType::Custom_10in16_MSB};
-    const std::vector<EPixelType::ID> vPixelTypes{EPixelType::Lum,     EPixelType::LumA,        EPixelType::RGB,
-                                                  EPixelType::BGR,     EPixelType::RGBA,        EPixelType::BGRA,
-                                                  EPixelType::BayerGR, EPixelType::TwoComponent};
+    const std::vector<EDataType::ID> vDataTypes{EDataType::Byte, EDataType::UByte, EDataType::Short, EDataType::UShort,
+        EDataType::Int, EDataType::UInt, EDataType::Float, EDataType::Double, EDataType::Custom_10in16_LSB,
+        EDataType::Packed10, EDataType::Packed12, EDataType::Custom_12in16_MSB, EDataType::Integral10,
+        EDataType::Integral12, EDataType::Custom_10in16_MSB};
+    const std::vector<EPixelType::ID> vPixelTypes{EPixelType::Lum, EPixelType::LumA, EPixelType::RGB, EPixelType::BGR,
+        EPixelType::RGBA, EPixelType::BGRA, EPixelType::BayerGR, EPixelType::TwoComponent};
     const auto Fits2D = [](const CQxImageFormat& xFormat)
     {
         const bool bPacked = xFormat.eDataType == EDataType::Packed10 || xFormat.eDataType == EDataType::Packed12 ||
-                             xFormat.eDataType == EDataType::Integral10 || xFormat.eDataType == EDataType::Integral12;
+            xFormat.eDataType == EDataType::Integral10 || xFormat.eDataType == EDataType::Integral12;
         return !bPacked && xFormat.ePixelType != EPixelType::TwoComponent && xFormat.GetComponentCount() != 3;
     };
     const auto Is2D = [](EPlace ePlace) { return ePlace == EPlace::Image2D || ePlace == EPlace::Other2D; };
@@ -458,7 +443,7 @@ TEST_F(ImageTransfer, AnyPathEndsWithThePixelsThatItBeganWith)
             CCudaRecorder::PadRows(*rc::gen::inRange<std::size_t>(0, 5000));
             GPU::CResourceManager::Trim(0);
             const CQxImageFormat xFormat(*rc::gen::inRange(1, 70), *rc::gen::inRange(1, 70),
-                                         *rc::gen::elementOf(vDataTypes), *rc::gen::elementOf(vPixelTypes));
+                *rc::gen::elementOf(vDataTypes), *rc::gen::elementOf(vPixelTypes));
             const CQxImage xImage = MakeImage(xFormat, *rc::gen::arbitrary<unsigned>());
             SPlaces xPlaces;
             auto ePlace = static_cast<EPlace>(*rc::gen::inRange(0, 7));
@@ -502,10 +487,10 @@ TEST_F(ImageTransfer, CreatesAHostImageOnlyForAnotherFormat)
         CopyTo(xResult);
         EXPECT_EQ(xResult.GetDataPtr(), pBuffer);
         for (const CQxImageFormat& xFormat :
-             {CQxImageFormat{}, CQxImageFormat(38, 11, EDataType::UShort, EPixelType::LumA),
-              CQxImageFormat(37, 12, EDataType::UShort, EPixelType::LumA),
-              CQxImageFormat(37, 11, EDataType::Short, EPixelType::LumA),
-              CQxImageFormat(37, 11, EDataType::UShort, EPixelType::Lum)})
+            {CQxImageFormat{}, CQxImageFormat(38, 11, EDataType::UShort, EPixelType::LumA),
+                CQxImageFormat(37, 12, EDataType::UShort, EPixelType::LumA),
+                CQxImageFormat(37, 11, EDataType::Short, EPixelType::LumA),
+                CQxImageFormat(37, 11, EDataType::UShort, EPixelType::Lum)})
         {
             CQxImage xOther(xFormat);
             CopyTo(xOther);

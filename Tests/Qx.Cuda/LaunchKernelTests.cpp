@@ -45,8 +45,8 @@ static_assert(c_bIsLaidOut<uint2, 8, 8> && c_bIsLaidOut<uint3, 12, 4> && c_bIsLa
 static_assert(c_bIsLaidOut<float2, 8, 8> && c_bIsLaidOut<float3, 12, 4> && c_bIsLaidOut<float4, 16, 16>);
 static_assert(c_bIsLaidOut<double2, 16, 16> && c_bIsLaidOut<dim3, 12, 4>);
 static_assert(c_bIsLaidOut<cudaLaunchConfig_t, 56, 8> && offsetof(cudaLaunchConfig_t, blockDim) == 12 &&
-              offsetof(cudaLaunchConfig_t, dynamicSmemBytes) == 24 && offsetof(cudaLaunchConfig_t, stream) == 32 &&
-              offsetof(cudaLaunchConfig_t, attrs) == 40 && offsetof(cudaLaunchConfig_t, numAttrs) == 48);
+    offsetof(cudaLaunchConfig_t, dynamicSmemBytes) == 24 && offsetof(cudaLaunchConfig_t, stream) == 32 &&
+    offsetof(cudaLaunchConfig_t, attrs) == 40 && offsetof(cudaLaunchConfig_t, numAttrs) == 48);
 static_assert(std::is_same_v<decltype(min(1, 2U)), unsigned int> && std::is_same_v<decltype(max(1.0F, 2.0)), double>);
 
 /// Zeroed device memory for one test.
@@ -149,11 +149,13 @@ TEST(LaunchKernel, CoversEveryThreadOnce)
         CQxCudaComp xComp;
         xComp.SetKernelConfiguration(uThreads, uBlock);
         EXPECT_EQ(xComp.GetGrid().y, uBlock == 1 ? 2U : 1U);
-        Check(uThreads, [&, uCount = uThreads](unsigned int* pCounts)
-              { LaunchKernel<CountThreads>(xComp, nullptr, pCounts, uCount); });
+        Check(uThreads,
+            [&, uCount = uThreads](unsigned int* pCounts)
+            { LaunchKernel<CountThreads>(xComp, nullptr, pCounts, uCount); });
     }
-    Check(720, [](unsigned int* pCounts)
-          { LaunchKernel<CountThreads>(dim3(3, 2, 4), dim3(2, 3, 5), nullptr, pCounts, 720U); });
+    Check(720,
+        [](unsigned int* pCounts)
+        { LaunchKernel<CountThreads>(dim3(3, 2, 4), dim3(2, 3, 5), nullptr, pCounts, 720U); });
 }
 
 struct SStep
@@ -246,8 +248,8 @@ TEST(LaunchKernel, ThrowsWhenTheRuntimeRefusesTheConfiguration)
         const std::string sMessage = std::string("Error launching kernel with ") + pcText;
         const SLink xExpected = Cuda(sMessage.c_str(), cudaErrorInvalidConfiguration, "LaunchKernel", c_pcLaunchFile);
         EXPECT_TRUE(ThrowsChain([&, &xG = xGrid, &xB = xBlock]
-                                { LaunchKernel<CountThreads>(xG, xB, nullptr, xCounts.Get(), 1U); },
-                                {xExpected}));
+            { LaunchKernel<CountThreads>(xG, xB, nullptr, xCounts.Get(), 1U); },
+            {xExpected}));
         EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess) << pcText;
     }
     EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
@@ -301,8 +303,8 @@ void ExpectReportAndRecovery(const char* pcKernel)
         {
             const std::string sMessage = xException.GetMessageText().ToCString();
             const std::string sReport = std::string("End: Error during Kernel execution\n\nKernel: '") + pcKernel +
-                                        "'\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
-                                        " - Grid:  [4, 1, 1] = 4\n - Block: [2, 1, 1] = 2\n\nFree Memory: ";
+                "'\nCUDA Error String: 'unspecified launch failure'\n\nKernel Configuration:\n"
+                " - Grid:  [4, 1, 1] = 4\n - Block: [2, 1, 1] = 2\n\nFree Memory: ";
             EXPECT_EQ(sMessage.substr(0, sReport.size()), sReport);
             // Resetting the last error, as the report does, is in vain: the fault is the device's.
             EXPECT_EQ(xException.GetCudaError(), cudaErrorLaunchFailure);
@@ -439,8 +441,8 @@ TEST(LaunchKernel, ALibraryThatIsLoadedLaterBringsItsKernelsAndConstantsAndTakes
         }
         // Exceptions are the same types on both sides of the boundary.
         CQxDeviceImage2D xImage;
-        EXPECT_TRUE(ThrowsChain([&] { Throw(xImage); },
-                                {Cuda("Error in the library", cudaErrorInvalidDevice, "Throw", "KernelLibrary")}));
+        EXPECT_TRUE(ThrowsChain(
+            [&] { Throw(xImage); }, {Cuda("Error in the library", cudaErrorInvalidDevice, "Throw", "KernelLibrary")}));
         EXPECT_THROW(Throw(xImage), CQxCudaException);
         KeepImage();
         EXPECT_EQ(GPU::CResourceManager::GetStatistics().nBlocksInUse, 1U);

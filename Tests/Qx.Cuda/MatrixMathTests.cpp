@@ -103,8 +103,8 @@ TYPED_TEST(MatrixMath, ComputesProductsAndSumsOfAnyShape)
 {
     using Element = typename TypeParam::Element;
     typename TypeParam::Math xMath(this->m_hHandle);
-    const std::pair<std::uint64_t, std::uint64_t> vShapes[]{{1, 1},  {1, 7},   {7, 1},     {2, 3},
-                                                            {13, 5}, {31, 97}, {127, 128}, {1000, 1000}};
+    const std::pair<std::uint64_t, std::uint64_t> vShapes[]{
+        {1, 1}, {1, 7}, {7, 1}, {2, 3}, {13, 5}, {31, 97}, {127, 128}, {1000, 1000}};
     for (const auto& [nRows, nCols] : vShapes)
     {
         SCOPED_TRACE(std::to_string(nRows) + " x " + std::to_string(nCols));
@@ -124,8 +124,7 @@ TYPED_TEST(MatrixMath, ComputesProductsAndSumsOfAnyShape)
         for (std::uint64_t nRow = 0; nRow < nRows; ++nRow)
         {
             this->_ExpectSum(xY[nRow], nCols,
-                             [&, nRow = nRow](std::uint64_t nCol)
-                             { return static_cast<long double>(xA(nRow, nCol)) * xX[nCol]; });
+                [&, nRow = nRow](std::uint64_t nCol) { return static_cast<long double>(xA(nRow, nCol)) * xX[nCol]; });
         }
 
         CQxMatrix<Element> xP(nRows, nRows);
@@ -145,15 +144,15 @@ TYPED_TEST(MatrixMath, ComputesProductsAndSumsOfAnyShape)
             else
             {
                 this->_ExpectSum(xP(nRow, nCol), nCols,
-                                 [&](std::uint64_t nInner)
-                                 { return static_cast<long double>(xA(nRow, nInner)) * xA(nCol, nInner); });
+                    [&](std::uint64_t nInner)
+                    { return static_cast<long double>(xA(nRow, nInner)) * xA(nCol, nInner); });
             }
         }
 
         const double dSum = xMath.SumAbs(*pX);
         EXPECT_EQ(dSum, static_cast<double>(static_cast<Element>(dSum))) << "summed in the element type";
         this->_ExpectSum(static_cast<Element>(dSum), nCols - 1,
-                         [&](std::uint64_t nTerm) { return std::abs(static_cast<long double>(xX[nTerm])); });
+            [&](std::uint64_t nTerm) { return std::abs(static_cast<long double>(xX[nTerm])); });
     }
 }
 
@@ -177,18 +176,18 @@ TYPED_TEST(MatrixMath, MakesOneCallWithTheseArguments)
     const bool bFloat = TestFixture::c_bFloat;
     const std::string sAsum = bFloat ? "cublasSasum_v2" : "cublasDasum_v2";
     EXPECT_EQ(CCudaRecorder::CallNames(),
-              (std::vector<std::string>{bFloat ? "cublasSgemv_v2" : "cublasDgemv_v2",
-                                        bFloat ? "cublasSsyrk_v2" : "cublasDsyrk_v2", sAsum}));
+        (std::vector<std::string>{
+            bFloat ? "cublasSgemv_v2" : "cublasDgemv_v2", bFloat ? "cublasSsyrk_v2" : "cublasDsyrk_v2", sAsum}));
     ASSERT_EQ(vCalls.size(), 3U);
     const std::uint64_t uA = Address(pA->GetDataPtr());
     const std::uint64_t uX = Address(pX->GetDataPtr());
     const std::uint64_t uY = Address(pY->GetDataPtr());
     const std::uint64_t uP = Address(pP->GetDataPtr());
     EXPECT_EQ(vCalls[0].vArguments, (Arguments{uHandle, CUBLAS_OP_T, 2, 3, 1, uA, 2, uX, 1, 0, uY, 1}));
-    EXPECT_EQ(vCalls[1].vArguments,
-              (Arguments{uHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, 3, 2, 1, uA, 2, 0, uP, 3}));
-    EXPECT_EQ((Arguments{vCalls[2].vArguments.begin(), vCalls[2].vArguments.end() - 1}),
-              (Arguments{uHandle, 1, uX, 1}));
+    EXPECT_EQ(
+        vCalls[1].vArguments, (Arguments{uHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, 3, 2, 1, uA, 2, 0, uP, 3}));
+    EXPECT_EQ(
+        (Arguments{vCalls[2].vArguments.begin(), vCalls[2].vArguments.end() - 1}), (Arguments{uHandle, 1, uX, 1}));
     EXPECT_EQ(pP->GetRowCount(), 3U);
     EXPECT_EQ(pP->GetColCount(), 3U);
 
@@ -294,7 +293,7 @@ TYPED_TEST(MatrixMath, EveryFailingCallIsReportedAndTheResultLeftAsPromised)
 
     // The calls are: free, allocate, compute.
     const auto Sweep = [](auto&& xPrepare, auto&& xOperation, auto&& xGetSize, const SLink& xOuter, const SLink& xInner,
-                          std::uint64_t nSizeBefore)
+                           std::uint64_t nSizeBefore)
     {
         const auto Check = [&](auto& pResult, int iCall, const CQxException& xException)
         {
@@ -308,9 +307,9 @@ TYPED_TEST(MatrixMath, EveryFailingCallIsReportedAndTheResultLeftAsPromised)
         EXPECT_EQ(SweepFailures(xPrepare, xOperation, Check), 3);
     };
     Sweep([&] { return this->_Upload(this->_HostVector(5)); }, [&](auto& pY) { xMath.Mult(*pA, *pX, *pY); },
-          [](const auto& xY) { return xY.GetSize(); }, F::c_xMult, xGemv, UINT64_MAX);
+        [](const auto& xY) { return xY.GetSize(); }, F::c_xMult, xGemv, UINT64_MAX);
     Sweep([&] { return this->_Upload(this->_HostMatrix(2, 2)); }, [&](auto& pP) { xMath.MultWithTranspose(*pA, *pP); },
-          [](const auto& xP) { return xP.GetRowCount(); }, F::c_xSyrk, xSyrk, 2);
+        [](const auto& xP) { return xP.GetRowCount(); }, F::c_xSyrk, xSyrk, 2);
     const auto Check = [&](int, int, const CQxException& xException) { EXPECT_TRUE(IsChain(xException, {xAsum})); };
     EXPECT_EQ(SweepFailures([] { return 0; }, [&](int) { xMath.SumAbs(*pX); }, Check), 1);
 }

@@ -42,9 +42,9 @@ protected:
 TEST_F(NoDevice, DeviceSelectionFailsWithTheRuntimesError)
 {
     EXPECT_TRUE(ThrowsChain([] { CudaCall::SetDeviceID(0); },
-                            {Failed("Error setting CUDA device ID", "SetDeviceID", "Qx.Cuda.Core/Cuda")}));
-    EXPECT_TRUE(ThrowsChain([] { CudaCall::GetDeviceID(); },
-                            {Failed("Error getting CUDA device ID", "GetDeviceID", "Qx.Cuda.Core/Cuda")}));
+        {Failed("Error setting CUDA device ID", "SetDeviceID", "Qx.Cuda.Core/Cuda")}));
+    EXPECT_TRUE(ThrowsChain(
+        [] { CudaCall::GetDeviceID(); }, {Failed("Error getting CUDA device ID", "GetDeviceID", "Qx.Cuda.Core/Cuda")}));
 }
 
 // Every operation that needs a device: how often it wraps the failure, and by what, outermost first.
@@ -129,7 +129,7 @@ TEST_F(NoDevice, EveryOperationFailsWithItsOwnChainAndLeavesNothingBehind)
     EXPECT_THROW(xComp.Begin("Kernel", nullptr), CQxCudaException);
     static_cast<void>(cudaGetLastError());
     EXPECT_FALSE(x2D.IsValid() || x1D.IsValid() || xPageLocked.GetDataPtr() != nullptr || xVector.IsValid() ||
-                 xMatrix.IsValid() || xMapping.IsValid());
+        xMatrix.IsValid() || xMapping.IsValid());
     EXPECT_EQ(x2D.GetFormat(), CQxImageFormat{});
     EXPECT_EQ(CCudaRecorder::LiveAllocations(), 0U);
     EXPECT_EQ(GPU::CResourceManager::GetStatistics(0).nBlocksInUse, 0U);

@@ -67,7 +67,7 @@ TEST_F(PageLockedImage, BorrowsWhatItsFormatTakesAndMovesItOn)
 
     // Nothing to hold takes no memory.
     for (const CQxImageFormat& xFormat : {CQxImageFormat(0, INT_MAX, EDataType::Double, EPixelType::RGBA),
-                                          CQxImageFormat(3, 3, EDataType::Void, EPixelType::RGB)})
+             CQxImageFormat(3, 3, EDataType::Void, EPixelType::RGB)})
     {
         xConstructed.Create(c_xFormat);
         xConstructed.Create(xFormat);

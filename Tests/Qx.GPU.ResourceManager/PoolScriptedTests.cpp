@@ -148,8 +148,9 @@ TEST_F(PoolScripted, LinearMemoryIsTheKindThatTheHostCanReadOnTheDevice)
         CScriptedRuntime::sm_iConcurrentManagedAccess = xCase.iConcurrent;
         CScriptedRuntime::sm_iIntegrated = xCase.iIntegrated;
         CCudaMemoryResource xLinear = _Linear(100);
-        EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaDeviceGetAttribute",
-                                                    "cudaDeviceGetAttribute", xCase.pcAllocation}));
+        EXPECT_EQ(CScriptedRuntime::Calls(),
+            (Names{"cudaGetDevice", "cudaMemGetInfo", "cudaDeviceGetAttribute", "cudaDeviceGetAttribute",
+                xCase.pcAllocation}));
         CScriptedRuntime::Reset(m_iDevice);
         CCudaMemoryPitchResource xPitched = _Pitched(100, 2);
         EXPECT_EQ(CScriptedRuntime::Calls(), (Names{"cudaGetDevice", "cudaMallocPitch"})) << "properties asked again";
@@ -192,10 +193,10 @@ TEST_F(PoolScripted, AnIdleBlockAnswersEqualRequestsOnlyAndThatWithoutACall)
         std::function<CResource&(std::size_t nWidth, std::size_t nRows)> Lend;
         std::size_t nWidth;
         std::size_t nRows;
-    } c_vRequests[] = {{Pitched, 64, 32},  {Pitched, 65, 32}, {Pitched, 63, 32},  {Pitched, 64, 31}, {Pitched, 64, 33},
-                       {Pitched, 32, 64},  {Pitched, 0, 32},  {Pitched, 64, 0},   {Pitched, 1, 32},  {Pitched, 64, 1},
-                       {Pitched, 2048, 1}, {Linear, 64, 1},   {Linear, 2048, 1},  {Linear, 2047, 1}, {Linear, 0, 1},
-                       {Linear, 1, 1},     {Linear, 32, 1},   {PageLocked, 64, 1}};
+    } c_vRequests[] = {{Pitched, 64, 32}, {Pitched, 65, 32}, {Pitched, 63, 32}, {Pitched, 64, 31}, {Pitched, 64, 33},
+        {Pitched, 32, 64}, {Pitched, 0, 32}, {Pitched, 64, 0}, {Pitched, 1, 32}, {Pitched, 64, 1}, {Pitched, 2048, 1},
+        {Linear, 64, 1}, {Linear, 2048, 1}, {Linear, 2047, 1}, {Linear, 0, 1}, {Linear, 1, 1}, {Linear, 32, 1},
+        {PageLocked, 64, 1}};
     std::vector<void*> vBlocks;
     for (const auto& [Lend, nWidth, nRows] : c_vRequests)
     {
@@ -313,7 +314,7 @@ TEST_F(PoolScripted, AnyFailingCallIsReportedChangesNothingAndMayBeRetried)
         {"linear", 5, true, c_pcAllocating, [](CResource&, CResource*& pNew) { pNew = &_Linear(9); }},
         {"pitched", 5, true, c_pcAllocating, [](CResource&, CResource*& pNew) { pNew = &_Pitched(9, 9); }},
         {"page-locked", 3, true, "Error allocating page-locked memory",
-         [](CResource&, CResource*& pNew) { pNew = &_PageLocked(9); }},
+            [](CResource&, CResource*& pNew) { pNew = &_PageLocked(9); }},
         {"hit", 1, false, c_pcDevice, [](CResource&, CResource*& pNew) { pNew = &_Pitched(80, 8); }},
         {"free", 1, false, "Error freeing GPU memory", [](CResource& xLent, CResource*&) { _Release(xLent, true); }},
         {"trim", 2, false, c_pcFreeing, [](CResource&, CResource*&) { CResourceManager::Trim(0); }},
@@ -322,8 +323,8 @@ TEST_F(PoolScripted, AnyFailingCallIsReportedChangesNothingAndMayBeRetried)
     };
     const auto Run = [&](const auto& xCase, int iNth, cudaError_t eError, bool bPersistent)
     {
-        SCOPED_TRACE(std::string(xCase.pcName) + ", call " + std::to_string(iNth) + ", error " +
-                     std::to_string(eError));
+        SCOPED_TRACE(
+            std::string(xCase.pcName) + ", call " + std::to_string(iNth) + ", error " + std::to_string(eError));
         NextDevice();
         CCudaMemoryPitchResource xLent;
         if (!xCase.bAllocates)
@@ -402,7 +403,7 @@ TEST_F(PoolScripted, ImpossibleRequestsAreRefusedWithTheFigures)
         {"GetPageLockedMemory", "page-locked", c_pcHuge, c_pcNothing, [] { _PageLocked(c_nNoLimit / 2); }},
         // A product that wraps does not reach the runtime, bytes that wrap when the rows are padded do.
         {"GetCudaMemoryPitch", "GPU", "4294967296 rows of 4294967296 bytes", c_pcWithIdle,
-         [] { _Pitched(c_nHalf, c_nHalf); }},
+            [] { _Pitched(c_nHalf, c_nHalf); }},
         {"GetCudaMemoryPitch", "GPU", "16777216 rows of 1 bytes", c_pcHeld, [] { _Pitched(1, std::size_t{1} << 24); }},
     };
     CCudaMemoryResource xHeld = _Linear(5000);
@@ -411,8 +412,8 @@ TEST_F(PoolScripted, ImpossibleRequestsAreRefusedWithTheFigures)
         _Release(_Linear(300));
         CScriptedRuntime::sm_nPitch = std::size_t{1} << 40;
         const std::string sText = std::string("Error allocating ") + xCase.pcMemory +
-                                  " memory. Out of memory: requested " + xCase.pcRequested + ", " + xCase.pcFigures +
-                                  ", Device ID: " + std::to_string(m_iDevice);
+            " memory. Out of memory: requested " + xCase.pcRequested + ", " + xCase.pcFigures +
+            ", Device ID: " + std::to_string(m_iDevice);
         EXPECT_TRUE(ThrowsChain(xCase.Request, {{"Qx.OutOfMemoryException", sText, xCase.pcFunction, c_pcFile}}));
         EXPECT_EQ(CScriptedRuntime::sm_eLastError, cudaSuccess);
     }
@@ -506,8 +507,7 @@ TEST_F(PoolScripted, WhenABlockCannotBeFreedThePoolKeepsItAndTheOnesAfterIt)
         }
         CResourceManager::SetIdleLimit(30 * c_nRow);
         CScriptedRuntime::FailCall(2, cudaErrorUnknown, false, "cudaFree");
-        EXPECT_TRUE(ThrowsChain(
-            [&] { xCase.Operation(vBlocks[3]); },
+        EXPECT_TRUE(ThrowsChain([&] { xCase.Operation(vBlocks[3]); },
             {Cuda("Error freeing idle GPU memory", cudaErrorUnknown, xCase.pcFunction, c_pcFile, m_iDevice)}));
         EXPECT_EQ(TakeFreed(vLent), Indices{0});
         EXPECT_EQ(Statistics().nBytesIdle, 20 * c_nRow);
@@ -533,8 +533,8 @@ TEST_F(PoolScripted, ABlockThatCannotBeFreedAtItsReleaseStaysLent)
     CCudaMemoryResource xStale;
     xStale.m_pDevice = xRecord.m_pDevice;
     CScriptedRuntime::FailCall(1, cudaErrorUnknown);
-    EXPECT_TRUE(ThrowsChain([&] { _Release(xRecord, true); }, {Cuda("Error freeing GPU memory", cudaErrorUnknown,
-                                                                    "ReleaseResource", c_pcFile, m_iDevice)}));
+    EXPECT_TRUE(ThrowsChain([&] { _Release(xRecord, true); },
+        {Cuda("Error freeing GPU memory", cudaErrorUnknown, "ReleaseResource", c_pcFile, m_iDevice)}));
     EXPECT_EQ(xRecord.m_pDevice, xStale.m_pDevice);
     _Release(xRecord, true);
     EXPECT_THROW(_Release(xStale), CQxException);
@@ -590,7 +590,7 @@ TEST_F(PoolScripted, AnyFailingHostAllocationOfARequestLeavesNothingBehind)
         // The record, its bucket and on a new device that device's record, in two modes.
         EXPECT_EQ(FailEachAllocation(
                       Setup, [&] { xLent = _Pitched(8, 8); }, Check),
-                  bKnownDevice ? 4 : 6);
+            bKnownDevice ? 4 : 6);
         _Release(xLent, true);
     }
 }

@@ -56,8 +56,8 @@ TEST_F(Pool, ALentBlockHasTheRequestedFieldsAndItsMemory)
         EXPECT_EQ(cudaMemset2D(xPitched.m_pDevice, xPitched.m_nPitch, 0x5A, nWidth, nRows), cudaSuccess);
         std::vector<unsigned char> vRead(nWidth * nRows);
         EXPECT_EQ(cudaMemcpy2D(vRead.data(), nWidth, xPitched.m_pDevice, xPitched.m_nPitch, nWidth, nRows,
-                               cudaMemcpyDeviceToHost),
-                  cudaSuccess);
+                      cudaMemcpyDeviceToHost),
+            cudaSuccess);
         EXPECT_EQ(vRead, std::vector<unsigned char>(nWidth * nRows, 0x5A));
         _Release(xPitched);
         CCudaRecorder::Reset();
@@ -117,8 +117,8 @@ TEST_F(Pool, MemoryThatIsBeingFreedCountsAsMemoryThatCanBeHad)
         auto xFreed = std::async(std::launch::async, [&] { Free(xBlock); });
         // A free that has not begun by then is made by the request itself, which waits as well.
         EXPECT_EQ(xFreed.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-        auto xLent = std::async(std::launch::async,
-                                []() -> CCudaMemoryResource { return CResourceManager::GetCudaMemory(800000); });
+        auto xLent = std::async(
+            std::launch::async, []() -> CCudaMemoryResource { return CResourceManager::GetCudaMemory(800000); });
         EXPECT_EQ(xLent.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
         xHold.Release();
         xFreed.get();

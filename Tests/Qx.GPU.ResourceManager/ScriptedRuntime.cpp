@@ -194,8 +194,8 @@ extern "C"
     cudaError_t cudaDeviceGetAttribute(int* piValue, cudaDeviceAttr eAttribute, int)
     {
         return Qx::Test::_Answer("cudaDeviceGetAttribute", *piValue,
-                                 eAttribute == cudaDevAttrIntegrated ? CScriptedRuntime::sm_iIntegrated
-                                                                     : CScriptedRuntime::sm_iConcurrentManagedAccess);
+            eAttribute == cudaDevAttrIntegrated ? CScriptedRuntime::sm_iIntegrated
+                                                : CScriptedRuntime::sm_iConcurrentManagedAccess);
     }
 
     cudaError_t cudaMemGetInfo(std::size_t* pnFree, std::size_t* pnTotal)

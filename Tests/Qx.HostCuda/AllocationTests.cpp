@@ -44,7 +44,7 @@ TEST(Allocations, CallsOfASteadyFrameLoopMakeNone)
         {"cudaMemGetInfo", [&] { return cudaMemGetInfo(&nFree, &nTotal); }},
         {"cudaMemcpy", [&] { return cudaMemcpy(pMemory, vHost.data(), 64, cudaMemcpyHostToDevice); }},
         {"cudaMemcpy2D",
-         [&] { return cudaMemcpy2D(pMemory, nPitch, vHost.data(), 64, 64, 64, cudaMemcpyHostToDevice); }},
+            [&] { return cudaMemcpy2D(pMemory, nPitch, vHost.data(), 64, 64, 64, cudaMemcpyHostToDevice); }},
         {"cudaMemset", [&] { return cudaMemset(pMemory, 0, 64); }},
         {"cudaMemset2D", [&] { return cudaMemset2D(pMemory, nPitch, 0, 64, 64); }},
         {"cudaMemcpyToSymbol", [&] { return cudaMemcpyToSymbol(g_vSymbol, vHost.data(), 16); }},

@@ -57,8 +57,8 @@ TEST_F(Devices, UnknownDevicesAndNullArgumentsAreRefusedAndChangeNothing)
     ExpectResult(cudaMemGetInfo(nullptr, &nSize), cudaErrorInvalidValue);
     for (const int iAttribute : {0, 127})
     {
-        ExpectResult(cudaDeviceGetAttribute(&iValue, static_cast<cudaDeviceAttr>(iAttribute), 0),
-                     cudaErrorInvalidValue);
+        ExpectResult(
+            cudaDeviceGetAttribute(&iValue, static_cast<cudaDeviceAttr>(iAttribute), 0), cudaErrorInvalidValue);
     }
     EXPECT_EQ(iValue, -7);
     EXPECT_EQ(nSize, 7U);

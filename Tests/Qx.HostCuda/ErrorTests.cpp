@@ -104,10 +104,9 @@ TEST_F(Faults, EveryCallThatConcernsTheDeviceReturnsTheFaultAndDoesNothing)
     // Queries of device and version still answer.
     int iValue = 0;
     cudaDeviceProp xProperties{};
-    for (const cudaError_t eError :
-         {cudaGetDevice(&iValue), cudaGetDeviceCount(&iValue), cudaSetDevice(0),
-          cudaDeviceGetAttribute(&iValue, cudaDevAttrWarpSize, 0), cudaGetDeviceProperties(&xProperties, 0),
-          cudaRuntimeGetVersion(&iValue), cudaDriverGetVersion(&iValue)})
+    for (const cudaError_t eError : {cudaGetDevice(&iValue), cudaGetDeviceCount(&iValue), cudaSetDevice(0),
+             cudaDeviceGetAttribute(&iValue, cudaDevAttrWarpSize, 0), cudaGetDeviceProperties(&xProperties, 0),
+             cudaRuntimeGetVersion(&iValue), cudaDriverGetVersion(&iValue)})
     {
         EXPECT_EQ(eError, cudaSuccess);
     }

@@ -41,8 +41,8 @@ private:
 };
 
 template <class TKernel, class... TArguments>
-cudaError_t Launch(const dim3& xGrid, const dim3& xBlock, cudaStream_t hStream, TKernel xKernel,
-                   TArguments... xArguments)
+cudaError_t Launch(
+    const dim3& xGrid, const dim3& xBlock, cudaStream_t hStream, TKernel xKernel, TArguments... xArguments)
 {
     cudaLaunchConfig_t xConfig{};
     xConfig.gridDim = xGrid;
@@ -95,16 +95,9 @@ __global__ void Count(int* pCounts, dim3 xGrid, dim3 xBlock)
 
 TEST_F(Launches, EveryThreadOfEveryBlockRunsOnceWithItsIndices)
 {
-    for (const auto& [xGrid, xBlock] : {std::pair<dim3, dim3>{1, 1},
-                                        {1, 1024},
-                                        {1000, 3},
-                                        {{5, 3}, {4, 2}},
-                                        {{1, 9}, {1, 1024}},
-                                        {{3, 4, 5}, {2, 3}},
-                                        {{1, 1, 6}, {1, 16, 64}},
-                                        {{2, 3, 4}, {4, 3, 2}},
-                                        {{1, 65535}, 1},
-                                        {{1, 1, 65535}, 1}})
+    for (const auto& [xGrid, xBlock] :
+        {std::pair<dim3, dim3>{1, 1}, {1, 1024}, {1000, 3}, {{5, 3}, {4, 2}}, {{1, 9}, {1, 1024}}, {{3, 4, 5}, {2, 3}},
+            {{1, 1, 6}, {1, 16, 64}}, {{2, 3, 4}, {4, 3, 2}}, {{1, 65535}, 1}, {{1, 1, 65535}, 1}})
     {
         for (const int iThreads : {1, INT_MAX})
         {
@@ -399,8 +392,8 @@ TEST_F(Launches, AtomicsUnderContentionLoseNothing)
     Run(256, 256, Contend, xValues.begin());
     xValues[6] += xValues[7];
     EXPECT_EQ(std::vector<unsigned>(xValues.begin(), xValues.begin() + 7),
-              (std::vector<unsigned>{0, 7, c_uThreads - 1, UINT_MAX, 1U << 31, 3 * c_uThreads,
-                                     c_uThreads / 2 * (c_uThreads - 1)}));
+        (std::vector<unsigned>{
+            0, 7, c_uThreads - 1, UINT_MAX, 1U << 31, 3 * c_uThreads, c_uThreads / 2 * (c_uThreads - 1)}));
     const CManaged<int> xSigned(4);
     Run(256, 256, ContendSigned, xSigned.begin());
     EXPECT_EQ(std::vector<int>(xSigned.begin(), xSigned.end()), (std::vector<int>{-32768, 32767, 65536, -5}));
@@ -419,7 +412,7 @@ TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)
     EXPECT_EQ(max(1.5, 1.0F), 1.5);
     constexpr float c_fNaN = std::numeric_limits<float>::quiet_NaN();
     for (const auto Pick :
-         {+[](float fA, float fB) { return min(fA, fB); }, +[](float fA, float fB) { return max(fA, fB); }})
+        {+[](float fA, float fB) { return min(fA, fB); }, +[](float fA, float fB) { return max(fA, fB); }})
     {
         EXPECT_EQ(Pick(c_fNaN, 1.0F), 1.0F);
         EXPECT_EQ(Pick(1.0F, c_fNaN), 1.0F);
@@ -430,13 +423,8 @@ TEST(LaunchFunctions, MinAndMaxPickTheCommonTypeAndTheNumber)
 TEST(LaunchFunctions, SaturateAndReciprocalRoot)
 {
     constexpr float c_fInfinity = std::numeric_limits<float>::infinity();
-    for (const auto& [fValue, fExpected] : {std::pair{-1.0F, 0.0F},
-                                            {0.25F, 0.25F},
-                                            {1.0F, 1.0F},
-                                            {2.0F, 1.0F},
-                                            {c_fInfinity, 1.0F},
-                                            {-c_fInfinity, 0.0F},
-                                            {std::nanf(""), 0.0F}})
+    for (const auto& [fValue, fExpected] : {std::pair{-1.0F, 0.0F}, {0.25F, 0.25F}, {1.0F, 1.0F}, {2.0F, 1.0F},
+             {c_fInfinity, 1.0F}, {-c_fInfinity, 0.0F}, {std::nanf(""), 0.0F}})
     {
         EXPECT_EQ(__saturatef(fValue), fExpected) << fValue;
     }

@@ -113,15 +113,15 @@ TEST_F(ProcessDeathTest, WithoutDevicesCallsSaySo)
         cudaStream_t hStream = nullptr;
         unsigned char vHost[4] = {};
         for (const cudaError_t eError :
-             {cudaGetDeviceCount(&iValue), cudaGetDevice(&iValue), cudaSetDevice(0), cudaMalloc(&pMemory, 16),
-              cudaFree(nullptr), cudaStreamCreate(&hStream), cudaStreamSynchronize(nullptr), cudaEventDestroy(nullptr),
-              cudaMemcpy(vHost, vHost + 2, 2, cudaMemcpyHostToHost), cudaDeviceSynchronize(), cudaDeviceReset(),
-              cudaPeekAtLastError(), cudaGetLastError()})
+            {cudaGetDeviceCount(&iValue), cudaGetDevice(&iValue), cudaSetDevice(0), cudaMalloc(&pMemory, 16),
+                cudaFree(nullptr), cudaStreamCreate(&hStream), cudaStreamSynchronize(nullptr),
+                cudaEventDestroy(nullptr), cudaMemcpy(vHost, vHost + 2, 2, cudaMemcpyHostToHost),
+                cudaDeviceSynchronize(), cudaDeviceReset(), cudaPeekAtLastError(), cudaGetLastError()})
         {
             ExitUnless(eError == cudaErrorNoDevice);
         }
         ExitUnless(iValue == 7 && cudaGetLastError() == cudaSuccess &&
-                   HostCuda::RaiseFault(0, cudaErrorAssert) == cudaErrorInvalidDevice);
+            HostCuda::RaiseFault(0, cudaErrorAssert) == cudaErrorInvalidDevice);
     };
     ExpectExit(0, Act);
 }
@@ -197,7 +197,7 @@ void LeaveComputing(int iMilliseconds)
     for (int iCall = 0; iCall < 100; ++iCall)
     {
         cublasSsyrk(hHandle, CUBLAS_FILL_MODE_LOWER, CUBLAS_OP_T, c_iOrder, c_iOrder, &fOne, pMatrix, c_iOrder, &fOne,
-                    pMatrix + c_iOrder * c_iOrder, c_iOrder);
+            pMatrix + c_iOrder * c_iOrder, c_iOrder);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(iMilliseconds));
 }
@@ -324,13 +324,13 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisationAndAcceptsE
         {"nothing", c_iRace, [](SClient&) {}},
         {"more work on the stream", c_iRace, [](SClient& x) { cudaMemsetAsync(x.pDevice, 1, 64, x.hStream); }},
         {"another stream is synchronised", c_iRace,
-         [](SClient& x)
-         {
-             cudaMemsetAsync(x.pDevice, 1, 64, x.hOther);
-             cudaStreamSynchronize(x.hOther);
-         }},
+            [](SClient& x)
+            {
+                cudaMemsetAsync(x.pDevice, 1, 64, x.hOther);
+                cudaStreamSynchronize(x.hOther);
+            }},
         {"work is queued on the legacy stream", c_iRace,
-         [](SClient& x) { cudaMemsetAsync(x.pDevice, 1, 64, nullptr); }},
+            [](SClient& x) { cudaMemsetAsync(x.pDevice, 1, 64, nullptr); }},
         {"an event is recorded on the legacy stream", c_iRace, [](SClient&) { SClient::Record(nullptr); }},
         {"an event is recorded", c_iRace, [](SClient& x) { SClient::Record(x.hStream); }},
         {"memory is allocated", c_iRace, [](SClient&) { MakeMemory(64); }},
@@ -338,26 +338,26 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsForgottenSynchronisationAndAcceptsE
         {"legacy stream", 0, [](SClient&) { cudaStreamSynchronize(nullptr); }},
         {"device", 0, [](SClient&) { cudaDeviceSynchronize(); }},
         {"query", 0,
-         [](SClient& x)
-         {
-             while (cudaStreamQuery(x.hStream) == cudaErrorNotReady)
-             {
-                 std::this_thread::yield();
-             }
-         }},
+            [](SClient& x)
+            {
+                while (cudaStreamQuery(x.hStream) == cudaErrorNotReady)
+                {
+                    std::this_thread::yield();
+                }
+            }},
         {"event", 0, [](SClient& x) { cudaEventSynchronize(SClient::Record(x.hStream)); }},
         {"event on the legacy stream after the work is done", 0,
-         [](SClient&)
-         {
-             Sleep();
-             cudaEventSynchronize(SClient::Record(nullptr));
-         }},
+            [](SClient&)
+            {
+                Sleep();
+                cudaEventSynchronize(SClient::Record(nullptr));
+            }},
         {"another stream that waits for an event", 0,
-         [](SClient& x)
-         {
-             cudaStreamWaitEvent(x.hOther, SClient::Record(x.hStream, cudaEventDisableTiming));
-             cudaStreamSynchronize(x.hOther);
-         }},
+            [](SClient& x)
+            {
+                cudaStreamWaitEvent(x.hOther, SClient::Record(x.hStream, cudaEventDisableTiming));
+                cudaStreamSynchronize(x.hOther);
+            }},
         {"synchronous call", 0, [](SClient& x) { cudaMemset(x.pDevice, 1, 64); }},
         {"free", 0, [](SClient& x) { cudaFree(x.pDevice); }},
         {"reset", 0, [](SClient&) { cudaDeviceReset(); }},

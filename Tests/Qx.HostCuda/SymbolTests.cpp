@@ -37,8 +37,8 @@ TEST_F(HostSymbols, SmallPageableSourcesAreTakenAlong)
         std::memset(g_vLarge, 0, sizeof(g_vLarge));
         {
             CHold xHold(hStream);
-            ASSERT_EQ(cudaMemcpyToSymbolAsync(g_vLarge, pSource, nSize, 0, cudaMemcpyHostToDevice, hStream),
-                      cudaSuccess);
+            ASSERT_EQ(
+                cudaMemcpyToSymbolAsync(g_vLarge, pSource, nSize, 0, cudaMemcpyHostToDevice, hStream), cudaSuccess);
             xHold.Await();
             EXPECT_EQ(g_vLarge[0], 0) << "the variable changes in stream order";
             std::memset(pSource, 2, nSize);

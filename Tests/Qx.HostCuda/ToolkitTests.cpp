@@ -31,7 +31,7 @@ TEST(Toolkit, ValuesTypesAndLayoutsOfTheHeadersAreTheSame)
 /// @return how many of the codes have a name
 template <typename TCode>
 int CompareTexts(const char* pcLibrary, const char* pcName, const char* pcString, const char* (*pName)(TCode),
-                 const char* (*pString)(TCode), const char* pcUnknown, int iCodes)
+    const char* (*pString)(TCode), const char* pcUnknown, int iCodes)
 {
     void* const pLibrary = dlopen(pcLibrary, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
     if (pLibrary == nullptr)
@@ -58,11 +58,11 @@ int CompareTexts(const char* pcLibrary, const char* pcName, const char* pcString
 TEST(Toolkit, NamesAndTextsOfAllCodesAreTheSame)
 {
     EXPECT_EQ(CompareTexts(QX_TOOLKIT_RUNTIME, "cudaGetErrorName", "cudaGetErrorString", &cudaGetErrorName,
-                           &cudaGetErrorString, "unrecognized error code", 1024),
-              133);
+                  &cudaGetErrorString, "unrecognized error code", 1024),
+        133);
     EXPECT_EQ(CompareTexts(QX_TOOLKIT_BLAS, "cublasGetStatusName", "cublasGetStatusString", &cublasGetStatusName,
-                           &cublasGetStatusString, "unrecognized status", 32),
-              10);
+                  &cublasGetStatusString, "unrecognized status", 32),
+        10);
 }
 
 } // namespace

@@ -83,14 +83,14 @@ TEST_F(Blas, MultipliesAMatrixOfAnyLayoutWithAVector)
     const Floats vX = Read(pX);
     const Floats vY = Read(pY);
     for (const auto& [eTrans, iStepX, iStepY] :
-         {std::tuple(CUBLAS_OP_N, 1, 1), {CUBLAS_OP_T, 1, 1}, {CUBLAS_OP_C, 2, -3}, {CUBLAS_OP_N, -2, 3}})
+        {std::tuple(CUBLAS_OP_N, 1, 1), {CUBLAS_OP_T, 1, 1}, {CUBLAS_OP_C, 2, -3}, {CUBLAS_OP_N, -2, 3}})
     {
         const bool bPlain = eTrans == CUBLAS_OP_N;
         const int iX = bPlain ? 3 : 4;
         const int iY = bPlain ? 4 : 3;
         Write(pY, vY);
         ASSERT_EQ(cublasSgemv(m_hHandle, eTrans, 4, 3, &m_fTwo, pA, 6, pX, iStepX, &m_fThree, pY, iStepY),
-                  CUBLAS_STATUS_SUCCESS);
+            CUBLAS_STATUS_SUCCESS);
         Floats vExpected = vY;
         for (int iRow = 0; iRow < iY; ++iRow)
         {
@@ -117,8 +117,8 @@ TEST_F(Blas, FillsOneTriangleOfAProductWithItsTranspose)
         for (const cublasOperation_t eTrans : {CUBLAS_OP_N, CUBLAS_OP_T})
         {
             Write(pC, vC);
-            ASSERT_EQ(cublasSsyrk(m_hHandle, eFill, eTrans, 4, 3, &m_fTwo, pA, 5, &m_fThree, pC, 6),
-                      CUBLAS_STATUS_SUCCESS);
+            ASSERT_EQ(
+                cublasSsyrk(m_hHandle, eFill, eTrans, 4, 3, &m_fTwo, pA, 5, &m_fThree, pC, 6), CUBLAS_STATUS_SUCCESS);
             Floats vExpected = vC;
             for (std::size_t nElement = 0; nElement < 16; ++nElement)
             {
@@ -153,7 +153,7 @@ TEST_F(Blas, DoesNotReadAResultThatCountsForNothing)
         EXPECT_EQ(std::count_if(vY.begin(), vY.end(), [](float f) { return f == f; }), 5);
         Write(pY, vNothing);
         ASSERT_EQ(cublasSsyrk(m_hHandle, CUBLAS_FILL_MODE_LOWER, eTrans, 5, 5, &m_fTwo, pA, 5, &m_fZero, pY, 5),
-                  CUBLAS_STATUS_SUCCESS);
+            CUBLAS_STATUS_SUCCESS);
         const Floats vC = Read(pY);
         EXPECT_EQ(std::count_if(vC.begin(), vC.end(), [](float f) { return f == f; }), 15);
     }
@@ -205,13 +205,13 @@ TEST_F(Blas, AnswersBadArgumentsWithoutDoingAnything)
                           const float* pVector, float* pResult)
     {
         return cublasSgemv(m_hHandle, static_cast<cublasOperation_t>(iTrans), iRows, iCols, &m_fTwo, pMatrix, iLda,
-                           pVector, iStepX, &m_fTwo, pResult, iStepY);
+            pVector, iStepX, &m_fTwo, pResult, iStepY);
     };
     const auto Syrk =
         [&](int iFill, int iTrans, int iOrder, int iInner, int iLda, int iLdc, const float* pMatrix, float* pResult)
     {
         return cublasSsyrk(m_hHandle, static_cast<cublasFillMode_t>(iFill), static_cast<cublasOperation_t>(iTrans),
-                           iOrder, iInner, &m_fTwo, pMatrix, iLda, &m_fTwo, pResult, iLdc);
+            iOrder, iInner, &m_fTwo, pMatrix, iLda, &m_fTwo, pResult, iLdc);
     };
     cublasHandle_t hDead = nullptr;
     cudaStream_t hStream = nullptr;

@@ -27,14 +27,18 @@ struct SCopy
 };
 
 constexpr SCopy c_vCopies[] = {
-    {"cudaMemcpy", [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
-     { return cudaMemcpy(pTarget, pSource, nSize, eKind); }},
-    {"cudaMemcpyAsync", [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
-     { return cudaMemcpyAsync(pTarget, pSource, nSize, eKind); }},
-    {"cudaMemcpy2D", [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
-     { return cudaMemcpy2D(pTarget, 8, pSource, 8, 8, nSize / 8, eKind); }},
-    {"cudaMemcpy2DAsync", [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
-     { return cudaMemcpy2DAsync(pTarget, 8, pSource, 8, 8, nSize / 8, eKind); }},
+    {"cudaMemcpy",
+        [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
+        { return cudaMemcpy(pTarget, pSource, nSize, eKind); }},
+    {"cudaMemcpyAsync",
+        [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
+        { return cudaMemcpyAsync(pTarget, pSource, nSize, eKind); }},
+    {"cudaMemcpy2D",
+        [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
+        { return cudaMemcpy2D(pTarget, 8, pSource, 8, 8, nSize / 8, eKind); }},
+    {"cudaMemcpy2DAsync",
+        [](auto* pTarget, auto* pSource, std::size_t nSize, cudaMemcpyKind eKind)
+        { return cudaMemcpy2DAsync(pTarget, 8, pSource, 8, 8, nSize / 8, eKind); }},
 };
 
 TEST_F(Copies, DirectionMustFitTheMemoryOfBothSides)
@@ -66,7 +70,7 @@ TEST_F(Copies, DirectionMustFitTheMemoryOfBothSides)
                                                       << static_cast<int>(eSource) << " kind " << eKind);
                     xTarget.Write(vBefore);
                     ExpectResult(Copy(xTarget.Get(), xSource.Get(), c_nSize, eKind),
-                                 bAccepted ? cudaSuccess : cudaErrorInvalidValue);
+                        bAccepted ? cudaSuccess : cudaErrorInvalidValue);
                     EXPECT_EQ(xTarget.Read(), bAccepted ? vBytes : vBefore);
                 }
             }
@@ -127,7 +131,7 @@ TEST_F(Copies, LinearCopiesAndMemsetsStayWithinTheBlock)
         for (const auto& [nOffset, nCount, eExpected] : vCases)
         {
             SCOPED_TRACE(::testing::Message()
-                         << nCount << " bytes at " << nOffset << " of memory " << static_cast<int>(eMemory));
+                << nCount << " bytes at " << nOffset << " of memory " << static_cast<int>(eMemory));
             void* const pMemory = xBlock.Get(nOffset);
             ExpectResult(cudaMemcpy(pMemory, vHost.data(), nCount, cudaMemcpyHostToDevice), eExpected);
             ExpectResult(cudaMemcpy(vHost.data(), pMemory, nCount, cudaMemcpyDeviceToHost), eExpected);
@@ -151,7 +155,7 @@ TEST_F(Copies, PageableMemoryMustNotRunIntoABlock)
     ExpectResult(cudaMemcpy(xTarget.Get(), xBlock.Get() - 1, 4096, cudaMemcpyHostToDevice), cudaErrorInvalidValue);
     ExpectResult(cudaMemcpy(xTarget.Get(), xBlock.Get() - 1, 4096, cudaMemcpyDefault), cudaErrorInvalidValue);
     ExpectResult(cudaMemcpy(xTarget.Get(), reinterpret_cast<const void*>(UINTPTR_MAX - 7), 8, cudaMemcpyHostToDevice),
-                 cudaErrorInvalidValue);
+        cudaErrorInvalidValue);
 }
 
 TEST_F(Copies, RowsStayWithinPitchAndBlock)
@@ -182,8 +186,8 @@ TEST_F(Copies, RowsStayWithinPitchAndBlock)
     void* const pMemory = xBlock.Get();
     for (const auto& [nPitch, nHostPitch, nWidth, nHeight, eExpected] : vCopies)
     {
-        SCOPED_TRACE(::testing::Message()
-                     << nWidth << " x " << nHeight << ", pitches " << nPitch << " and " << nHostPitch);
+        SCOPED_TRACE(
+            ::testing::Message() << nWidth << " x " << nHeight << ", pitches " << nPitch << " and " << nHostPitch);
         const auto Check = [eWanted = eExpected](cudaError_t eError) { ExpectResult(eError, eWanted); };
         Check(cudaMemcpy2D(pMemory, nPitch, pHost, nHostPitch, nWidth, nHeight, cudaMemcpyHostToDevice));
         Check(cudaMemcpy2D(pHost, nHostPitch, pMemory, nPitch, nWidth, nHeight, cudaMemcpyDeviceToHost));
@@ -191,9 +195,15 @@ TEST_F(Copies, RowsStayWithinPitchAndBlock)
         EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
     }
     const std::tuple<std::size_t, std::size_t, std::size_t, cudaError_t> vSets[] = {
-        {64, 64, 16, cudaSuccess},    {64, 64, 17, c_eValue},      {100, 24, 11, cudaSuccess},
-        {100, 25, 11, c_eValue},      {63, 64, 2, c_ePitch},       {0, 1024, 1, cudaSuccess}, // one row uses no pitch
-        {0, 1025, 1, c_eValue},       {SIZE_MAX, 64, 2, c_eValue}, {SIZE_MAX / 2 + 1, 64, 3, c_eValue},
+        {64, 64, 16, cudaSuccess},
+        {64, 64, 17, c_eValue},
+        {100, 24, 11, cudaSuccess},
+        {100, 25, 11, c_eValue},
+        {63, 64, 2, c_ePitch},
+        {0, 1024, 1, cudaSuccess}, // one row uses no pitch
+        {0, 1025, 1, c_eValue},
+        {SIZE_MAX, 64, 2, c_eValue},
+        {SIZE_MAX / 2 + 1, 64, 3, c_eValue},
         {64, 64, SIZE_MAX, c_eValue},
     };
     for (const auto& [nPitch, nWidth, nHeight, eExpected] : vSets)
@@ -235,8 +245,8 @@ TEST_F(Copies, RowsArriveAndPaddingIsNotTouched)
     ASSERT_EQ(cudaMemset(xBlock.Get(), 0x55, c_nSize), cudaSuccess);
     Bytes vAll(c_nSize);
     ASSERT_EQ(cudaMemcpy2D(vAll.data(), CBlock::c_nPitch, xBlock.Get(), CBlock::c_nPitch, CBlock::c_nPitch, c_nRows,
-                           cudaMemcpyDeviceToHost),
-              cudaSuccess);
+                  cudaMemcpyDeviceToHost),
+        cudaSuccess);
     EXPECT_EQ(vAll, Bytes(c_nSize, 0x55));
 }
 

@@ -12,8 +12,8 @@ class Events : public CRuntimeTest
 {
 };
 
-constexpr unsigned c_vEventFlags[] = {cudaEventDefault, cudaEventDisableTiming, cudaEventBlockingSync,
-                                      cudaEventBlockingSync | cudaEventDisableTiming};
+constexpr unsigned c_vEventFlags[] = {
+    cudaEventDefault, cudaEventDisableTiming, cudaEventBlockingSync, cudaEventBlockingSync | cudaEventDisableTiming};
 
 TEST_F(Events, NeverRecordedEventIsComplete)
 {
@@ -34,7 +34,7 @@ TEST_F(Events, EventIsCompleteWhenTheWorkBeforeItsRecordIsDone)
     {
         // A record on the legacy stream captures the blocking streams too.
         for (const auto& [hHeld, hStream] :
-             {std::pair<cudaStream_t, cudaStream_t>{hCreated, hCreated}, {nullptr, nullptr}, {hCreated, nullptr}})
+            {std::pair<cudaStream_t, cudaStream_t>{hCreated, hCreated}, {nullptr, nullptr}, {hCreated, nullptr}})
         {
             const CEventScope hEvent(uFlags);
             CHold xHold(hHeld);
@@ -84,8 +84,8 @@ TEST_F(Events, WaitingOrdersStreamsAlsoOfOtherDevices)
                 ASSERT_EQ(cudaMemsetAsync(xBlock.Get(), iTime, 64, hFirst), cudaSuccess);
                 ASSERT_EQ(cudaEventRecord(hEvent, hFirst), cudaSuccess);
                 ASSERT_EQ(cudaStreamWaitEvent(hSecond, hEvent, 0), cudaSuccess);
-                ASSERT_EQ(cudaMemcpyAsync(vResult.data(), xBlock.Get(), 64, cudaMemcpyDeviceToHost, hSecond),
-                          cudaSuccess);
+                ASSERT_EQ(
+                    cudaMemcpyAsync(vResult.data(), xBlock.Get(), 64, cudaMemcpyDeviceToHost, hSecond), cudaSuccess);
                 ASSERT_EQ(cudaStreamSynchronize(hSecond), cudaSuccess);
                 ASSERT_EQ(vResult, Bytes(64, static_cast<unsigned char>(iTime)));
             }
@@ -174,11 +174,16 @@ TEST_F(Events, ElapsedTimeRefusesWhatHasNoTime)
     ASSERT_EQ(cudaSetDevice(0), cudaSuccess);
     constexpr auto c_eHandle = cudaErrorInvalidResourceHandle;
     const std::tuple<cudaEvent_t, cudaEvent_t, cudaError_t> vCases[] = {
-        {hNever, hRecorded, c_eHandle},           {hRecorded, hNever, c_eHandle},
-        {hUntimed, hRecorded, c_eHandle},         {hRecorded, hUntimed, c_eHandle},
-        {nullptr, hRecorded, c_eHandle},          {hRecorded, nullptr, c_eHandle},
-        {hOther, hRecorded, c_eHandle},           {hPending, hNever, c_eHandle},
-        {hRecorded, hPending, cudaErrorNotReady}, {hPending, hRecorded, cudaErrorNotReady},
+        {hNever, hRecorded, c_eHandle},
+        {hRecorded, hNever, c_eHandle},
+        {hUntimed, hRecorded, c_eHandle},
+        {hRecorded, hUntimed, c_eHandle},
+        {nullptr, hRecorded, c_eHandle},
+        {hRecorded, nullptr, c_eHandle},
+        {hOther, hRecorded, c_eHandle},
+        {hPending, hNever, c_eHandle},
+        {hRecorded, hPending, cudaErrorNotReady},
+        {hPending, hRecorded, cudaErrorNotReady},
     };
     float fTime = -7;
     for (const auto& [hStart, hEnd, eExpected] : vCases)
@@ -197,10 +202,9 @@ TEST_F(Events, DeadAndForeignHandlesAreRefusedByEveryCall)
     ASSERT_EQ(cudaEventDestroy(hStale), cudaSuccess);
     const CEventScope hReuser; // may have the place of the stale one, not its handle
     float fTime = 0;
-    for (const cudaEvent_t hEvent :
-         {cudaEvent_t{}, hStale, reinterpret_cast<cudaEvent_t>(static_cast<cudaStream_t>(hStream)),
-          reinterpret_cast<cudaEvent_t>(&fTime), reinterpret_cast<cudaEvent_t>(UINTPTR_MAX),
-          reinterpret_cast<cudaEvent_t>(std::uintptr_t{5})})
+    for (const cudaEvent_t hEvent : {cudaEvent_t{}, hStale,
+             reinterpret_cast<cudaEvent_t>(static_cast<cudaStream_t>(hStream)), reinterpret_cast<cudaEvent_t>(&fTime),
+             reinterpret_cast<cudaEvent_t>(UINTPTR_MAX), reinterpret_cast<cudaEvent_t>(std::uintptr_t{5})})
     {
         ExpectResult(cudaEventRecord(hEvent, hStream), cudaErrorInvalidResourceHandle);
         ExpectResult(cudaEventSynchronize(hEvent), cudaErrorInvalidResourceHandle);
@@ -224,8 +228,8 @@ TEST_F(Events, CreationChecksItsFlags)
     }
     ExpectResult(cudaEventCreate(nullptr), cudaErrorInvalidValue);
 #ifdef QX_HOSTCUDA
-    ExpectResult(cudaEventCreateWithFlags(&hEvent, cudaEventInterprocess | cudaEventDisableTiming),
-                 cudaErrorNotSupported);
+    ExpectResult(
+        cudaEventCreateWithFlags(&hEvent, cudaEventInterprocess | cudaEventDisableTiming), cudaErrorNotSupported);
     {
         const CEventScope hFirst;
         const CEventScope hSecond;

@@ -60,8 +60,8 @@ TEST_F(RuntimeMemory, PointerAttributesTellTheSides)
         }
         const bool bMapped = eMemory == EMemory::PageLocked;
         void* pDevice = nullptr;
-        ExpectResult(cudaHostGetDevicePointer(&pDevice, xBlock.Get(5), 0),
-                     bMapped ? cudaSuccess : cudaErrorInvalidValue);
+        ExpectResult(
+            cudaHostGetDevicePointer(&pDevice, xBlock.Get(5), 0), bMapped ? cudaSuccess : cudaErrorInvalidValue);
         EXPECT_EQ(pDevice, bMapped ? xBlock.Get(5) : nullptr);
         ExpectResult(cudaHostGetDevicePointer(&pDevice, xBlock.Get(), 1), cudaErrorInvalidValue);
         ExpectResult(cudaHostGetDevicePointer(static_cast<void**>(nullptr), xBlock.Get(), 0), cudaErrorInvalidValue);
@@ -72,7 +72,7 @@ TEST_F(RuntimeMemory, PointerAttributesTellTheSides)
 TEST_F(RuntimeMemory, RowsAreAlignedAndNoPitchIsLostBetweenThem)
 {
     for (const auto& [nWidth, nStandIn] :
-         {std::pair<std::size_t, std::size_t>{1, 512}, {511, 512}, {512, 512}, {513, 1024}, {5000, 5120}})
+        {std::pair<std::size_t, std::size_t>{1, 512}, {511, 512}, {512, 512}, {513, 1024}, {5000, 5120}})
     {
         void* pMemory = nullptr;
         std::size_t nPitch = 0;

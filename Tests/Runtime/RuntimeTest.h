@@ -180,8 +180,8 @@ enum class EMemory
     PageLocked
 };
 
-inline constexpr EMemory c_vAllMemory[] = {EMemory::Pageable, EMemory::Device, EMemory::Pitched, EMemory::Managed,
-                                           EMemory::PageLocked};
+inline constexpr EMemory c_vAllMemory[] = {
+    EMemory::Pageable, EMemory::Device, EMemory::Pitched, EMemory::Managed, EMemory::PageLocked};
 
 /// A block of some kind for one scope.
 class CBlock

@@ -51,13 +51,13 @@ TEST_F(Symbols, VariablesAreWrittenAndRead)
     const SParameters xOther{10, 20, {30, 40, 50, 60}};
     ASSERT_EQ(cudaMemcpy(xBlock.Get(), &xOther, sizeof(xOther), cudaMemcpyHostToDevice), cudaSuccess);
     ASSERT_EQ(cudaMemcpyToSymbolAsync(reinterpret_cast<const void*>(&g_xParameters), xBlock.Get(), sizeof(xOther), 0,
-                                      cudaMemcpyDeviceToDevice, hStream),
-              cudaSuccess);
+                  cudaMemcpyDeviceToDevice, hStream),
+        cudaSuccess);
     ASSERT_EQ(cudaMemcpyFromSymbolAsync(xBlock.Get(), reinterpret_cast<const void*>(&g_xParameters), sizeof(int),
-                                        sizeof(int), cudaMemcpyDefault, hStream),
-              cudaSuccess);
+                  sizeof(int), cudaMemcpyDefault, hStream),
+        cudaSuccess);
     ASSERT_EQ(cudaMemcpyFromSymbolAsync(&xRead, g_xParameters, sizeof(xRead), 0, cudaMemcpyDeviceToHost, hStream),
-              cudaSuccess);
+        cudaSuccess);
     ASSERT_EQ(cudaStreamSynchronize(hStream), cudaSuccess);
     EXPECT_EQ(xRead.vMore, xOther.vMore);
     int iSecond = 0;
@@ -101,13 +101,8 @@ TEST_F(Symbols, OnlyWritableDataOfModulesIsASymbol)
 TEST_F(Symbols, BytesBeyondTheVariableOrItsModuleAreRefused)
 {
     std::array<int, 8> vHost{};
-    for (const auto& [nCount, nOffset] : {std::pair<std::size_t, std::size_t>{17, 0},
-                                          {4, 13},
-                                          {0, 17},
-                                          {SIZE_MAX, 0},
-                                          {4, SIZE_MAX},
-                                          {SIZE_MAX, SIZE_MAX},
-                                          {SIZE_MAX, 8}})
+    for (const auto& [nCount, nOffset] : {std::pair<std::size_t, std::size_t>{17, 0}, {4, 13}, {0, 17}, {SIZE_MAX, 0},
+             {4, SIZE_MAX}, {SIZE_MAX, SIZE_MAX}, {SIZE_MAX, 8}})
     {
         ExpectResult(cudaMemcpyToSymbol(g_vInitialised, vHost.data(), nCount, nOffset), cudaErrorInvalidValue);
         ExpectResult(cudaMemcpyToSymbolAsync(g_vInitialised, vHost.data(), nCount, nOffset), cudaErrorInvalidValue);
@@ -116,7 +111,7 @@ TEST_F(Symbols, BytesBeyondTheVariableOrItsModuleAreRefused)
     }
     const void* const pSymbol = g_vInitialised;
     for (const auto& [nCount, nOffset] :
-         {std::pair<std::size_t, std::size_t>{4, std::size_t{1} << 40}, {SIZE_MAX, 0}, {SIZE_MAX, 8}, {4, SIZE_MAX}})
+        {std::pair<std::size_t, std::size_t>{4, std::size_t{1} << 40}, {SIZE_MAX, 0}, {SIZE_MAX, 8}, {4, SIZE_MAX}})
     {
         ExpectResult(cudaMemcpyToSymbol(pSymbol, vHost.data(), nCount, nOffset), cudaErrorInvalidValue);
         ExpectResult(cudaMemcpyFromSymbol(vHost.data(), pSymbol, nCount, nOffset), cudaErrorInvalidValue);

@@ -10,8 +10,8 @@ namespace Qx::Test
 
 /// The link of a failed CUDA call: the runtime's name and description of @p eError and the device are appended to the
 /// message.
-inline SLink Cuda(const char* pcMessage, cudaError_t eError, const char* pcFunction, const char* pcFile,
-                  int iDevice = 0)
+inline SLink Cuda(
+    const char* pcMessage, cudaError_t eError, const char* pcFunction, const char* pcFile, int iDevice = 0)
 {
     std::ostringstream sMessage;
     sMessage << pcMessage << ". '" << cudaGetErrorName(eError) << ": " << cudaGetErrorString(eError) << " (ID "

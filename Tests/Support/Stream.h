@@ -27,7 +27,7 @@ public:
                           (*pOwned)->xReleased.get_future().wait();
                       },
                       pShare.get()),
-                  cudaSuccess);
+            cudaSuccess);
         static_cast<void>(pShare.release());
     }
     ~CHold() { Release(); }

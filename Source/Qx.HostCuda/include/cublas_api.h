@@ -87,24 +87,20 @@ QX_HOSTCUBLAS_CALL const char* cublasGetStatusString(cublasStatus_t status);
 
 /// The sum of |x[i]| of `n` elements; 0 where `n` or `incx` is not positive.
 QX_HOSTCUBLAS_CALL cublasStatus_t cublasSasum_v2(cublasHandle_t handle, int n, const float* x, int incx, float* result);
-QX_HOSTCUBLAS_CALL cublasStatus_t cublasDasum_v2(cublasHandle_t handle, int n, const double* x, int incx,
-                                                 double* result);
+QX_HOSTCUBLAS_CALL cublasStatus_t cublasDasum_v2(
+    cublasHandle_t handle, int n, const double* x, int incx, double* result);
 
 /// y = alpha op(A) x + beta y for a matrix of m rows and n columns. With beta = 0, y is not read.
 QX_HOSTCUBLAS_CALL cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n,
-                                                 const float* alpha, const float* A, int lda, const float* x, int incx,
-                                                 const float* beta, float* y, int incy);
+    const float* alpha, const float* A, int lda, const float* x, int incx, const float* beta, float* y, int incy);
 QX_HOSTCUBLAS_CALL cublasStatus_t cublasDgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n,
-                                                 const double* alpha, const double* A, int lda, const double* x,
-                                                 int incx, const double* beta, double* y, int incy);
+    const double* alpha, const double* A, int lda, const double* x, int incx, const double* beta, double* y, int incy);
 
 /// C = alpha op(A) op(A)^T + beta C for op(A) of n rows and k columns; only one triangle of C is read and written, and
 /// with beta = 0 not even read.
 QX_HOSTCUBLAS_CALL cublasStatus_t cublasSsyrk_v2(cublasHandle_t handle, cublasFillMode_t uplo, cublasOperation_t trans,
-                                                 int n, int k, const float* alpha, const float* A, int lda,
-                                                 const float* beta, float* C, int ldc);
+    int n, int k, const float* alpha, const float* A, int lda, const float* beta, float* C, int ldc);
 QX_HOSTCUBLAS_CALL cublasStatus_t cublasDsyrk_v2(cublasHandle_t handle, cublasFillMode_t uplo, cublasOperation_t trans,
-                                                 int n, int k, const double* alpha, const double* A, int lda,
-                                                 const double* beta, double* C, int ldc);
+    int n, int k, const double* alpha, const double* A, int lda, const double* beta, double* C, int ldc);
 
 #undef QX_HOSTCUBLAS_CALL

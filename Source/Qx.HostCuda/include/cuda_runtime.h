@@ -94,43 +94,42 @@ inline cudaError_t cudaEventCreate(cudaEvent_t* event, unsigned int flags)
 
 /// cudaMemcpyToSymbol for a variable. cudaErrorInvalidValue: the bytes meant leave the variable.
 template <class T>
-inline cudaError_t cudaMemcpyToSymbol(const T& symbol, const void* src, size_t count, size_t offset = 0,
-                                      cudaMemcpyKind kind = cudaMemcpyHostToDevice)
+inline cudaError_t cudaMemcpyToSymbol(
+    const T& symbol, const void* src, size_t count, size_t offset = 0, cudaMemcpyKind kind = cudaMemcpyHostToDevice)
 {
     return Qx::HostCuda::Overruns(sizeof(T), count, offset)
-               ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
-               : ::cudaMemcpyToSymbol(static_cast<const void*>(&symbol), src, count, offset, kind);
+        ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
+        : ::cudaMemcpyToSymbol(static_cast<const void*>(&symbol), src, count, offset, kind);
 }
 
 /// cudaMemcpyToSymbolAsync for a variable. cudaErrorInvalidValue: the bytes meant leave the variable.
 template <class T>
 inline cudaError_t cudaMemcpyToSymbolAsync(const T& symbol, const void* src, size_t count, size_t offset = 0,
-                                           cudaMemcpyKind kind = cudaMemcpyHostToDevice, cudaStream_t stream = nullptr)
+    cudaMemcpyKind kind = cudaMemcpyHostToDevice, cudaStream_t stream = nullptr)
 {
     return Qx::HostCuda::Overruns(sizeof(T), count, offset)
-               ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
-               : ::cudaMemcpyToSymbolAsync(static_cast<const void*>(&symbol), src, count, offset, kind, stream);
+        ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
+        : ::cudaMemcpyToSymbolAsync(static_cast<const void*>(&symbol), src, count, offset, kind, stream);
 }
 
 /// cudaMemcpyFromSymbol for a variable. cudaErrorInvalidValue: the bytes meant leave the variable.
 template <class T>
-inline cudaError_t cudaMemcpyFromSymbol(void* dst, const T& symbol, size_t count, size_t offset = 0,
-                                        cudaMemcpyKind kind = cudaMemcpyDeviceToHost)
+inline cudaError_t cudaMemcpyFromSymbol(
+    void* dst, const T& symbol, size_t count, size_t offset = 0, cudaMemcpyKind kind = cudaMemcpyDeviceToHost)
 {
     return Qx::HostCuda::Overruns(sizeof(T), count, offset)
-               ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
-               : ::cudaMemcpyFromSymbol(dst, static_cast<const void*>(&symbol), count, offset, kind);
+        ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
+        : ::cudaMemcpyFromSymbol(dst, static_cast<const void*>(&symbol), count, offset, kind);
 }
 
 /// cudaMemcpyFromSymbolAsync for a variable. cudaErrorInvalidValue: the bytes meant leave the variable.
 template <class T>
 inline cudaError_t cudaMemcpyFromSymbolAsync(void* dst, const T& symbol, size_t count, size_t offset = 0,
-                                             cudaMemcpyKind kind = cudaMemcpyDeviceToHost,
-                                             cudaStream_t stream = nullptr)
+    cudaMemcpyKind kind = cudaMemcpyDeviceToHost, cudaStream_t stream = nullptr)
 {
     return Qx::HostCuda::Overruns(sizeof(T), count, offset)
-               ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
-               : ::cudaMemcpyFromSymbolAsync(dst, static_cast<const void*>(&symbol), count, offset, kind, stream);
+        ? Qx::HostCuda::Refuse(cudaErrorInvalidValue)
+        : ::cudaMemcpyFromSymbolAsync(dst, static_cast<const void*>(&symbol), count, offset, kind, stream);
 }
 
 namespace Qx::HostCuda
@@ -189,20 +188,20 @@ private:
 
 /// Queues a kernel; see cudaLaunchKernelEx. `bFunction`: false if the kernel's function is null. A null kernel means
 /// that there was no memory for it.
-QX_HOSTCUDA_API cudaError_t Launch(const cudaLaunchConfig_t* pConfig, bool bFunction,
-                                   std::unique_ptr<const CKernel> pKernel) noexcept;
+QX_HOSTCUDA_API cudaError_t Launch(
+    const cudaLaunchConfig_t* pConfig, bool bFunction, std::unique_ptr<const CKernel> pKernel) noexcept;
 
 /// Binds a kernel, given as whatever is called for every thread, to arguments of the parameter types that its function
 /// has, and queues it.
 template <class TKernel, class... TParameters, class... TArguments>
-cudaError_t Launch(const cudaLaunchConfig_t* pConfig, TKernel xKernel, void (*pFunction)(TParameters...),
-                   TArguments&&... xArguments)
+cudaError_t Launch(
+    const cudaLaunchConfig_t* pConfig, TKernel xKernel, void (*pFunction)(TParameters...), TArguments&&... xArguments)
 {
     return [&](TParameters... xConverted)
     {
         return Launch(pConfig, pFunction != nullptr,
-                      std::unique_ptr<const CKernel>(
-                          new (std::nothrow) CBoundKernel<TKernel, TParameters...>(xKernel, xConverted...)));
+            std::unique_ptr<const CKernel>(
+                new (std::nothrow) CBoundKernel<TKernel, TParameters...>(xKernel, xConverted...)));
     }(std::forward<TArguments>(xArguments)...);
 }
 

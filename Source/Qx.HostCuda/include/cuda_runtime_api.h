@@ -480,8 +480,8 @@ QX_HOSTCUDA_CALL cudaError_t cudaMalloc(void** devPtr, size_t size);
 QX_HOSTCUDA_CALL cudaError_t cudaMallocPitch(void** devPtr, size_t* pitch, size_t width, size_t height);
 /// Allocates memory that device and host both use. cudaErrorInvalidValue: null argument, 0 bytes, or flags other
 /// than cudaMemAttachGlobal or cudaMemAttachHost.
-QX_HOSTCUDA_CALL cudaError_t cudaMallocManaged(void** devPtr, size_t size,
-                                               unsigned int flags QX_HOSTCUDA_DEFAULT(cudaMemAttachGlobal));
+QX_HOSTCUDA_CALL cudaError_t cudaMallocManaged(
+    void** devPtr, size_t size, unsigned int flags QX_HOSTCUDA_DEFAULT(cudaMemAttachGlobal));
 /// Allocates page-locked host memory, which does not count against the device's budget. 0 bytes: success and a null
 /// pointer. cudaErrorInvalidValue: null argument or unknown flags.
 QX_HOSTCUDA_CALL cudaError_t cudaHostAlloc(void** pHost, size_t size, unsigned int flags);
@@ -496,20 +496,19 @@ QX_HOSTCUDA_CALL cudaError_t cudaFree(void* devPtr);
 /// cudaFree for page-locked host memory.
 QX_HOSTCUDA_CALL cudaError_t cudaFreeHost(void* ptr);
 /// Makes a channel descriptor of its five fields.
-QX_HOSTCUDA_CALL struct cudaChannelFormatDesc cudaCreateChannelDesc(int x, int y, int z, int w,
-                                                                    enum cudaChannelFormatKind f);
+QX_HOSTCUDA_CALL struct cudaChannelFormatDesc cudaCreateChannelDesc(
+    int x, int y, int z, int w, enum cudaChannelFormatKind f);
 /// Allocates an array of width x height elements on the current device; height 0 makes it one-dimensional. It
 /// counts against the budget but has no contents, since no call of the stand-in reads or writes arrays.
 /// cudaErrorInvalidChannelDescriptor: anything but 1, 2 or 4 equal channels of 8, 16 or 32 bits (16 or 32 for
 /// float); cudaErrorInvalidValue: null argument, unknown flags, or an extent beyond 131072 x 65536.
 QX_HOSTCUDA_CALL cudaError_t cudaMallocArray(cudaArray_t* array, const struct cudaChannelFormatDesc* desc, size_t width,
-                                             size_t height QX_HOSTCUDA_DEFAULT(0),
-                                             unsigned int flags QX_HOSTCUDA_DEFAULT(0));
+    size_t height QX_HOSTCUDA_DEFAULT(0), unsigned int flags QX_HOSTCUDA_DEFAULT(0));
 /// Waits for the device of the array, then frees it. Null: nothing. cudaErrorInvalidValue: no live array.
 QX_HOSTCUDA_CALL cudaError_t cudaFreeArray(cudaArray_t array);
 /// Writes descriptor, extent and flags of an array, each unless null. cudaErrorInvalidValue: no live array.
-QX_HOSTCUDA_CALL cudaError_t cudaArrayGetInfo(struct cudaChannelFormatDesc* desc, struct cudaExtent* extent,
-                                              unsigned int* flags, cudaArray_t array);
+QX_HOSTCUDA_CALL cudaError_t cudaArrayGetInfo(
+    struct cudaChannelFormatDesc* desc, struct cudaExtent* extent, unsigned int* flags, cudaArray_t array);
 /// Writes what a pointer refers to; one that no call here allocated is unregistered host memory.
 /// cudaErrorInvalidValue: null attributes.
 QX_HOSTCUDA_CALL cudaError_t cudaPointerGetAttributes(struct cudaPointerAttributes* attributes, const void* ptr);
@@ -530,24 +529,23 @@ QX_HOSTCUDA_CALL cudaError_t cudaPointerGetAttributes(struct cudaPointerAttribut
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpy(void* dst, const void* src, size_t count, enum cudaMemcpyKind kind);
 /// Copies count bytes in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyAsync(void* dst, const void* src, size_t count, enum cudaMemcpyKind kind,
-                                             cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
+    cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Copies height rows of width bytes; the rows begin dpitch and spitch bytes apart. Padding is not touched.
-QX_HOSTCUDA_CALL cudaError_t cudaMemcpy2D(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width,
-                                          size_t height, enum cudaMemcpyKind kind);
+QX_HOSTCUDA_CALL cudaError_t cudaMemcpy2D(
+    void* dst, size_t dpitch, const void* src, size_t spitch, size_t width, size_t height, enum cudaMemcpyKind kind);
 /// cudaMemcpy2D in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpy2DAsync(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width,
-                                               size_t height, enum cudaMemcpyKind kind,
-                                               cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
+    size_t height, enum cudaMemcpyKind kind, cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Sets count bytes of memory that the device can use to the low byte of value.
 QX_HOSTCUDA_CALL cudaError_t cudaMemset(void* devPtr, int value, size_t count);
 /// cudaMemset in stream order.
-QX_HOSTCUDA_CALL cudaError_t cudaMemsetAsync(void* devPtr, int value, size_t count,
-                                             cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
+QX_HOSTCUDA_CALL cudaError_t cudaMemsetAsync(
+    void* devPtr, int value, size_t count, cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Sets height rows of width bytes that begin pitch bytes apart. Padding is not touched.
 QX_HOSTCUDA_CALL cudaError_t cudaMemset2D(void* devPtr, size_t pitch, int value, size_t width, size_t height);
 /// cudaMemset2D in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemset2DAsync(void* devPtr, size_t pitch, int value, size_t width, size_t height,
-                                               cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
+    cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 
 // A symbol is the address of a variable that is declared __constant__ or __device__. cudaErrorInvalidSymbol: null,
 // or not inside the writable data of a loaded module; cudaErrorInvalidValue: the bytes meant leave that data;
@@ -555,21 +553,17 @@ QX_HOSTCUDA_CALL cudaError_t cudaMemset2DAsync(void* devPtr, size_t pitch, int v
 
 /// Copies count bytes to a symbol, beginning offset bytes into it.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyToSymbol(const void* symbol, const void* src, size_t count,
-                                                size_t offset QX_HOSTCUDA_DEFAULT(0),
-                                                enum cudaMemcpyKind kind QX_HOSTCUDA_DEFAULT(cudaMemcpyHostToDevice));
+    size_t offset QX_HOSTCUDA_DEFAULT(0), enum cudaMemcpyKind kind QX_HOSTCUDA_DEFAULT(cudaMemcpyHostToDevice));
 /// cudaMemcpyToSymbol in stream order. Up to 64 KiB of pageable memory are taken along before the call returns, so
 /// that the source may change or go right after it.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyToSymbolAsync(const void* symbol, const void* src, size_t count, size_t offset,
-                                                     enum cudaMemcpyKind kind,
-                                                     cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
+    enum cudaMemcpyKind kind, cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 /// Copies count bytes from a symbol, beginning offset bytes into it.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyFromSymbol(void* dst, const void* symbol, size_t count,
-                                                  size_t offset QX_HOSTCUDA_DEFAULT(0),
-                                                  enum cudaMemcpyKind kind QX_HOSTCUDA_DEFAULT(cudaMemcpyDeviceToHost));
+    size_t offset QX_HOSTCUDA_DEFAULT(0), enum cudaMemcpyKind kind QX_HOSTCUDA_DEFAULT(cudaMemcpyDeviceToHost));
 /// cudaMemcpyFromSymbol in stream order.
 QX_HOSTCUDA_CALL cudaError_t cudaMemcpyFromSymbolAsync(void* dst, const void* symbol, size_t count, size_t offset,
-                                                       enum cudaMemcpyKind kind,
-                                                       cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
+    enum cudaMemcpyKind kind, cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 
 // ---- Streams
 // ------------------------------------------------------------------------------------------------------
@@ -591,8 +585,8 @@ QX_HOSTCUDA_CALL cudaError_t cudaStreamSynchronize(cudaStream_t stream);
 QX_HOSTCUDA_CALL cudaError_t cudaStreamQuery(cudaStream_t stream);
 /// Makes later work of a stream, of any device, wait for what the event's last record captured.
 /// cudaErrorInvalidResourceHandle: also a dead event; cudaErrorInvalidValue: flags other than 0.
-QX_HOSTCUDA_CALL cudaError_t cudaStreamWaitEvent(cudaStream_t stream, cudaEvent_t event,
-                                                 unsigned int flags QX_HOSTCUDA_DEFAULT(0));
+QX_HOSTCUDA_CALL cudaError_t cudaStreamWaitEvent(
+    cudaStream_t stream, cudaEvent_t event, unsigned int flags QX_HOSTCUDA_DEFAULT(0));
 /// Calls a function in stream order on the stream's thread. It is not called once the device has a fault; an
 /// exception that leaves it is a fault (cudaErrorLaunchFailure). cudaErrorInvalidValue: null function.
 QX_HOSTCUDA_CALL cudaError_t cudaLaunchHostFunc(cudaStream_t stream, cudaHostFn_t fn, void* userData);
