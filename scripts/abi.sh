@@ -29,10 +29,10 @@ outcome=0
 checked=0
 libraries=build/abi/Source
 bash Tests/Interface/symbols.sh nm Tests/Interface/symbols.txt $libraries/libQx.Core.so \
-    $libraries/libQx.GPU.ResourceManager.so $libraries/libQx.Cuda.4.0.x64.so ${accept:+--accept} || outcome=1
+    $libraries/libQx.GPU.ResourceManager.so "$libraries/$library_name.x64.so" ${accept:+--accept} || outcome=1
 # Not the stand-in: it has the signatures of the toolkit, against which the tests compare it.
 for library in build/abi/Source/lib*.so; do
-    name=$(basename "$library" .so)
+    name=$(basename "$library" .so | sed "s/^$library_name.*/libQx.Cuda/")
     baseline=$baselines/$name.abi
     described=build/abi/$name.abi
     # Without folders, which differ from machine to machine.

@@ -50,7 +50,7 @@ unpack_sysroot() {
 
 # check_library: the product's file, as a client's linker and loader see it.
 check_library() {
-    local library=build/arm64/Source/libQx.Cuda.4.0.arm64.so facts
+    local library=build/arm64/Source/$library_name.arm64.so facts
     [ -f "$library" ] || die "$library was not built"
     facts=$(LC_ALL=C "$triplet-readelf" --file-header --dynamic "$library")
     grep -q 'Machine: *AArch64$' <<<"$facts" || die "$library is not for 64-bit ARM"

@@ -6,6 +6,10 @@ script=$(realpath "$0")
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 readonly root=$PWD script
 
+# The version of the project, and what the library's file carries of it; CMakeLists.txt is the one place that says it.
+version=$(sed -nE 's/^project\(.* VERSION ([0-9]+\.[0-9]+\.[0-9]+) .*/\1/p' CMakeLists.txt)
+readonly version library_name=libQx.Cuda.${version%.*}
+
 say() { printf '\n== %s\n' "$*"; }
 
 # die MESSAGE WHAT-TO-DO: ends the script.

@@ -20,7 +20,7 @@ log=$root/build/reference.log
 rm -rf "$folder" && mkdir -p build
 say "making the reference of $(wc -l <<<"$headers") headers and $(wc -l <<<"$pages") pages"
 # shellcheck disable=SC2086 # one word a file
-if ! { cat Docs/Doxyfile && printf 'INPUT += %s\n' $pages && printf 'INPUT += Source/%s\n' $headers; } |
+if ! { cat Docs/Doxyfile && printf 'PROJECT_NUMBER = %s\n' "$version" && printf 'INPUT += %s\n' $pages && printf 'INPUT += Source/%s\n' $headers; } |
     doxygen - >"$log" 2>&1 || [ ! -r "$folder/index.html" ]; then
     cat "$log" >&2
     die "Doxygen has complaints" "each line above names a file and a line; mend the comment or the page there"

@@ -4,6 +4,7 @@
   check.py errors ROOT   Docs/errors.md lists the messages that the libraries throw: all of them, no others, each in the
                          section of its source file
   check.py links ROOT    every relative link of a page leads to a file, and so does every path that it names
+  check.py version ROOT  what pages say of the version is that of CMakeLists.txt
 """
 import pathlib
 import re
@@ -100,8 +101,25 @@ def check_links(root):
     return failures if count > 10 else failures + ["hardly any link was found in the pages"]
 
 
+def check_version(root):
+    version = re.search(r"^project\(.* VERSION ([\d.]+) ", (root / "CMakeLists.txt").read_text(), re.M).group(1)
+    major, minor, _ = version.split(".")
+    said = {r"libQx\.Cuda\.([\d.]*\d)": f"{major}.{minor}", r"QxCuda (\d\S*) CONFIG": major,
+            r"\A# Changelog\n\n## ([\d.]+)": version}
+    failures = []
+    for pattern, wanted in said.items():
+        texts = {page: page.read_text() for page in [*root.glob("*.md"), *root.glob("Docs/*.md")]}
+        # Below its newest section the list of changes speaks of older versions.
+        texts[root / "CHANGELOG.md"] = texts[root / "CHANGELOG.md"].split("\n### ")[0]
+        found = [(page, value) for page, text in texts.items() for value in re.findall(pattern, text)]
+        failures += [f"{page.relative_to(root)}: {value} is not {wanted}" for page, value in found if value != wanted]
+        failures += [] if found else [f"no page says anything like {pattern}"]
+    print(f"version {version}")
+    return failures
+
+
 def main():
-    check = {"errors": check_errors, "links": check_links}[sys.argv[1]]
+    check = {"errors": check_errors, "links": check_links, "version": check_version}[sys.argv[1]]
     failures = check(pathlib.Path(sys.argv[2]))
     for failure in failures:
         print(failure)

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the build into an empty prefix, moves that, and builds and runs a client with a kernel against it, by CMake and
 # by pkg-config; then makes the Debian package and looks into it.
-#   install.sh CMAKE BUILD-FOLDER HOST|CUDA COMPILER
+#   install.sh CMAKE BUILD-FOLDER HOST|CUDA COMPILER VERSION
 set -euo pipefail
-cmake=$1 build=$2 platform=$3 compiler=$4
+cmake=$1 build=$2 platform=$3 compiler=$4 version=$5
+major=${version%%.*}
 here=$(cd "$(dirname "$0")" && pwd)
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
@@ -25,12 +26,13 @@ config=$(find "$prefix" -name QxCudaConfig.cmake)
 [ -n "$config" ] || fail "no CMake package was installed"
 grep -rl "$folder/first\|$build" "$prefix" --include=*.cmake --include=*.pc --include=*.h && fail "an installed file names a folder of the build"
 
-"$cmake" -S "$here/client" -B "$folder/client" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
+"$cmake" -S "$here/client" -B "$folder/client" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" \
+    -DCLIENT_WANTS="$major" >/dev/null
 "$cmake" --build "$folder/client" >/dev/null
 runs "$folder/client/client"
 runs "$folder/client/client_test"
-for version in 3 5; do
-    "$cmake" "$folder/client" -DCLIENT_WANTS=$version >/dev/null 2>&1 && fail "a client that wants version $version was served"
+for wanted in $((major - 1)) $((major + 1)); do
+    "$cmake" "$folder/client" -DCLIENT_WANTS=$wanted >/dev/null 2>&1 && fail "a client that wants version $wanted was served"
 done
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name qx-cuda.pc)")
@@ -60,7 +62,7 @@ if command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null && com
         { cat "$folder/cpack.log" >&2 && fail "no Debian package was made"; }
     package=$(find "$folder/package" -maxdepth 1 -name 'qx-cuda_*.deb')
     contents=$(dpkg-deb --contents "$package")
-    for wanted in 'libQx\.Cuda\.4\.0\.[a-z0-9]*\.so$' 'include/Qx\.Cuda/QxCuda\.h$' 'QxCudaConfig\.cmake$' 'qx-cuda\.pc$'; do
+    for wanted in "/libQx\\.Cuda\\.${version%.*}\\.[a-z0-9]*\\.so$" 'include/Qx\.Cuda/QxCuda\.h$' 'QxCudaConfig\.cmake$' 'qx-cuda\.pc$'; do
         grep -Eq "$wanted" <<<"$contents" || fail "the Debian package lacks $wanted"
     done
     dpkg-deb --field "$package" Depends | grep -q libc6 || fail "the Debian package does not say what it needs"

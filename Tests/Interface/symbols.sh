@@ -13,7 +13,7 @@ for argument in "$@"; do
 done
 present=$(for library in "${libraries[@]}"; do
     "$nm" -D --defined-only --demangle "$library" | sed -E 's/^[0-9a-f]* *[A-Za-z] //' | sort -u |
-        sed "s/^/$(basename "$library" | sed -E 's/\.(x64|arm64)\.so$//; s/\.so$//'): /"
+        sed "s/^/$(basename "$library" | sed -E 's/\.so$//; s/(\.[0-9]+){2}\.(x64|arm64)$//'): /"
 done)
 foreign=$(grep -vE '^[^ ]+: ((non-virtual thunk to|typeinfo (name )?for|vtable for) )?Qx::|^[^ ]+: [^(]* Qx::' <<<"$present" || true)
 [ -z "$foreign" ] || { echo "exported, but not ours:" && echo "$foreign" && exit 1; }
