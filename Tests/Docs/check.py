@@ -3,7 +3,8 @@
 
   check.py errors ROOT   Docs/errors.md lists the messages that the libraries throw: all of them, no others, each in the
                          section of its source file
-  check.py links ROOT    every relative link of a page leads to a file, and so does every path that it names
+  check.py links ROOT    every relative link of a page leads to a file, and so does every path that it names; the README
+                         leads to every page
   check.py version ROOT  what pages say of the version is that of CMakeLists.txt
 """
 import pathlib
@@ -97,6 +98,9 @@ def check_links(root):
         count += len(links)
         failures += [f"{page.relative_to(root)}: there is no {link.relative_to(root)}" for link in links
                      if not link.exists()]
+    listed = (root / "README.md").read_text()
+    failures += [f"README.md does not lead to {page.name}" for page in root.glob("Docs/*.md")
+                 if f"](Docs/{page.name})" not in listed]
     print(f"{count} links")
     return failures if count > 10 else failures + ["hardly any link was found in the pages"]
 
