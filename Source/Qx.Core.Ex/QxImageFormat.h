@@ -159,8 +159,7 @@ inline int CQxImageFormat::GetBytesPerChannel() const
     case EDataType::Integral12:
         break;
     }
-    CQxString sMessage("Unknown data type '");
-    Throw({ImageFormatDetail::c_pcFile, "GetBytesPerChannel"}, sMessage << GetDataTypeName(eDataType) << "'");
+    Throw({ImageFormatDetail::c_pcFile, "GetBytesPerChannel"}, "Unknown data type '", GetDataTypeName(eDataType), "'");
 }
 
 inline int CQxImageFormat::GetComponentCount() const

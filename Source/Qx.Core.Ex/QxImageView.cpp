@@ -8,10 +8,10 @@ namespace
 
 constexpr const char* c_pcFile = "Qx.Core.Ex/QxImageView";
 
-CQxString& operator<<(CQxString& sText, const CQxImageFormat& xFormat)
+CQxString _ToText(const CQxImageFormat& xFormat)
 {
-    return sText << xFormat.iWidth << " x " << xFormat.iHeight << " '" << GetPixelTypeName(xFormat.ePixelType) << "' '"
-                 << GetDataTypeName(xFormat.eDataType) << "'";
+    return MakeText(xFormat.iWidth, " x ", xFormat.iHeight, " '", GetPixelTypeName(xFormat.ePixelType), "' '",
+        GetDataTypeName(xFormat.eDataType), "'");
 }
 
 } // namespace
@@ -37,8 +37,8 @@ bool CQxImageView::Create(int iWidth, int iHeight, EPixelType::ID ePixelType, ED
     const CQxImageFormat xFormat(iWidth, iHeight, eDataType, ePixelType);
     if (!(xFormat == m_xFormat))
     {
-        CQxString sMessage("An image view cannot change its format from ");
-        Throw({c_pcFile, "Create"}, sMessage << m_xFormat << " to " << xFormat);
+        Throw({c_pcFile, "Create"}, "An image view cannot change its format from ", _ToText(m_xFormat), " to ",
+            _ToText(xFormat));
     }
     return true;
 }

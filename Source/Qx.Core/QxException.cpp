@@ -33,8 +33,7 @@ void _AppendLink(std::string& sText, const IException& xException)
 
 void Interop::Runtime30::ThrowMalformedGuid(const char* pcText)
 {
-    CQxString sMessage("Malformed GUID text '");
-    Throw({"Qx.Core/QxGuid", "CGuid"}, sMessage << pcText << "'");
+    Throw({"Qx.Core/QxGuid", "CGuid"}, "Malformed GUID text '", pcText, "'");
 }
 
 CQxException::CQxException(CQxString sMessage, CQxString sFile, CQxString sFunction, int iLine)
@@ -130,9 +129,9 @@ const char* CQxException::what() const noexcept
     return m_sMessage.ToCString();
 }
 
-void Throw(const SThrowSite& xSite, const CQxString& sMessage, int iLine)
+void ThrowText(const SThrowPlace& xPlace, const CQxString& sMessage)
 {
-    CQxException xException(sMessage, xSite.pcFile, xSite.pcFunction, iLine);
+    CQxException xException(sMessage, xPlace.xSite.pcFile, xPlace.xSite.pcFunction, xPlace.iLine);
     xException.SetExceptionData();
     throw CQxException(xException);
 }

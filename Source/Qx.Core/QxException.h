@@ -156,9 +156,33 @@ struct SThrowSite
     const char* pcFunction; ///< the operation, without its class
 };
 
-/// Throws a `CQxException` for a failed argument or state check, after its `SetExceptionData`.
-/// @param iLine the line of the throw; left to its default it is the caller's
-[[noreturn]] QX_CORE_API void Throw(const SThrowSite& xSite, const CQxString& sMessage, int iLine = __builtin_LINE());
+/// One throw of a site. Made from the site alone, as an argument, it has the line of the call.
+struct SThrowPlace
+{
+    SThrowPlace(const SThrowSite& xThrowSite, int iThrowLine = __builtin_LINE()) noexcept
+        : xSite(xThrowSite), iLine(iThrowLine)
+    {
+    }
+    SThrowPlace(const char* pcFile, const char* pcFunction, int iThrowLine = __builtin_LINE()) noexcept
+        : xSite{pcFile, pcFunction}, iLine(iThrowLine)
+    {
+    }
+
+    SThrowSite xSite; ///< file and operation
+    int iLine;        ///< the line of the throw
+};
+
+/// Throws a `CQxException` with a finished message, after its `SetExceptionData`.
+[[noreturn]] QX_CORE_API void ThrowText(const SThrowPlace& xPlace, const CQxString& sMessage);
+
+/// Throws a `CQxException` for a failed argument or state check, after its `SetExceptionData`:
+/// `Throw(c_xSite, "Image row of ", nBytes, " bytes is too wide")`.
+/// @param xParts the message, as `MakeText` puts it together
+template <typename... TParts>
+[[noreturn, gnu::cold, gnu::noinline]] void Throw(const SThrowPlace& xPlace, TParts... xParts)
+{
+    ThrowText(xPlace, MakeText(xParts...));
+}
 
 /// Throws a `CQxException` with @p xInner as inner exception, after its `SetExceptionData`.
 [[noreturn]] QX_CORE_API void ThrowWrapped(

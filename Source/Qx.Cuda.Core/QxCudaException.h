@@ -49,8 +49,7 @@ public:
         m_eCudaError = cudaGetLastError();
         const char* pcName = cudaGetErrorName(m_eCudaError);
         const char* pcDescription = cudaGetErrorString(m_eCudaError);
-        m_sCudaErrorText = "";
-        m_sCudaErrorText << pcName << ": " << pcDescription << " (ID " << static_cast<int>(m_eCudaError) << ")";
+        m_sCudaErrorText = MakeText(pcName, ": ", pcDescription, " (ID ", static_cast<int>(m_eCudaError), ")");
         // Not tested: a failed query leaves the device unknown and must not hide the failure that is being reported.
         static_cast<void>(cudaGetDevice(&m_iDeviceID));
         m_sMessage << ". '" << m_sCudaErrorText << "', Device ID: " << m_iDeviceID;
@@ -104,20 +103,21 @@ public:
     ~CQxOutOfMemoryException() override = default;
 };
 
-/// Throws a `CQxCudaException` made by `CreateFirst`.
-/// @param iLine the line of the throw; left to its default it is the caller's
-[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowCuda(
-    const SThrowSite& xSite, const CQxString& sMessage, int iLine = __builtin_LINE())
+/// Throws a `CQxCudaException` made by `CreateFirst`; its message is put together from parts, as `Throw` does.
+template <typename... TParts>
+[[noreturn, gnu::cold, gnu::noinline]] void ThrowCuda(const SThrowPlace& xPlace, TParts... xParts)
 {
-    CQxCudaException xException = CQxCudaException::CreateFirst(sMessage, xSite.pcFile, xSite.pcFunction, iLine);
+    CQxCudaException xException =
+        CQxCudaException::CreateFirst(MakeText(xParts...), xPlace.xSite.pcFile, xPlace.xSite.pcFunction, xPlace.iLine);
     throw CQxCudaException(xException);
 }
 
-/// Throws a `CQxOutOfMemoryException`, after its `SetExceptionData`. Leaves the thread's last CUDA error as it is.
-[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowOutOfMemory(
-    const SThrowSite& xSite, const CQxString& sMessage, int iLine = __builtin_LINE())
+/// Throws a `CQxOutOfMemoryException`, after its `SetExceptionData`; its message is put together from parts, as `Throw`
+/// does. Leaves the thread's last CUDA error as it is.
+template <typename... TParts>
+[[noreturn, gnu::cold, gnu::noinline]] void ThrowOutOfMemory(const SThrowPlace& xPlace, TParts... xParts)
 {
-    CQxOutOfMemoryException xException(sMessage, xSite.pcFile, xSite.pcFunction, iLine);
+    CQxOutOfMemoryException xException(MakeText(xParts...), xPlace.xSite.pcFile, xPlace.xSite.pcFunction, xPlace.iLine);
     xException.SetExceptionData();
     throw CQxOutOfMemoryException(xException);
 }
@@ -128,7 +128,7 @@ inline void CheckCuda(cudaError eResult, const SThrowSite& xSite, const char* pc
 {
     if (eResult != cudaSuccess) [[unlikely]]
     {
-        ThrowCuda(xSite, pcMessage, iLine);
+        ThrowCuda({xSite, iLine}, pcMessage);
     }
 }
 

@@ -37,8 +37,7 @@ void CQxCudaComp::EvalKernelDim_2D_1D(const CQxImageFormat& xFormat, int iResour
 {
     if (xFormat.iWidth <= 0 || xFormat.iHeight <= 0)
     {
-        CQxString sMessage("Invalid array size ");
-        Throw({c_pcFile, "EvalKernelDim_2D_1D"}, sMessage << xFormat.iWidth << " x " << xFormat.iHeight);
+        Throw({c_pcFile, "EvalKernelDim_2D_1D"}, "Invalid array size ", xFormat.iWidth, " x ", xFormat.iHeight);
     }
     // threads x resources > 65536, without a product that could overflow.
     std::int64_t iThreads = std::int64_t{32} * iWarps;
@@ -162,7 +161,7 @@ CQxString CQxCudaComp::_ShowDebugErrorWindow(cudaError eError, const char* pcKer
 void CQxCudaComp::_ThrowReport(
     cudaError eError, const char* pcKernel, const char* pcMessage, const char* pcFunction, int iLine) const
 {
-    ThrowCuda({c_pcFile, pcFunction}, _ShowDebugErrorWindow(eError, pcKernel, pcMessage), iLine);
+    ThrowCuda({c_pcFile, pcFunction, iLine}, _ShowDebugErrorWindow(eError, pcKernel, pcMessage));
 }
 
 } // namespace Qx

@@ -5,7 +5,6 @@
 
 #include <cublas_v2.h>
 
-#include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda/QxCudaDeviceMatrix.h"
 #include "Qx.Cuda/QxCudaDeviceVector.h"
 
@@ -133,9 +132,7 @@ private:
     {
         if (nCount > INT_MAX)
         {
-            char acMessage[64];
-            sprintf_s(acMessage, "Count %llu is too large for CUBLAS", static_cast<unsigned long long>(nCount));
-            Throw(xSite, acMessage);
+            Throw(xSite, "Count ", nCount, " is too large for CUBLAS");
         }
         return static_cast<int>(nCount);
     }

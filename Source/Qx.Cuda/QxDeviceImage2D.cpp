@@ -63,8 +63,7 @@ SChannel _GetChannel(EDataType::ID eDataType, const SThrowSite& xSite)
     case EDataType::Integral12:
         break;
     }
-    CQxString sMessage("Unsupported data type '");
-    Throw(xSite, sMessage << GetDataTypeName(eDataType) << "'");
+    Throw(xSite, "Unsupported data type '", GetDataTypeName(eDataType), "'");
 }
 
 int _GetChannelCount(EPixelType::ID ePixelType, const SThrowSite& xSite)
@@ -89,8 +88,7 @@ int _GetChannelCount(EPixelType::ID ePixelType, const SThrowSite& xSite)
     case EPixelType::TwoComponent:
         break;
     }
-    CQxString sMessage("Unsupported pixel type '");
-    Throw(xSite, sMessage << GetPixelTypeName(ePixelType) << "'");
+    Throw(xSite, "Unsupported pixel type '", GetPixelTypeName(ePixelType), "'");
 }
 
 // One side of a copy: where row 0 is, and the bytes from one row to the next.
@@ -198,7 +196,7 @@ void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat)
             const std::size_t nRowWidth = _RowWidth(xFormat);
             if (nRowWidth > INT32_MAX)
             {
-                Throw(c_xCreate, ("Image row of " + std::to_string(nRowWidth) + " bytes is too wide").c_str());
+                Throw(c_xCreate, "Image row of ", nRowWidth, " bytes is too wide");
             }
             m_xResource =
                 GPU::CResourceManager::GetCudaMemoryPitch(nRowWidth, static_cast<std::size_t>(xFormat.iHeight));

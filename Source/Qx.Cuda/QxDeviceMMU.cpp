@@ -13,19 +13,15 @@ namespace
 constexpr const char* c_pcFile = "Source/Qx.Cuda/QxDeviceMMU";
 
 // Running out of memory reads the same whatever was to be allocated; the function in the exception tells it apart.
-[[noreturn, gnu::cold]] void _ThrowFull(const SThrowSite& xSite, int iLine = __builtin_LINE())
-{
-    ThrowOutOfMemory(xSite, "Error allocating CUDA memory. Out of memory", iLine);
-}
+constexpr const char* c_pcOutOfMemory = "Error allocating CUDA memory. Out of memory";
 
-[[noreturn, gnu::cold]] void _ThrowNotAllocated(
-    cudaError eResult, const SThrowSite& xSite, const char* pcMessage, int iLine = __builtin_LINE())
+[[noreturn, gnu::cold]] void _ThrowNotAllocated(cudaError eResult, const SThrowPlace& xPlace, const char* pcMessage)
 {
     if (eResult == cudaErrorMemoryAllocation)
     {
-        _ThrowFull(xSite, iLine);
+        ThrowOutOfMemory(xPlace, c_pcOutOfMemory);
     }
-    ThrowCuda(xSite, pcMessage, iLine);
+    ThrowCuda(xPlace, pcMessage);
 }
 
 } // namespace
@@ -36,7 +32,7 @@ void* CQxDeviceMMU::QxCudaMalloc(std::size_t nCount, std::size_t nElementSize)
     std::size_t nByteCount = 0;
     if (__builtin_mul_overflow(nCount, nElementSize, &nByteCount)) [[unlikely]]
     {
-        _ThrowFull(c_xSite);
+        ThrowOutOfMemory(c_xSite, c_pcOutOfMemory);
     }
     void* pMemory = nullptr;
     if (const cudaError eResult = cudaMalloc(&pMemory, nByteCount); eResult != cudaSuccess) [[unlikely]]
@@ -67,8 +63,7 @@ cudaArray* CQxDeviceMMU::QxCudaMallocArray(const cudaChannelFormatDesc& xDesc, s
     {
         if (eResult == cudaErrorInvalidChannelDescriptor)
         {
-            CQxString sMessage("Error allocating CUDA array memory. Invalid channel descriptor ");
-            Throw(c_xSite, sMessage << ToString(xDesc));
+            Throw(c_xSite, "Error allocating CUDA array memory. Invalid channel descriptor ", ToString(xDesc));
         }
         _ThrowNotAllocated(eResult, c_xSite, "Error allocating CUDA array memory");
     }
@@ -107,9 +102,7 @@ CQxString CQxDeviceMMU::ToString(const cudaChannelFormatDesc& xDesc)
             return "Unknown)";
         }
     };
-    CQxString sText("(x: ");
-    sText << xDesc.x << ", y: " << xDesc.y << ", z: " << xDesc.z << ", w: " << xDesc.w << ", f: " << GetKind();
-    return sText;
+    return MakeText("(x: ", xDesc.x, ", y: ", xDesc.y, ", z: ", xDesc.z, ", w: ", xDesc.w, ", f: ", GetKind());
 }
 
 } // namespace Qx

@@ -1,6 +1,5 @@
 #include "Qx.Cuda/QxDeviceMapping3D.h"
 
-#include <string>
 #include <utility>
 
 #include "Qx.Cuda.Core/QxCudaException.h"
@@ -25,8 +24,7 @@ std::uint32_t _GridBytes(const std::array<int, 3>& vCounts)
     if (__builtin_mul_overflow(nBytes, static_cast<std::uint64_t>(vCounts[2]), &nBytes) ||
         __builtin_mul_overflow(nBytes, sizeof(float), &nBytes) || nBytes > UINT32_MAX)
     {
-        CQxString sMessage("Mapping of ");
-        Throw(c_xCreate, sMessage << vCounts[0] << " x " << vCounts[1] << " x " << vCounts[2] << " cells is too large");
+        Throw(c_xCreate, "Mapping of ", vCounts[0], " x ", vCounts[1], " x ", vCounts[2], " cells is too large");
     }
     return static_cast<std::uint32_t>(nBytes);
 }
@@ -81,10 +79,8 @@ void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
             const std::uint32_t uBytes = xMapping.GetByteCount();
             if (uBytes < uGridBytes)
             {
-                Throw(c_xCreate,
-                    ("Mapping of " + std::to_string(uBytes) + " bytes is smaller than its " +
-                        std::to_string(uGridBytes / sizeof(float)) + " cells")
-                        .c_str());
+                Throw(c_xCreate, "Mapping of ", uBytes, " bytes is smaller than its ", uGridBytes / sizeof(float),
+                    " cells");
             }
             // The counts alone do not tell whether there is a block, nor whether it has room for the copy.
             const bool bKeepsBlock = IsValid() && uBytes == _GetByteCount();
@@ -132,8 +128,7 @@ void CQxDeviceMapping3D::Download(CQxMapping3D& xMapping) const
             const std::uint32_t uBytes = xMapping.GetByteCount();
             if (uBytes > m_xResource.m_nSize)
             {
-                Throw(c_xDownload,
-                    ("Host mapping of " + std::to_string(uBytes) + " bytes is larger than the device mapping").c_str());
+                Throw(c_xDownload, "Host mapping of ", uBytes, " bytes is larger than the device mapping");
             }
             CheckCuda(cudaMemcpy(xMapping.GetDataPtr(), m_xResource.m_pDevice, uBytes, cudaMemcpyDeviceToHost),
                 c_xDownload, "Error copying memory from device to host");

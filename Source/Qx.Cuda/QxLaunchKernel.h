@@ -5,7 +5,6 @@
 
 #include <cuda_runtime.h>
 
-#include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.Cuda/QxCudaComp.h"
 
@@ -31,10 +30,8 @@ struct SKernel
 /// Throws what `LaunchKernel` throws; apart from it, because it is the same for every kernel.
 [[noreturn, gnu::cold, gnu::noinline]] inline void _ThrowLaunch(const dim3& xGrid, const dim3& xBlock)
 {
-    char acMessage[160];
-    sprintf_s(acMessage, "Error launching kernel with grid [%u, %u, %u] and block [%u, %u, %u]", xGrid.x, xGrid.y,
-        xGrid.z, xBlock.x, xBlock.y, xBlock.z);
-    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, acMessage);
+    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, "Error launching kernel with grid [", xGrid.x, ", ",
+        xGrid.y, ", ", xGrid.z, "] and block [", xBlock.x, ", ", xBlock.y, ", ", xBlock.z, "]");
 }
 
 /// Launches a client's kernel, from one source for every platform: `LaunchKernel<Sharpen>(xGrid, xBlock, pStream,

@@ -10,7 +10,6 @@
 #include <cuda_runtime_api.h>
 #include <unistd.h>
 
-#include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.GPU.ResourceManager/BlockPool.h"
 
@@ -140,24 +139,13 @@ cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
 
 [[noreturn]] void _ThrowPoolOutOfMemory(const SBlockKey& xKey, const SThrowSite& xSite)
 {
-    char acRequest[80];
-    if (xKey.eKind == EBlockKind::Pitched)
-    {
-        sprintf_s(acRequest, "%zu rows of %zu bytes", xKey.nRows, xKey.nWidth);
-    }
-    else
-    {
-        sprintf_s(acRequest, "%zu bytes", xKey.nWidth);
-    }
     const bool bPageLocked = xKey.eKind == EBlockKind::PageLocked;
+    const CQxString sRows = xKey.eKind == EBlockKind::Pitched ? MakeText(xKey.nRows, " rows of ") : CQxString();
     const SPoolStatistics xStatistics = g_xPool.GetStatistics(xKey.iDevice);
-    char acText[320];
-    sprintf_s(acText,
-        "Error allocating %s memory. Out of memory: requested %s, in use %zu bytes in %zu blocks, idle %zu "
-        "bytes in %zu blocks, Device ID: %d",
-        bPageLocked ? "page-locked" : "GPU", acRequest, xStatistics.nBytesInUse, xStatistics.nBlocksInUse,
-        xStatistics.nBytesIdle, xStatistics.nBlocksIdle, bPageLocked ? HostPoolOf(xKey.iDevice) : xKey.iDevice);
-    ThrowOutOfMemory(xSite, acText);
+    ThrowOutOfMemory(xSite, "Error allocating ", bPageLocked ? "page-locked" : "GPU",
+        " memory. Out of memory: requested ", sRows, xKey.nWidth, " bytes", ", in use ", xStatistics.nBytesInUse,
+        " bytes in ", xStatistics.nBlocksInUse, " blocks, idle ", xStatistics.nBytesIdle, " bytes in ",
+        xStatistics.nBlocksIdle, " blocks, Device ID: ", bPageLocked ? HostPoolOf(xKey.iDevice) : xKey.iDevice);
 }
 
 // Frees blocks that were taken out of the pool, first to last. When one cannot be freed, it and those after it return
@@ -235,9 +223,7 @@ SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
 
 [[noreturn, gnu::cold]] void _ThrowNotLent(const void* pDevice, const char* pcWhy, const SThrowSite& xSite)
 {
-    char acText[120];
-    sprintf_s(acText, "Error releasing GPU memory. Block %p %s", pDevice, pcWhy);
-    Throw(xSite, acText);
+    Throw(xSite, "Error releasing GPU memory. Block ", pDevice, " ", pcWhy);
 }
 
 [[gnu::noinline]] void _ReleaseOrFree(CResource& xResource, bool bFree, const SThrowSite& xSite)

@@ -48,6 +48,15 @@ TEST(String, AppendingChainsTextsAndSignedDecimals)
     EXPECT_STREQ(sText.ToCString(), "one two -2147483648/2147483647");
 }
 
+TEST(String, AMessageIsMadeOfTextsNumbersOfAnyWidthAndAddresses)
+{
+    const char* pcNull = nullptr;
+    EXPECT_STREQ(MakeText("a", pcNull, CQxString("b"), ' ' + 0, " ", static_cast<short>(-1), " ", LLONG_MIN, " ",
+                     ULLONG_MAX, " ", 7U, " ", reinterpret_cast<const void*>(0xabc0))
+                     .ToCString(),
+        "ab32 -1 -9223372036854775808 18446744073709551615 7 0xabc0");
+}
+
 TEST(String, TakesItsOwnTextAsArgument)
 {
     CQxString sText("abc");
