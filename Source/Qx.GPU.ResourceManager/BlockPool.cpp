@@ -1,61 +1,34 @@
 #include "Qx.GPU.ResourceManager/BlockPool.h"
 
+#include <utility>
+
 namespace Qx::GPU
 {
 
-CDroppedRecords::~CDroppedRecords()
-{
-    while (const SBlock* const pBlock = m_xBlocks.PopFront())
-    {
-        delete pBlock;
-    }
-    while (m_pBuckets != nullptr)
-    {
-        const SBucket* const pBucket = m_pBuckets;
-        m_pBuckets = pBucket->pNextInChain;
-        delete pBucket;
-    }
-}
-
-SBlock& CBlockPool::AddLent(const SBlockKey& xKey, std::unique_ptr<SBlock> pBlock, std::unique_ptr<SBucket>& pBucket,
-    CDroppedRecords& xDropped) noexcept
+SBlock& CBlockPool::AddLent(std::unique_ptr<SBlock> pBlock) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
     std::size_t nHolders = 1;
     if (SBlock* const pGone = m_xBlocks.Find(pBlock->pMemory))
     {
         nHolders += pGone->nHolders;
-        m_xBlocks.Remove(*pGone);
-        if (pGone->pBucket != nullptr)
-        {
-            if (pGone->nHolders == 0)
-            {
-                _TakeIdle(*pGone);
-            }
-            _Uncount(*pGone);
-            _LeaveBucket(*pGone, xDropped);
-        }
-        xDropped.Add(*pGone);
+        _Drop(*pGone);
     }
-    SBucket* pUsedBucket = m_xBuckets.Find(xKey);
-    if (pUsedBucket == nullptr)
-    {
-        pUsedBucket = pBucket.release();
-        pUsedBucket->xKey = xKey;
-        pUsedBucket->pDevice = _FindDevice(xKey.iDevice);
-        m_xBuckets.Insert(*pUsedBucket);
-    }
-    ++pUsedBucket->nBlocks;
-    ++pUsedBucket->pDevice->xStatistics.uMisses;
     SBlock& xBlock = *pBlock.release();
-    xBlock.pBucket = pUsedBucket;
-    m_xBlocks.Insert(xBlock);
-    _Count(xBlock);
+    ++m_nBlocks;
+    m_xBlocks.Reserve(m_nBlocks);
+    m_xIdle.Reserve(m_nBlocks);
+    m_xBlocks.InsertFirst(xBlock);
+    SPool& xPool = *_Find(xBlock.xKey.xPool);
+    xBlock.pPool = &xPool;
+    ++xPool.nBlocks;
+    xPool.nBytes += xBlock.nBytes;
+    ++xPool.xStatistics.uMisses;
     _MakeLent(xBlock, nHolders);
     return xBlock;
 }
 
-ERelease CBlockPool::Release(CResource& xResource, bool bFree, CTakenBlocks& xTaken, CDroppedRecords& xDropped) noexcept
+ERelease CBlockPool::Release(CResource& xResource, bool bFree, SBlock*& pTaken) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
     SBlock* const pBlock = m_xBlocks.Find(xResource.m_pDevice);
@@ -67,28 +40,27 @@ ERelease CBlockPool::Release(CResource& xResource, bool bFree, CTakenBlocks& xTa
     {
         return ERelease::IsIdle;
     }
-    if (pBlock->pBucket == nullptr || pBlock->nHolders > 1)
+    if (pBlock->pPool == nullptr || pBlock->nHolders > 1)
     {
         xResource.m_pDevice = nullptr;
         if (--pBlock->nHolders == 0)
         {
-            m_xBlocks.Remove(*pBlock);
-            xDropped.Add(*pBlock);
+            _Drop(*pBlock);
         }
         return ERelease::Done;
     }
-    SDevice& xDevice = *pBlock->pBucket->pDevice;
     if (!IsClosed())
     {
-        if (bFree || pBlock->nBytes > xDevice.nIdleLimit)
+        SPool& xPool = *pBlock->pPool;
+        if (bFree || pBlock->nBytes > xPool.nIdleLimit)
         {
-            m_xBlocks.Remove(*pBlock);
-            xTaken.PushBack(*pBlock);
+            pBlock->SLink<SByAddress>::Unlink();
+            pTaken = pBlock;
             return ERelease::FreeBlock;
         }
-        if (pBlock->nBytes > _IdleRoom(xDevice))
+        pTaken = _TakeIdleAbove(xPool, xPool.nIdleLimit - pBlock->nBytes);
+        if (pTaken != nullptr)
         {
-            _TakeIdleAbove(xDevice, xDevice.nIdleLimit - pBlock->nBytes, xTaken);
             return ERelease::FreeIdleFirst;
         }
     }
@@ -96,165 +68,152 @@ ERelease CBlockPool::Release(CResource& xResource, bool bFree, CTakenBlocks& xTa
     return ERelease::Done;
 }
 
-void CBlockPool::TakeIdleAbove(int iDevice, std::size_t nBytesToKeep, CTakenBlocks& xTaken) noexcept
+SBlock* CBlockPool::TakeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
-    if (SDevice* const pDevice = _FindDevice(iDevice))
+    SPool* const pPool = _Find(xName);
+    return pPool != nullptr ? _TakeIdleAbove(*pPool, nBytesToKeep) : nullptr;
+}
+
+void CBlockPool::Settle(SBlock& xTaken, bool bFreed) noexcept
+{
+    const std::lock_guard xLock(m_xMutex);
+    SPoolStatistics& xStatistics = xTaken.pPool->xStatistics;
+    const bool bIdle = xTaken.nHolders == 0;
+    if (bFreed)
     {
-        _TakeIdleAbove(*pDevice, nBytesToKeep, xTaken);
+        xStatistics.uTrimmedBlocks += bIdle ? 1 : 0;
+        xStatistics.uTrimmedBytes += bIdle ? xTaken.nBytes : 0;
+        _Drop(xTaken);
+        return;
+    }
+    m_xBlocks.InsertFirst(xTaken);
+    if (bIdle)
+    {
+        m_xIdle.InsertLast(xTaken);
+        xTaken.SLink<SByUse>::InsertAfter(*xTaken.pPool->xIdle.pPrevious);
     }
 }
 
-void CBlockPool::Settle(CTakenBlocks& xFreed, CTakenBlocks& xKept, CDroppedRecords& xDropped) noexcept
+bool CBlockPool::IsKnown(const SPoolName& xName, bool& bHostMemory) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
-    while (SBlock* const pBlock = xFreed.PopFront())
+    const SPool* const pPool = _Find(xName);
+    bHostMemory = pPool != nullptr && pPool->bHostMemory;
+    return pPool != nullptr && pPool->bIsKnown;
+}
+
+void CBlockPool::Learn(const SPoolName& xName, bool bHostMemory, std::size_t nDefaultIdleLimit)
+{
+    const std::lock_guard xLock(m_xMutex);
+    SPool& xPool = _FindOrAdd(xName);
+    xPool.bHostMemory = bHostMemory;
+    xPool.bIsKnown = true;
+    if (!xPool.bHasIdleLimit)
     {
-        if (pBlock->nHolders == 0)
-        {
-            SPoolStatistics& xStatistics = pBlock->pBucket->pDevice->xStatistics;
-            ++xStatistics.uTrimmedBlocks;
-            xStatistics.uTrimmedBytes += pBlock->nBytes;
-        }
-        else
-        {
-            _Uncount(*pBlock);
-        }
-        _LeaveBucket(*pBlock, xDropped);
-        xDropped.Add(*pBlock);
-    }
-    // Taken least recently used first, so the last one goes back first to become the most recent of them.
-    while (SBlock* const pBlock = xKept.Last())
-    {
-        xKept.Remove(*pBlock);
-        m_xBlocks.Insert(*pBlock);
-        if (pBlock->nHolders == 0)
-        {
-            pBlock->pBucket->xIdle.PushBack(*pBlock);
-            pBlock->pBucket->pDevice->xIdle.PushBack(*pBlock);
-            _Count(*pBlock);
-            _CountIdle(*pBlock);
-        }
+        xPool.nIdleLimit = nDefaultIdleLimit;
     }
 }
 
-bool CBlockPool::IsDeviceKnown(int iDevice, bool& bHostMemory) noexcept
+void CBlockPool::SetIdleLimit(const SPoolName& xName, std::size_t nBytes)
 {
     const std::lock_guard xLock(m_xMutex);
-    const SDevice* const pDevice = _FindDevice(iDevice);
-    if (pDevice == nullptr || !pDevice->bIsKnown)
-    {
-        return false;
-    }
-    bHostMemory = pDevice->bHostMemory;
-    return true;
+    SPool& xPool = _FindOrAdd(xName);
+    xPool.nIdleLimit = nBytes;
+    xPool.bHasIdleLimit = true;
 }
 
-void CBlockPool::SetDevice(
-    int iDevice, bool bHostMemory, std::size_t nDefaultIdleLimit, std::unique_ptr<SDevice>& pDevice) noexcept
+SPoolStatistics CBlockPool::GetStatistics(const SPoolName& xName) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
-    SDevice& xDevice = _Device(iDevice, pDevice);
-    xDevice.bHostMemory = bHostMemory;
-    xDevice.bIsKnown = true;
-    if (!xDevice.bHasIdleLimit)
-    {
-        xDevice.nIdleLimit = nDefaultIdleLimit;
-    }
-}
-
-void CBlockPool::SetIdleLimit(int iDevice, std::size_t nBytes, std::unique_ptr<SDevice>& pDevice) noexcept
-{
-    const std::lock_guard xLock(m_xMutex);
-    SDevice& xDevice = _Device(iDevice, pDevice);
-    xDevice.nIdleLimit = nBytes;
-    xDevice.bHasIdleLimit = true;
-}
-
-SPoolStatistics CBlockPool::GetStatistics(int iDevice) noexcept
-{
-    const std::lock_guard xLock(m_xMutex);
-    const SDevice* const pDevice = _FindDevice(iDevice);
-    if (pDevice == nullptr)
+    const SPool* const pPool = _Find(xName);
+    if (pPool == nullptr)
     {
         return {};
     }
-    SPoolStatistics xStatistics = pDevice->xStatistics;
-    xStatistics.nBlocksInUse = pDevice->nBlocks - xStatistics.nBlocksIdle;
-    xStatistics.nBytesInUse = pDevice->nBytes - xStatistics.nBytesIdle;
+    SPoolStatistics xStatistics = pPool->xStatistics;
+    xStatistics.nBlocksInUse = pPool->nBlocks - xStatistics.nBlocksIdle;
+    xStatistics.nBytesInUse = pPool->nBytes - xStatistics.nBytesIdle;
     return xStatistics;
 }
 
-void CBlockPool::Forget(int iDevice, CDroppedRecords& xDropped) noexcept
+void CBlockPool::Forget(const SPoolName& xName) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
-    SDevice* const pDevice = _FindDevice(iDevice);
-    if (pDevice == nullptr)
+    SPool* const pPool = _Find(xName);
+    if (pPool == nullptr)
     {
         return;
     }
-    while (SBlock* const pBlock = pDevice->xIdle.First())
+    while (!pPool->xIdle.IsAlone())
     {
-        _TakeIdle(*pBlock);
-        _Uncount(*pBlock);
-        m_xBlocks.Remove(*pBlock);
-        _LeaveBucket(*pBlock, xDropped);
-        xDropped.Add(*pBlock);
+        _Drop(static_cast<SBlock&>(*pPool->xIdle.pNext));
     }
     m_xBlocks.ForEach(
         [&](SBlock& xBlock)
         {
-            if (xBlock.pBucket != nullptr && xBlock.pBucket->pDevice == pDevice)
+            if (xBlock.pPool == pPool)
             {
-                _Uncount(xBlock);
-                _LeaveBucket(xBlock, xDropped);
+                _LeavePool(xBlock);
             }
         });
 }
 
-SDevice* CBlockPool::_FindDevice(int iDevice) const noexcept
+SPool* CBlockPool::_Find(const SPoolName& xName) const noexcept
 {
-    SDevice* pDevice = m_pDevices;
-    while (pDevice != nullptr && pDevice->iDevice != iDevice)
+    SPool* pPool = m_pPools;
+    while (pPool != nullptr && pPool->xName != xName)
     {
-        pDevice = pDevice->pNext;
+        pPool = pPool->pNext;
     }
-    return pDevice;
+    return pPool;
 }
 
-SDevice& CBlockPool::_Device(int iDevice, std::unique_ptr<SDevice>& pDevice) noexcept
+SPool& CBlockPool::_FindOrAdd(const SPoolName& xName)
 {
-    if (SDevice* const pKnown = _FindDevice(iDevice))
+    SPool* pPool = _Find(xName);
+    if (pPool == nullptr)
     {
-        return *pKnown;
+        pPool = new SPool;
+        pPool->xName = xName;
+        pPool->pNext = std::exchange(m_pPools, pPool);
     }
-    pDevice->iDevice = iDevice;
-    pDevice->pNext = m_pDevices;
-    m_pDevices = pDevice.release();
-    return *m_pDevices;
+    return *pPool;
 }
 
-void CBlockPool::_TakeIdleAbove(SDevice& xDevice, std::size_t nBytesToKeep, CTakenBlocks& xTaken) noexcept
+SBlock* CBlockPool::_TakeIdleAbove(SPool& xPool, std::size_t nBytesToKeep) noexcept
 {
-    while (xDevice.xStatistics.nBytesIdle > nBytesToKeep)
+    if (xPool.xStatistics.nBytesIdle <= nBytesToKeep)
     {
-        SBlock& xBlock = *xDevice.xIdle.Last();
-        _TakeIdle(xBlock);
-        _Uncount(xBlock);
-        m_xBlocks.Remove(xBlock);
-        xTaken.PushBack(xBlock);
+        return nullptr;
     }
+    auto& xBlock = static_cast<SBlock&>(*xPool.xIdle.pPrevious);
+    xBlock.SLink<SByAddress>::Unlink();
+    xBlock.SLink<SByKey>::Unlink();
+    xBlock.SLink<SByUse>::Unlink();
+    return &xBlock;
 }
 
-void CBlockPool::_LeaveBucket(SBlock& xBlock, CDroppedRecords& xDropped) noexcept
+void CBlockPool::_LeavePool(SBlock& xBlock) noexcept
 {
-    SBucket& xBucket = *xBlock.pBucket;
-    xBlock.pBucket = nullptr;
-    if (--xBucket.nBlocks == 0)
+    if (xBlock.nHolders == 0)
     {
-        m_xBuckets.Remove(xBucket);
-        xDropped.Add(xBucket);
+        _LeaveIdle(xBlock);
     }
+    --xBlock.pPool->nBlocks;
+    xBlock.pPool->nBytes -= xBlock.nBytes;
+    xBlock.pPool = nullptr;
+}
+
+void CBlockPool::_Drop(SBlock& xBlock) noexcept
+{
+    if (xBlock.pPool != nullptr)
+    {
+        _LeavePool(xBlock);
+    }
+    xBlock.SLink<SByAddress>::Unlink();
+    --m_nBlocks;
+    delete &xBlock;
 }
 
 } // namespace Qx::GPU

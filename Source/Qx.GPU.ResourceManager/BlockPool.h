@@ -13,120 +13,84 @@
 namespace Qx::GPU
 {
 
-enum class EBlockKind
+/// Names one pool: the memory of a device, or the host memory that was page-locked while it was current.
+struct SPoolName
 {
-    Linear,
-    Pitched,
-    PageLocked
-};
+    int iDevice = 0;
+    EPool ePool = EPool::Device;
 
-/// The page-locked host memory that was allocated while @p iDevice was current has records of its own beside those of
-/// the device's memory, under a number that no device has, below 0. It goes with the device all the same when that is
-/// reset.
-constexpr int HostPoolOf(int iDevice) noexcept
-{
-    return ~iDevice;
-}
+    friend bool operator==(const SPoolName&, const SPoolName&) noexcept = default;
+};
 
 /// What a block was asked for; requests are answered by blocks of an equal key only.
 struct SBlockKey
 {
-    int iDevice = 0; ///< `HostPoolOf` the device when page-locked
-    EBlockKind eKind = EBlockKind::Linear;
+    SPoolName xPool;
+    bool bPitched = false;
     std::size_t nWidth = 0; ///< bytes of a row; of the whole block unless pitched
-    std::size_t nRows = 0;  ///< 1 unless pitched
+    std::size_t nRows = 1;  ///< 1 unless pitched
 
     friend bool operator==(const SBlockKey&, const SBlockKey&) noexcept = default;
 };
 
-struct SBucket;
-
-/// One device block: lent, idle, or taken out of the pool in order to be freed.
-struct SBlock
+/// A block's place among all but the taken ones, by their addresses.
+struct SByAddress
 {
-    static std::uint64_t HashOf(const void* pDevice) noexcept
+    static std::uint64_t HashOf(const void* pMemory) noexcept
     {
-        return reinterpret_cast<std::uintptr_t>(pDevice) * 0x9E3779B97F4A7C15U;
+        return reinterpret_cast<std::uintptr_t>(pMemory) * 0x9E3779B97F4A7C15U;
     }
-    std::uint64_t GetHash() const noexcept { return HashOf(pMemory); }
-    bool HasKey(const void* pDevice) const noexcept { return pMemory == pDevice; }
+};
 
+/// A block's place among the idle ones, by what they answer.
+struct SByKey
+{
+    static std::uint64_t HashOf(const SBlockKey& xKey) noexcept
+    {
+        // One large odd factor for each number: none of them alone, nor steps of two at once, crowd the upper bits.
+        const auto uPlace = static_cast<std::uint64_t>(xKey.xPool.iDevice) * 4 +
+            static_cast<std::uint64_t>(xKey.xPool.ePool) * 2 + static_cast<std::uint64_t>(xKey.bPitched);
+        return xKey.nWidth * 0x9E3779B97F4A7C15U + xKey.nRows * 0xBF58476D1CE4E5B9U + uPlace * 0x94D049BB133111EBU;
+    }
+};
+
+/// A block's place among the idle ones of its pool, last released first.
+struct SByUse;
+
+struct SPool;
+
+/// One block: lent, idle, or taken out of the pool in order to be freed, and then in none of the lists.
+struct SBlock : SLink<SByAddress>, SLink<SByKey>, SLink<SByUse>
+{
+    SBlockKey xKey;
     void* pMemory = nullptr;
     std::size_t nPitch = 0; ///< of a pitched block
-    std::size_t nBytes = 0; ///< of the device, padding included
+    std::size_t nBytes = 0; ///< of the memory, padding included
     bool bHostMemory = false;
+    SPool* pPool = nullptr; ///< null: the block is lent but forgotten
 
     /// How many releases are to come before the block is idle: 0 idle, 1 lent. More when the address was handed out
     /// again by the runtime while blocks that were lent at the same address had not been given back.
     std::size_t nHolders = 0;
-
-    SBucket* pBucket = nullptr; ///< null: the block is lent but forgotten
-    SLinks<SBlock> xOfBucket;   ///< among the idle blocks of the bucket, last released first
-    SLinks<SBlock> xOfDevice;   ///< among the idle blocks of the device, last released first, or among taken ones
-    SBlock* pNextInChain = nullptr;
 
     // What the caller sees. Never read, because a caller may change it.
     CCudaMemoryResource xLinear;
     CCudaMemoryPitchResource xPitched;
 };
 
-using CTakenBlocks = CIntrusiveList<SBlock, &SBlock::xOfDevice>;
-
-/// The pool of one device, or of the host memory that was page-locked for it; kept until the process ends.
-struct SDevice
+/// A pool; kept until the process ends.
+struct SPool
 {
-    int iDevice = 0;
-    bool bHostMemory = false; ///< blocks that are not pitched are page-locked memory
-    bool bIsKnown = false;    ///< the value above and the memory that there is were found out
+    SPoolName xName;
+    bool bIsKnown = false;      ///< the next value and the memory that there is were found out
+    bool bHostMemory = false;   ///< blocks that are not pitched are page-locked memory
+    bool bHasIdleLimit = false; ///< the client set it
     std::size_t nIdleLimit = 0;
-    bool bHasIdleLimit = false;  ///< the client set it
     std::size_t nBlocks = 0;     ///< lent and idle
     std::size_t nBytes = 0;      ///< of them
     SPoolStatistics xStatistics; ///< the blocks and bytes in use are derived from the above when asked for
-    CIntrusiveList<SBlock, &SBlock::xOfDevice> xIdle;
-    SDevice* pNext = nullptr;
-};
-
-/// The blocks of one key; lives as long as there is one.
-struct SBucket
-{
-    static std::uint64_t HashOf(const SBlockKey& xKey) noexcept
-    {
-        constexpr std::uint64_t c_uFactor = 0x9E3779B97F4A7C15U;
-        std::uint64_t uHash = xKey.nWidth * c_uFactor;
-        uHash = ((uHash ^ (uHash >> 32)) + xKey.nRows) * c_uFactor;
-        const auto uPlace = static_cast<std::uint64_t>(xKey.iDevice) * 4 + static_cast<std::uint64_t>(xKey.eKind);
-        return ((uHash ^ (uHash >> 32)) + uPlace) * c_uFactor;
-    }
-    std::uint64_t GetHash() const noexcept { return HashOf(xKey); }
-    bool HasKey(const SBlockKey& xOther) const noexcept { return xKey == xOther; }
-
-    SBlockKey xKey;
-    SDevice* pDevice = nullptr;
-    CIntrusiveList<SBlock, &SBlock::xOfBucket> xIdle;
-    std::size_t nBlocks = 0; ///< idle, lent and taken ones
-    SBucket* pNextInChain = nullptr;
-};
-
-/// Records that left the pool. They are deleted with this object, which is to be outside the lock.
-class CDroppedRecords
-{
-public:
-    CDroppedRecords() noexcept = default;
-    CDroppedRecords(const CDroppedRecords&) = delete;
-    CDroppedRecords& operator=(const CDroppedRecords&) = delete;
-    ~CDroppedRecords();
-
-    void Add(SBlock& xBlock) noexcept { m_xBlocks.PushBack(xBlock); }
-    void Add(SBucket& xBucket) noexcept
-    {
-        xBucket.pNextInChain = m_pBuckets;
-        m_pBuckets = &xBucket;
-    }
-
-private:
-    CTakenBlocks m_xBlocks;
-    SBucket* m_pBuckets = nullptr;
+    SLink<SByUse> xIdle;
+    SPool* pNext = nullptr;
 };
 
 enum class ERelease
@@ -134,16 +98,16 @@ enum class ERelease
     Done,          ///< the resource is empty
     Unknown,       ///< not a block of the pool
     IsIdle,        ///< given back before
-    FreeIdleFirst, ///< the taken blocks must be freed to make room, then the release repeated
+    FreeIdleFirst, ///< the taken block must be freed to make room, then the release repeated
     FreeBlock      ///< the taken block is the released one: it must be freed instead of kept
 };
 
-/// The records of the pool. Every operation holds the lock for its own duration, and none of them makes a CUDA call,
-/// throws or runs a destructor of something it was given: blocks that are to be freed are taken out and handed to the
-/// caller, who frees them and reports with `Settle`. A taken block is found by nobody, so that it can neither be lent
-/// nor be mistaken for a new block that the runtime places at the same address.
+/// The records of the pools. Every operation holds the lock for its own duration and makes no CUDA call: a block that
+/// is to be freed is taken out and handed to the caller, who frees it and reports with `Settle`. A taken block is found
+/// by nobody, so that it can neither be lent nor be mistaken for a new block that the runtime places at the same
+/// address.
 ///
-/// The destructor is trivial: the one pool of the process is never destroyed.
+/// The destructor is trivial: the one object of the process is never destroyed.
 class CBlockPool
 {
 public:
@@ -155,24 +119,20 @@ public:
     SBlock* Lend(const SBlockKey& xKey) noexcept
     {
         const std::lock_guard xLock(m_xMutex);
-        SBucket* const pBucket = m_xBuckets.Find(xKey);
-        if (pBucket == nullptr || pBucket->xIdle.IsEmpty())
+        SBlock* const pBlock = m_xIdle.Find(xKey);
+        if (pBlock != nullptr)
         {
-            return nullptr;
+            _LeaveIdle(*pBlock);
+            ++pBlock->pPool->xStatistics.uHits;
+            _MakeLent(*pBlock, 1);
         }
-        SBlock& xBlock = *pBucket->xIdle.First();
-        _TakeIdle(xBlock);
-        ++pBucket->pDevice->xStatistics.uHits;
-        _MakeLent(xBlock, 1);
-        return &xBlock;
+        return pBlock;
     }
 
-    /// Records @p pBlock, a new block of @p xKey that is now lent. @p pBucket is used when the key has no bucket.
-    /// The device must have a record. A record that holds the same address can only be of memory that is gone: those
-    /// who still have it must give it back before this block becomes idle, because nobody can tell which of them is
-    /// releasing.
-    SBlock& AddLent(const SBlockKey& xKey, std::unique_ptr<SBlock> pBlock, std::unique_ptr<SBucket>& pBucket,
-        CDroppedRecords& xDropped) noexcept;
+    /// Records @p pBlock, a new block that is now lent. Its pool must be known. A record that holds the same address
+    /// can only be of memory that is gone: those who still have it must give it back before this block becomes idle,
+    /// because nobody can tell which of them is releasing.
+    SBlock& AddLent(std::unique_ptr<SBlock> pBlock) noexcept;
 
     /// Takes the block of @p xResource back where it simply becomes idle, which is the common case; returns false and
     /// does nothing where it does not.
@@ -180,8 +140,8 @@ public:
     {
         const std::lock_guard xLock(m_xMutex);
         SBlock* const pBlock = m_xBlocks.Find(xResource.m_pDevice);
-        if (pBlock == nullptr || pBlock->nHolders != 1 || pBlock->pBucket == nullptr ||
-            pBlock->nBytes > _IdleRoom(*pBlock->pBucket->pDevice)) [[unlikely]]
+        if (pBlock == nullptr || pBlock->nHolders != 1 || pBlock->pPool == nullptr ||
+            pBlock->nBytes > _IdleRoom(*pBlock->pPool)) [[unlikely]]
         {
             return false;
         }
@@ -190,30 +150,29 @@ public:
     }
 
     /// Takes the block of @p xResource back.
-    ERelease Release(CResource& xResource, bool bFree, CTakenBlocks& xTaken, CDroppedRecords& xDropped) noexcept;
+    ERelease Release(CResource& xResource, bool bFree, SBlock*& pTaken) noexcept;
 
-    /// Takes out idle blocks of @p iDevice, least recently used first, until at most @p nBytesToKeep idle bytes remain.
-    void TakeIdleAbove(int iDevice, std::size_t nBytesToKeep, CTakenBlocks& xTaken) noexcept;
+    /// Takes out the least recently used idle block of a pool whose idle bytes exceed @p nBytesToKeep; null when they
+    /// do not.
+    SBlock* TakeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep) noexcept;
 
-    /// Reports what became of taken blocks: @p xFreed are gone, @p xKept return to what they were.
-    void Settle(CTakenBlocks& xFreed, CTakenBlocks& xKept, CDroppedRecords& xDropped) noexcept;
+    /// Reports what became of a taken block: it is gone with its record, or returns to what it was.
+    void Settle(SBlock& xTaken, bool bFreed) noexcept;
 
-    /// True when the device has a record with its properties; @p bHostMemory is set then.
-    bool IsDeviceKnown(int iDevice, bool& bHostMemory) noexcept;
+    /// True when the properties of the pool are recorded; @p bHostMemory is set then.
+    bool IsKnown(const SPoolName& xName, bool& bHostMemory) noexcept;
 
-    /// Records the properties of a device; an idle limit that was set before stays. @p pDevice is used when the device
-    /// has no record.
-    void SetDevice(
-        int iDevice, bool bHostMemory, std::size_t nDefaultIdleLimit, std::unique_ptr<SDevice>& pDevice) noexcept;
+    /// Records the properties of a pool; an idle limit that was set before stays. Throws `std::bad_alloc`.
+    void Learn(const SPoolName& xName, bool bHostMemory, std::size_t nDefaultIdleLimit);
 
-    /// Sets the idle limit of a device. @p pDevice is used when the device has no record.
-    void SetIdleLimit(int iDevice, std::size_t nBytes, std::unique_ptr<SDevice>& pDevice) noexcept;
+    /// Sets the idle limit of a pool. Throws `std::bad_alloc`.
+    void SetIdleLimit(const SPoolName& xName, std::size_t nBytes);
 
-    /// Zeros when the device has no record.
-    SPoolStatistics GetStatistics(int iDevice) noexcept;
+    /// Zeros for a pool that was never used.
+    SPoolStatistics GetStatistics(const SPoolName& xName) noexcept;
 
-    /// Drops the idle blocks of @p iDevice; a lent one stays recorded until it is given back, but belongs to no device.
-    void Forget(int iDevice, CDroppedRecords& xDropped) noexcept;
+    /// Drops the idle blocks of a pool; a lent one stays recorded until it is given back, but belongs to no pool.
+    void Forget(const SPoolName& xName) noexcept;
 
     /// From now on nothing is taken out in order to be freed. Takes no lock, because the process may be exiting on a
     /// thread whose siblings were stopped while they held it.
@@ -222,79 +181,60 @@ public:
     bool IsClosed() const noexcept { return m_bClosed.load(std::memory_order_relaxed); }
 
 private:
-    SDevice* _FindDevice(int iDevice) const noexcept;
-    SDevice& _Device(int iDevice, std::unique_ptr<SDevice>& pDevice) noexcept;
-    static void _Count(const SBlock& xBlock) noexcept
+    SPool* _Find(const SPoolName& xName) const noexcept;
+    SPool& _FindOrAdd(const SPoolName& xName);
+    static void _LeaveIdle(SBlock& xBlock) noexcept
     {
-        SDevice& xDevice = *xBlock.pBucket->pDevice;
-        ++xDevice.nBlocks;
-        xDevice.nBytes += xBlock.nBytes;
+        SPoolStatistics& xStatistics = xBlock.pPool->xStatistics;
+        --xStatistics.nBlocksIdle;
+        xStatistics.nBytesIdle -= xBlock.nBytes;
+        xBlock.SLink<SByKey>::Unlink();
+        xBlock.SLink<SByUse>::Unlink();
     }
-    static void _Uncount(const SBlock& xBlock) noexcept
+    static std::size_t _IdleRoom(const SPool& xPool) noexcept
     {
-        SDevice& xDevice = *xBlock.pBucket->pDevice;
-        --xDevice.nBlocks;
-        xDevice.nBytes -= xBlock.nBytes;
+        return xPool.nIdleLimit - std::min(xPool.xStatistics.nBytesIdle, xPool.nIdleLimit);
     }
-    static void _CountIdle(const SBlock& xBlock) noexcept
-    {
-        SPoolStatistics& xStatistics = xBlock.pBucket->pDevice->xStatistics;
-        ++xStatistics.nBlocksIdle;
-        xStatistics.nBytesIdle += xBlock.nBytes;
-    }
-    static void _TakeIdle(SBlock& xBlock) noexcept
-    {
-        SDevice& xDevice = *xBlock.pBucket->pDevice;
-        xBlock.pBucket->xIdle.Remove(xBlock);
-        xDevice.xIdle.Remove(xBlock);
-        --xDevice.xStatistics.nBlocksIdle;
-        xDevice.xStatistics.nBytesIdle -= xBlock.nBytes;
-    }
-    static std::size_t _IdleRoom(const SDevice& xDevice) noexcept
-    {
-        const std::size_t nIdle = xDevice.xStatistics.nBytesIdle;
-        return xDevice.nIdleLimit - std::min(nIdle, xDevice.nIdleLimit);
-    }
-    static void _MakeIdle(SBlock& xBlock, CResource& xResource) noexcept
+    void _MakeIdle(SBlock& xBlock, CResource& xResource) noexcept
     {
         // Emptied before anyone else can be given the block: the resource may be the one inside the record.
         xResource.m_pDevice = nullptr;
         xBlock.nHolders = 0;
-        xBlock.pBucket->xIdle.PushFront(xBlock);
-        xBlock.pBucket->pDevice->xIdle.PushFront(xBlock);
-        _CountIdle(xBlock);
+        m_xIdle.InsertFirst(xBlock);
+        xBlock.SLink<SByUse>::InsertAfter(xBlock.pPool->xIdle);
+        SPoolStatistics& xStatistics = xBlock.pPool->xStatistics;
+        ++xStatistics.nBlocksIdle;
+        xStatistics.nBytesIdle += xBlock.nBytes;
     }
     static void _MakeLent(SBlock& xBlock, std::size_t nHolders) noexcept
     {
         xBlock.nHolders = nHolders;
-        const SBlockKey& xKey = xBlock.pBucket->xKey;
-        if (xKey.eKind != EBlockKind::Pitched)
+        if (!xBlock.xKey.bPitched)
         {
             xBlock.xLinear.m_pDevice = xBlock.pMemory;
-            xBlock.xLinear.m_nSize = xKey.nWidth;
+            xBlock.xLinear.m_nSize = xBlock.xKey.nWidth;
         }
         else
         {
             xBlock.xPitched.m_pDevice = xBlock.pMemory;
             xBlock.xPitched.m_nPitch = xBlock.nPitch;
-            xBlock.xPitched.m_nWidth = xKey.nWidth;
-            xBlock.xPitched.m_nRows = xKey.nRows;
+            xBlock.xPitched.m_nWidth = xBlock.xKey.nWidth;
+            xBlock.xPitched.m_nRows = xBlock.xKey.nRows;
         }
-        SDevice& xDevice = *xBlock.pBucket->pDevice;
-        const std::size_t nBytesInUse = xDevice.nBytes - xDevice.xStatistics.nBytesIdle;
-        if (xDevice.xStatistics.nPeakBytesInUse < nBytesInUse)
-        {
-            xDevice.xStatistics.nPeakBytesInUse = nBytesInUse;
-        }
+        SPool& xPool = *xBlock.pPool;
+        SPoolStatistics& xStatistics = xPool.xStatistics;
+        xStatistics.nPeakBytesInUse = std::max(xStatistics.nPeakBytesInUse, xPool.nBytes - xStatistics.nBytesIdle);
     }
-    void _TakeIdleAbove(SDevice& xDevice, std::size_t nBytesToKeep, CTakenBlocks& xTaken) noexcept;
-    void _LeaveBucket(SBlock& xBlock, CDroppedRecords& xDropped) noexcept;
+    static SBlock* _TakeIdleAbove(SPool& xPool, std::size_t nBytesToKeep) noexcept;
+    static void _LeavePool(SBlock& xBlock) noexcept;
+    void _Drop(SBlock& xBlock) noexcept;
 
     std::mutex m_xMutex;
     std::atomic<bool> m_bClosed = false;
-    CIntrusiveTable<SBucket> m_xBuckets;
-    CIntrusiveTable<SBlock> m_xBlocks;
-    SDevice* m_pDevices = nullptr;
+    CIntrusiveTable<SBlock, SByAddress, &SBlock::pMemory> m_xBlocks;
+    CIntrusiveTable<SBlock, SByKey, &SBlock::xKey> m_xIdle;
+    std::size_t m_nBlocks = 0;
+    SPool* m_pPools = nullptr;
 };
 
 } // namespace Qx::GPU

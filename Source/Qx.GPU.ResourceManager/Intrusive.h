@@ -1,82 +1,49 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <new>
+#include <utility>
 
 namespace Qx::GPU
 {
 
-/// The neighbours of a node in one list.
-template <typename TNode>
-struct SLinks
+/// A place in a ring: a list is one of these with its nodes around it, a node outside lists is alone. What is in
+/// several lists at once has a base of this kind for each, told apart by @p TTag. Nothing here allocates or owns.
+template <typename TTag>
+struct SLink
 {
-    TNode* pPrevious = nullptr;
-    TNode* pNext = nullptr;
+    constexpr SLink() noexcept = default;
+    SLink(const SLink&) = delete;
+    SLink& operator=(const SLink&) = delete;
+
+    bool IsAlone() const noexcept { return pNext == this; }
+
+    /// Puts this link, which is alone, behind @p xOther.
+    void InsertAfter(SLink& xOther) noexcept
+    {
+        pPrevious = &xOther;
+        pNext = xOther.pNext;
+        pNext->pPrevious = xOther.pNext = this;
+    }
+
+    /// Leaves this link alone and closes the gap; does nothing when it is alone already.
+    void Unlink() noexcept
+    {
+        pPrevious->pNext = pNext;
+        pNext->pPrevious = pPrevious;
+        pPrevious = pNext = this;
+    }
+
+    SLink* pPrevious = this;
+    SLink* pNext = this;
 };
 
-/// A doubly linked list through the member @p pLinks of its nodes. It owns nothing and never allocates.
-template <typename TNode, SLinks<TNode> TNode::*pLinks>
-class CIntrusiveList
-{
-public:
-    bool IsEmpty() const noexcept { return m_pFirst == nullptr; }
-
-    /// The first node; null when empty.
-    TNode* First() const noexcept { return m_pFirst; }
-
-    /// The last node; null when empty.
-    TNode* Last() const noexcept { return m_pLast; }
-
-    /// The node after @p xNode; null at the end.
-    static TNode* Next(const TNode& xNode) noexcept { return (xNode.*pLinks).pNext; }
-
-    void PushFront(TNode& xNode) noexcept
-    {
-        xNode.*pLinks = {nullptr, m_pFirst};
-        (m_pFirst != nullptr ? (m_pFirst->*pLinks).pPrevious : m_pLast) = &xNode;
-        m_pFirst = &xNode;
-    }
-
-    void PushBack(TNode& xNode) noexcept
-    {
-        xNode.*pLinks = {m_pLast, nullptr};
-        (m_pLast != nullptr ? (m_pLast->*pLinks).pNext : m_pFirst) = &xNode;
-        m_pLast = &xNode;
-    }
-
-    /// Takes out @p xNode, which must be in this list.
-    void Remove(TNode& xNode) noexcept
-    {
-        const SLinks<TNode> xLinks = xNode.*pLinks;
-        (xLinks.pPrevious != nullptr ? (xLinks.pPrevious->*pLinks).pNext : m_pFirst) = xLinks.pNext;
-        (xLinks.pNext != nullptr ? (xLinks.pNext->*pLinks).pPrevious : m_pLast) = xLinks.pPrevious;
-    }
-
-    /// Takes out the first node; null when empty.
-    TNode* PopFront() noexcept
-    {
-        TNode* const pNode = m_pFirst;
-        if (pNode != nullptr)
-        {
-            m_pFirst = (pNode->*pLinks).pNext;
-            (m_pFirst != nullptr ? (m_pFirst->*pLinks).pPrevious : m_pLast) = nullptr;
-        }
-        return pNode;
-    }
-
-private:
-    TNode* m_pFirst = nullptr;
-    TNode* m_pLast = nullptr;
-};
-
-/// A hash table that chains its nodes through their member `pNextInChain`. It owns the chain heads only.
+/// A hash table that chains its nodes by their base `SLink<TTag>` and finds them by their member @p pKey, whose hash
+/// `TTag::HashOf` has its upper bits well mixed.
 ///
 /// Nothing fails: when there is no memory for more chains the present ones get longer. The destructor is trivial, so
-/// that a table may live as long as the process; chain heads that it allocated stay allocated.
-///
-/// A node has `HashOf(key)` (static), `GetHash()` and `HasKey(key)`; the upper bits of a hash must be well mixed.
-template <typename TNode>
+/// that a table may live as long as the process; chains that it allocated stay allocated.
+template <typename TNode, typename TTag, auto pKey>
 class CIntrusiveTable
 {
 public:
@@ -86,38 +53,57 @@ public:
     CIntrusiveTable(const CIntrusiveTable&) = delete;
     CIntrusiveTable& operator=(const CIntrusiveTable&) = delete;
 
-    /// The node of @p xKey; null when there is none.
+    /// The first node of @p xKey; null when there is none.
     template <typename TKey>
     TNode* Find(const TKey& xKey) const noexcept
     {
-        TNode* pNode = m_ppChains[TNode::HashOf(xKey) >> m_iShift];
-        while (pNode != nullptr && !pNode->HasKey(xKey))
+        SLink<TTag>& xChain = _ChainOf(xKey);
+        for (SLink<TTag>* pLink = xChain.pNext; pLink != &xChain; pLink = pLink->pNext)
         {
-            pNode = pNode->pNextInChain;
+            auto& xNode = static_cast<TNode&>(*pLink);
+            if (xNode.*pKey == xKey)
+            {
+                return &xNode;
+            }
         }
-        return pNode;
+        return nullptr;
     }
 
-    void Insert(TNode& xNode) noexcept
-    {
-        if (m_nNodes >= _ChainCount())
-        {
-            _Grow();
-        }
-        _Link(xNode);
-        ++m_nNodes;
-    }
+    /// Puts @p xNode, which is in no table, before those of an equal key.
+    void InsertFirst(TNode& xNode) noexcept { xNode.SLink<TTag>::InsertAfter(_ChainOf(xNode.*pKey)); }
 
-    /// Takes out @p xNode, which must be in this table.
-    void Remove(TNode& xNode) noexcept
+    /// Puts @p xNode, which is in no table, behind those of an equal key.
+    void InsertLast(TNode& xNode) noexcept { xNode.SLink<TTag>::InsertAfter(*_ChainOf(xNode.*pKey).pPrevious); }
+
+    /// Makes chains for @p nNodes nodes, if it can.
+    void Reserve(std::size_t nNodes) noexcept
     {
-        TNode** ppNode = &m_ppChains[xNode.GetHash() >> m_iShift];
-        while (*ppNode != &xNode)
+        const std::size_t nOldChains = _ChainCount();
+        if (nNodes <= nOldChains)
         {
-            ppNode = &(*ppNode)->pNextInChain;
+            return;
         }
-        *ppNode = xNode.pNextInChain;
-        --m_nNodes;
+        auto* const pNewChains = new (std::nothrow) SLink<TTag>[nOldChains * 4];
+        if (pNewChains == nullptr)
+        {
+            return;
+        }
+        SLink<TTag>* const pOldChains = std::exchange(m_pChains, pNewChains);
+        m_iShift -= 2;
+        for (std::size_t nChain = 0; nChain < nOldChains; ++nChain)
+        {
+            // From behind to the front, which keeps the order of equal keys.
+            while (!pOldChains[nChain].IsAlone())
+            {
+                auto& xNode = static_cast<TNode&>(*pOldChains[nChain].pPrevious);
+                xNode.SLink<TTag>::Unlink();
+                InsertFirst(xNode);
+            }
+        }
+        if (pOldChains != m_vFirstChains)
+        {
+            delete[] pOldChains;
+        }
     }
 
     /// Calls @p xVisit with every node; it must not change the table.
@@ -126,9 +112,9 @@ public:
     {
         for (std::size_t nChain = 0; nChain < _ChainCount(); ++nChain)
         {
-            for (TNode* pNode = m_ppChains[nChain]; pNode != nullptr; pNode = pNode->pNextInChain)
+            for (SLink<TTag>* pLink = m_pChains[nChain].pNext; pLink != &m_pChains[nChain]; pLink = pLink->pNext)
             {
-                xVisit(*pNode);
+                xVisit(static_cast<TNode&>(*pLink));
             }
         }
     }
@@ -138,42 +124,14 @@ private:
 
     std::size_t _ChainCount() const noexcept { return std::size_t{1} << (64 - m_iShift); }
 
-    void _Link(TNode& xNode) noexcept
+    template <typename TKey>
+    SLink<TTag>& _ChainOf(const TKey& xKey) const noexcept
     {
-        TNode*& pChain = m_ppChains[xNode.GetHash() >> m_iShift];
-        xNode.pNextInChain = pChain;
-        pChain = &xNode;
+        return m_pChains[TTag::HashOf(xKey) >> m_iShift];
     }
 
-    void _Grow() noexcept
-    {
-        const std::size_t nOldChains = _ChainCount();
-        TNode** const ppNewChains = new (std::nothrow) TNode* [nOldChains * 4] {};
-        if (ppNewChains == nullptr)
-        {
-            return;
-        }
-        TNode** const ppOldChains = m_ppChains;
-        m_ppChains = ppNewChains;
-        m_iShift -= 2;
-        for (std::size_t nChain = 0; nChain < nOldChains; ++nChain)
-        {
-            for (TNode* pNode = ppOldChains[nChain]; pNode != nullptr;)
-            {
-                TNode* const pNext = pNode->pNextInChain;
-                _Link(*pNode);
-                pNode = pNext;
-            }
-        }
-        if (ppOldChains != m_vFirstChains)
-        {
-            delete[] ppOldChains;
-        }
-    }
-
-    TNode* m_vFirstChains[std::size_t{1} << c_iFirstBits] = {};
-    TNode** m_ppChains = m_vFirstChains;
-    std::size_t m_nNodes = 0;
+    SLink<TTag> m_vFirstChains[std::size_t{1} << c_iFirstBits];
+    SLink<TTag>* m_pChains = m_vFirstChains;
     int m_iShift = 64 - c_iFirstBits;
 };
 

@@ -35,11 +35,6 @@ constexpr SThrowSite _Site(const char* pcFunction)
     return {"Source/Qx.GPU.ResourceManager/ResourceManager", pcFunction};
 }
 
-int _PoolOf(int iDevice, EPool ePool)
-{
-    return ePool == EPool::Device ? iDevice : HostPoolOf(iDevice);
-}
-
 int _CurrentDevice(const SThrowSite& xSite)
 {
     if (g_xPool.IsClosed()) [[unlikely]]
@@ -75,56 +70,43 @@ std::size_t _HostMemory()
     return iPages > 0 && iPageBytes > 0 ? static_cast<std::size_t>(iPages) * static_cast<std::size_t>(iPageBytes) : 0;
 }
 
-// Returns whether blocks of the key are page-locked host memory. Asks the device once; when that fails the next request
-// asks again.
-bool _NeedsHostMemory(const SBlockKey& xKey, const SThrowSite& xSite)
+// Records what a pool of the current device is to know, and returns whether its linear blocks are page-locked memory.
+// When the device cannot be asked the next request tries again.
+bool _Learn(const SPoolName& xName, const SThrowSite& xSite)
 {
-    bool bHostMemory = false;
-    if (!g_xPool.IsDeviceKnown(xKey.iDevice, bHostMemory))
+    constexpr const char* c_pcMessage = "Error querying CUDA device";
+    std::size_t nFree = 0;
+    std::size_t nTotal = 0;
+    CheckCuda(cudaMemGetInfo(&nFree, &nTotal), xSite, c_pcMessage);
+    bool bHostMemory = xName.ePool == EPool::PageLocked;
+    const std::size_t nIdleLimit = bHostMemory ? _HostMemory() / 8 : nTotal / 2;
+    if (!bHostMemory)
     {
-        constexpr const char* c_pcMessage = "Error querying CUDA device";
-        auto pDevice = std::make_unique<SDevice>();
-        std::size_t nFree = 0;
-        std::size_t nTotal = 0;
-        CheckCuda(cudaMemGetInfo(&nFree, &nTotal), xSite, c_pcMessage);
-        std::size_t nIdleLimit = nTotal / 2;
-        if (xKey.eKind == EBlockKind::PageLocked)
-        {
-            bHostMemory = true;
-            nIdleLimit = _HostMemory() / 8;
-        }
-        else
-        {
-            int iConcurrent = 0;
-            int iIntegrated = 0;
-            CheckCuda(cudaDeviceGetAttribute(&iConcurrent, cudaDevAttrConcurrentManagedAccess, xKey.iDevice), xSite,
-                c_pcMessage);
-            CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, xKey.iDevice), xSite, c_pcMessage);
-            bHostMemory = iConcurrent == 0 && iIntegrated != 0;
-        }
-        _WatchForExit();
-        g_xPool.SetDevice(xKey.iDevice, bHostMemory, nIdleLimit, pDevice);
+        int iConcurrent = 0;
+        int iIntegrated = 0;
+        CheckCuda(cudaDeviceGetAttribute(&iConcurrent, cudaDevAttrConcurrentManagedAccess, xName.iDevice), xSite,
+            c_pcMessage);
+        CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, xName.iDevice), xSite, c_pcMessage);
+        bHostMemory = iConcurrent == 0 && iIntegrated != 0;
     }
-    return bHostMemory && xKey.eKind != EBlockKind::Pitched;
+    _WatchForExit();
+    g_xPool.Learn(xName, bHostMemory, nIdleLimit);
+    return bHostMemory;
 }
 
-cudaError _FreeMemory(const SBlock& xBlock)
+// Fills in the memory of xBlock, which has its key. A width or row count of 0 is served like 1, because a block needs
+// an address.
+cudaError _AllocateMemory(SBlock& xBlock)
 {
-    return xBlock.bHostMemory ? cudaFreeHost(xBlock.pMemory) : cudaFree(xBlock.pMemory);
-}
-
-// Fills in the memory of xBlock. A width or row count of 0 is served like 1, because a block needs an address.
-cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
-{
-    const std::size_t nWidth = std::max<std::size_t>(xKey.nWidth, 1);
-    const std::size_t nRows = std::max<std::size_t>(xKey.nRows, 1);
-    if (xKey.eKind != EBlockKind::Pitched)
+    const std::size_t nWidth = std::max<std::size_t>(xBlock.xKey.nWidth, 1);
+    const std::size_t nRows = std::max<std::size_t>(xBlock.xKey.nRows, 1);
+    if (!xBlock.xKey.bPitched)
     {
         xBlock.nBytes = nWidth;
         // With unified addressing, which every 64-bit platform has, mapped memory's host and device address agree.
         return xBlock.bHostMemory
             ? cudaHostAlloc(&xBlock.pMemory, nWidth,
-                  xKey.eKind == EBlockKind::PageLocked ? cudaHostAllocPortable : cudaHostAllocMapped)
+                  xBlock.xKey.xPool.ePool == EPool::PageLocked ? cudaHostAllocPortable : cudaHostAllocMapped)
             : cudaMallocManaged(&xBlock.pMemory, nWidth, cudaMemAttachGlobal);
     }
     cudaError eResult = cudaMallocPitch(&xBlock.pMemory, &xBlock.nPitch, nWidth, nRows);
@@ -139,50 +121,45 @@ cudaError _AllocateMemory(const SBlockKey& xKey, SBlock& xBlock)
 
 [[noreturn]] void _ThrowPoolOutOfMemory(const SBlockKey& xKey, const SThrowSite& xSite)
 {
-    const bool bPageLocked = xKey.eKind == EBlockKind::PageLocked;
-    const CQxString sRows = xKey.eKind == EBlockKind::Pitched ? MakeText(xKey.nRows, " rows of ") : CQxString();
-    const SPoolStatistics xStatistics = g_xPool.GetStatistics(xKey.iDevice);
+    const bool bPageLocked = xKey.xPool.ePool == EPool::PageLocked;
+    const CQxString sRows = xKey.bPitched ? MakeText(xKey.nRows, " rows of ") : CQxString();
+    const SPoolStatistics xStatistics = g_xPool.GetStatistics(xKey.xPool);
     ThrowOutOfMemory(xSite, "Error allocating ", bPageLocked ? "page-locked" : "GPU",
         " memory. Out of memory: requested ", sRows, xKey.nWidth, " bytes", ", in use ", xStatistics.nBytesInUse,
         " bytes in ", xStatistics.nBlocksInUse, " blocks, idle ", xStatistics.nBytesIdle, " bytes in ",
-        xStatistics.nBlocksIdle, " blocks, Device ID: ", bPageLocked ? HostPoolOf(xKey.iDevice) : xKey.iDevice);
+        xStatistics.nBlocksIdle, " blocks, Device ID: ", xKey.xPool.iDevice);
 }
 
-// Frees blocks that were taken out of the pool, first to last. When one cannot be freed, it and those after it return
-// to the pool.
-cudaError _FreeTaken(CTakenBlocks& xTaken, CDroppedRecords& xDropped)
+// Frees a block that was taken out of the pool; when that fails it returns to the pool.
+void _FreeTaken(SBlock& xTaken, CResource* pEmptied, const SThrowSite& xSite, const char* pcMessage)
 {
-    CTakenBlocks xFreed;
-    cudaError eResult = cudaSuccess;
-    while (SBlock* const pBlock = xTaken.First())
+    const cudaError eResult = xTaken.bHostMemory ? cudaFreeHost(xTaken.pMemory) : cudaFree(xTaken.pMemory);
+    if (eResult == cudaSuccess && pEmptied != nullptr)
     {
-        eResult = _FreeMemory(*pBlock);
-        if (eResult != cudaSuccess)
-        {
-            break;
-        }
-        xTaken.Remove(*pBlock);
-        xFreed.PushBack(*pBlock);
+        pEmptied->m_pDevice = nullptr; // it may be inside the record, which goes now
     }
-    g_xPool.Settle(xFreed, xTaken, xDropped);
-    return eResult;
+    g_xPool.Settle(xTaken, eResult == cudaSuccess);
+    CheckCuda(eResult, xSite, pcMessage);
 }
 
-void _FreeTakenIdle(CTakenBlocks& xTaken, const SThrowSite& xSite)
+void _FreeIdle(SBlock& xTaken, const SThrowSite& xSite)
 {
-    if (!xTaken.IsEmpty())
-    {
-        CDroppedRecords xDropped;
-        CheckCuda(_FreeTaken(xTaken, xDropped), xSite, "Error freeing idle GPU memory");
-    }
+    _FreeTaken(xTaken, nullptr, xSite, "Error freeing idle GPU memory");
 }
 
-void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSite)
+// Frees as many blocks as were idle at first: others may go on giving some back.
+void _FreeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep, const SThrowSite& xSite)
 {
     const std::lock_guard xLock(g_xFreeing);
-    CTakenBlocks xTaken;
-    g_xPool.TakeIdleAbove(iDevice, nBytesToKeep, xTaken);
-    _FreeTakenIdle(xTaken, xSite);
+    for (std::size_t nIdle = g_xPool.GetStatistics(xName).nBlocksIdle; nIdle > 0; --nIdle)
+    {
+        SBlock* const pTaken = g_xPool.TakeIdleAbove(xName, nBytesToKeep);
+        if (pTaken == nullptr)
+        {
+            return;
+        }
+        _FreeIdle(*pTaken, xSite);
+    }
 }
 
 [[gnu::noinline]] SBlock& _LendNew(const SBlockKey& xKey, const SThrowSite& xSite)
@@ -192,17 +169,22 @@ void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSi
     {
         _ThrowPoolOutOfMemory(xKey, xSite);
     }
-    // Everything that the host must provide comes before the device's block, which then cannot be lost.
+    bool bHostMemory = false;
+    if (!g_xPool.IsKnown(xKey.xPool, bHostMemory))
+    {
+        bHostMemory = _Learn(xKey.xPool, xSite);
+    }
+    // The record comes before the memory, which then cannot be lost.
     auto pBlock = std::make_unique<SBlock>();
-    auto pBucket = std::make_unique<SBucket>();
-    pBlock->bHostMemory = _NeedsHostMemory(xKey, xSite);
+    pBlock->xKey = xKey;
+    pBlock->bHostMemory = bHostMemory && !xKey.bPitched;
 
-    cudaError eResult = _AllocateMemory(xKey, *pBlock);
+    cudaError eResult = _AllocateMemory(*pBlock);
     if (eResult == cudaErrorMemoryAllocation)
     {
         static_cast<void>(cudaGetLastError());
-        _FreeIdleAbove(xKey.iDevice, 0, xSite);
-        eResult = _AllocateMemory(xKey, *pBlock);
+        _FreeIdleAbove(xKey.xPool, 0, xSite);
+        eResult = _AllocateMemory(*pBlock);
     }
     if (eResult == cudaErrorMemoryAllocation)
     {
@@ -210,9 +192,8 @@ void _FreeIdleAbove(int iDevice, std::size_t nBytesToKeep, const SThrowSite& xSi
         _ThrowPoolOutOfMemory(xKey, xSite);
     }
     CheckCuda(eResult, xSite,
-        xKey.eKind == EBlockKind::PageLocked ? "Error allocating page-locked memory" : "Error allocating GPU memory");
-    CDroppedRecords xDropped;
-    return g_xPool.AddLent(xKey, std::move(pBlock), pBucket, xDropped);
+        xKey.xPool.ePool == EPool::PageLocked ? "Error allocating page-locked memory" : "Error allocating GPU memory");
+    return g_xPool.AddLent(std::move(pBlock));
 }
 
 SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
@@ -231,10 +212,8 @@ SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
     const std::lock_guard xLock(g_xFreeing);
     for (;;)
     {
-        // Deletes records last: the resource may be inside one.
-        CDroppedRecords xDropped;
-        CTakenBlocks xTaken;
-        switch (g_xPool.Release(xResource, bFree, xTaken, xDropped))
+        SBlock* pTaken = nullptr;
+        switch (g_xPool.Release(xResource, bFree, pTaken))
         {
         case ERelease::Done:
             return;
@@ -243,11 +222,10 @@ SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
         case ERelease::IsIdle:
             _ThrowNotLent(xResource.m_pDevice, "was given back already", xSite);
         case ERelease::FreeBlock:
-            CheckCuda(_FreeTaken(xTaken, xDropped), xSite, "Error freeing GPU memory");
-            xResource.m_pDevice = nullptr;
+            _FreeTaken(*pTaken, &xResource, xSite, "Error freeing GPU memory");
             return;
         case ERelease::FreeIdleFirst:
-            _FreeTakenIdle(xTaken, xSite);
+            _FreeIdle(*pTaken, xSite);
             break;
         }
     }
@@ -258,19 +236,19 @@ SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
 CCudaMemoryPitchResource& CResourceManager::GetCudaMemoryPitch(std::size_t nWidth, std::size_t nRows)
 {
     static constexpr SThrowSite c_xSite = _Site("GetCudaMemoryPitch");
-    return _Lend({_CurrentDevice(c_xSite), EBlockKind::Pitched, nWidth, nRows}, c_xSite).xPitched;
+    return _Lend({{_CurrentDevice(c_xSite), EPool::Device}, true, nWidth, nRows}, c_xSite).xPitched;
 }
 
 CCudaMemoryResource& CResourceManager::GetCudaMemory(std::size_t nSize)
 {
     static constexpr SThrowSite c_xSite = _Site("GetCudaMemory");
-    return _Lend({_CurrentDevice(c_xSite), EBlockKind::Linear, nSize, 1}, c_xSite).xLinear;
+    return _Lend({{_CurrentDevice(c_xSite), EPool::Device}, false, nSize, 1}, c_xSite).xLinear;
 }
 
 CCudaMemoryResource& CResourceManager::GetPageLockedMemory(std::size_t nSize)
 {
     static constexpr SThrowSite c_xSite = _Site("GetPageLockedMemory");
-    return _Lend({HostPoolOf(_CurrentDevice(c_xSite)), EBlockKind::PageLocked, nSize, 1}, c_xSite).xLinear;
+    return _Lend({{_CurrentDevice(c_xSite), EPool::PageLocked}, false, nSize, 1}, c_xSite).xLinear;
 }
 
 void CResourceManager::ReleaseResource(CResource& xResource, bool bFree)
@@ -285,38 +263,32 @@ void CResourceManager::ReleaseResource(CResource& xResource, bool bFree)
 
 SPoolStatistics CResourceManager::GetStatistics(int iDevice, EPool ePool)
 {
-    return iDevice >= 0 ? g_xPool.GetStatistics(_PoolOf(iDevice, ePool)) : SPoolStatistics{};
+    return g_xPool.GetStatistics({iDevice, ePool});
 }
 
 SPoolStatistics CResourceManager::GetStatistics()
 {
-    return g_xPool.GetStatistics(_CurrentDevice(_Site("GetStatistics")));
+    return g_xPool.GetStatistics({_CurrentDevice(_Site("GetStatistics")), EPool::Device});
 }
 
 void CResourceManager::Trim(std::size_t nBytesToKeep, EPool ePool)
 {
     static constexpr SThrowSite c_xSite = _Site("Trim");
-    _FreeIdleAbove(_PoolOf(_CurrentDevice(c_xSite), ePool), nBytesToKeep, c_xSite);
+    _FreeIdleAbove({_CurrentDevice(c_xSite), ePool}, nBytesToKeep, c_xSite);
 }
 
 void CResourceManager::SetIdleLimit(std::size_t nBytes, EPool ePool)
 {
     static constexpr SThrowSite c_xSite = _Site("SetIdleLimit");
-    const int iPool = _PoolOf(_CurrentDevice(c_xSite), ePool);
-    auto pDevice = std::make_unique<SDevice>();
-    g_xPool.SetIdleLimit(iPool, nBytes, pDevice);
-    _FreeIdleAbove(iPool, nBytes, c_xSite);
+    const SPoolName xName{_CurrentDevice(c_xSite), ePool};
+    g_xPool.SetIdleLimit(xName, nBytes);
+    _FreeIdleAbove(xName, nBytes, c_xSite);
 }
 
 void CResourceManager::ForgetDevice(int iDevice)
 {
-    if (iDevice < 0)
-    {
-        return;
-    }
-    CDroppedRecords xDropped;
-    g_xPool.Forget(iDevice, xDropped);
-    g_xPool.Forget(HostPoolOf(iDevice), xDropped);
+    g_xPool.Forget({iDevice, EPool::Device});
+    g_xPool.Forget({iDevice, EPool::PageLocked});
 }
 
 } // namespace Qx::GPU

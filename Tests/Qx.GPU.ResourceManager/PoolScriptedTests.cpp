@@ -252,9 +252,8 @@ TEST_F(PoolScripted, StatisticsCountBlocksWithTheirPadding)
     const SPoolStatistics xLast{0, 0, 1, 777, c_nPeak, 1, 3, 1, 3 * c_nRow};
     EXPECT_EQ(CResourceManager::GetStatistics(), xLast) << "a block that was not idle is not trimmed";
 
-    // Numbers of no device, also those under which page-locked memory may be kept.
     _Release(_PageLocked(10));
-    for (const int iNoDevice : {12345, ~m_iDevice})
+    for (const int iNoDevice : {12345, -1, ~m_iDevice})
     {
         CResourceManager::ForgetDevice(iNoDevice);
         EXPECT_EQ(CResourceManager::GetStatistics(iNoDevice), SPoolStatistics{});
@@ -587,10 +586,10 @@ TEST_F(PoolScripted, AnyFailingHostAllocationOfARequestLeavesNothingBehind)
             EXPECT_EQ(Statistics().nBlocksInUse, 0U);
             _Release(_Pitched(8, 8), true);
         };
-        // The record, its bucket and on a new device that device's record, in two modes.
+        // The block's record and on a new device that of its pool, in two modes.
         EXPECT_EQ(FailEachAllocation(
                       Setup, [&] { xLent = _Pitched(8, 8); }, Check),
-            bKnownDevice ? 4 : 6);
+            bKnownDevice ? 2 : 4);
         _Release(xLent, true);
     }
 }
@@ -606,8 +605,8 @@ TEST_F(PoolScripted, ManyBlocksAreFoundAlsoWhenTheTablesCannotGrow)
         bool bStruck = false;
         for (std::size_t nBlock = 0; nBlock < c_nBlocks; ++nBlock)
         {
-            // A request allocates its two records; what it allocates beyond is room in the tables.
-            const CAllocationFault xFault(bGrow ? 1000 : 2, CAllocationFault::EMode::Persistent);
+            // A request allocates its record; what it allocates beyond is room in the tables.
+            const CAllocationFault xFault(bGrow ? 1000 : 1, CAllocationFault::EMode::Persistent);
             vBlocks[nBlock] = _Linear(nBlock + 1);
             bStruck |= CAllocationFault::HasStruck();
         }
