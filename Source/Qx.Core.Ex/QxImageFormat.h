@@ -65,6 +65,95 @@ namespace Qx
 using Interop::Runtime28::EDataType;
 using Interop::Runtime28::EPixelType;
 
+/// What the data and pixel types are: the one place to add a type to.
+namespace ImageFormatDetail
+{
+
+/// Where the bytes of a channel are. `Unknown` is for values that are no data type.
+enum class ELayout
+{
+    Bytes,    ///< whole bytes a channel
+    Packed,   ///< channels without gaps, over the whole image
+    Integral, ///< the same, but counted by pixels whatever their channels
+    Unknown
+};
+
+/// How a device reads a channel, with CUDA's values; `None` where it cannot.
+enum class EChannelKind
+{
+    Signed,
+    Unsigned,
+    Float,
+    None
+};
+
+/// One data type.
+struct SDataType
+{
+    const char* pcName;
+    ELayout eLayout;
+    int iBits; ///< of a channel; of a pixel when integral
+    EChannelKind eKind;
+};
+
+/// One pixel type.
+struct SPixelType
+{
+    const char* pcName;
+    int iChannels;          ///< -1 for values that are no pixel type
+    bool bHasChannelFormat; ///< CUDA has a channel format for it
+};
+
+// A switch and not an array: it folds into the code that asks, and the compiler misses a row for a new type.
+// clang-format off
+constexpr SDataType GetDataType(EDataType::ID eDataType) noexcept
+{
+    switch (eDataType)
+    {
+    case EDataType::Void:              return {"Void",              ELayout::Bytes,     0, EChannelKind::None};
+    case EDataType::Byte:              return {"Byte",              ELayout::Bytes,     8, EChannelKind::Signed};
+    case EDataType::UByte:             return {"UByte",             ELayout::Bytes,     8, EChannelKind::Unsigned};
+    case EDataType::Short:             return {"Short",             ELayout::Bytes,    16, EChannelKind::Signed};
+    case EDataType::UShort:            return {"UShort",            ELayout::Bytes,    16, EChannelKind::Unsigned};
+    case EDataType::Int:               return {"Int",               ELayout::Bytes,    32, EChannelKind::Signed};
+    case EDataType::UInt:              return {"UInt",              ELayout::Bytes,    32, EChannelKind::Unsigned};
+    case EDataType::Float:             return {"Float",             ELayout::Bytes,    32, EChannelKind::Float};
+    case EDataType::Double:            return {"Double",            ELayout::Bytes,    64, EChannelKind::Float};
+    case EDataType::Custom_10in16_LSB: return {"Custom_10in16_LSB", ELayout::Bytes,    16, EChannelKind::Unsigned};
+    case EDataType::Custom_10in16_MSB: return {"Custom_10in16_MSB", ELayout::Bytes,    16, EChannelKind::Unsigned};
+    case EDataType::Custom_12in16_LSB: return {"Custom_12in16_LSB", ELayout::Bytes,    16, EChannelKind::Unsigned};
+    case EDataType::Custom_12in16_MSB: return {"Custom_12in16_MSB", ELayout::Bytes,    16, EChannelKind::Unsigned};
+    case EDataType::Packed10:          return {"Unknown",           ELayout::Packed,   10, EChannelKind::None};
+    case EDataType::Packed12:          return {"Unknown",           ELayout::Packed,   12, EChannelKind::None};
+    case EDataType::Integral10:        return {"Unknown",           ELayout::Integral, 10, EChannelKind::None};
+    case EDataType::Integral12:        return {"Unknown",           ELayout::Integral, 12, EChannelKind::None};
+    }
+    return {"Unknown", ELayout::Unknown, 0, EChannelKind::None};
+}
+
+constexpr SPixelType GetPixelType(EPixelType::ID ePixelType) noexcept
+{
+    switch (ePixelType)
+    {
+    case EPixelType::None:         return {"None",    0, false};
+    case EPixelType::RGB:          return {"RGB",     3, true};
+    case EPixelType::RGBA:         return {"RGBA",    4, true};
+    case EPixelType::Lum:          return {"Lum",     1, true};
+    case EPixelType::LumA:         return {"LumA",    2, true};
+    case EPixelType::BayerRG:      return {"BayerRG", 1, true};
+    case EPixelType::BayerBG:      return {"BayerBG", 1, true};
+    case EPixelType::BayerGR:      return {"BayerGR", 1, true};
+    case EPixelType::BayerGB:      return {"BayerGB", 1, true};
+    case EPixelType::BGR:          return {"BGR",     3, true};
+    case EPixelType::BGRA:         return {"BGRA",    4, true};
+    case EPixelType::TwoComponent: return {"Unknown", 2, false};
+    }
+    return {"Unknown", -1, false};
+}
+// clang-format on
+
+} // namespace ImageFormatDetail
+
 /// The display name of a data type, as messages show it; "Unknown" for an identifier without one.
 QX_CORE_API const char* GetDataTypeName(EDataType::ID eDataType) noexcept;
 
@@ -124,74 +213,31 @@ struct CQxImageFormat
 static_assert(sizeof(CQxImageFormat) == 16 && std::is_trivially_default_constructible_v<CQxImageFormat> &&
     std::is_trivially_copyable_v<CQxImageFormat>);
 
-namespace ImageFormatDetail
-{
-
-inline constexpr const char* c_pcFile = "Qx.Core.Ex/QxImageFormat";
-
-} // namespace ImageFormatDetail
-
 inline int CQxImageFormat::GetBytesPerChannel() const
 {
-    switch (eDataType)
+    const ImageFormatDetail::SDataType xType = ImageFormatDetail::GetDataType(eDataType);
+    if (xType.eLayout != ImageFormatDetail::ELayout::Bytes)
     {
-    case EDataType::Void:
-        return 0;
-    case EDataType::Byte:
-    case EDataType::UByte:
-        return 1;
-    case EDataType::Short:
-    case EDataType::UShort:
-    case EDataType::Custom_10in16_LSB:
-    case EDataType::Custom_10in16_MSB:
-    case EDataType::Custom_12in16_LSB:
-    case EDataType::Custom_12in16_MSB:
-        return 2;
-    case EDataType::Int:
-    case EDataType::UInt:
-    case EDataType::Float:
-        return 4;
-    case EDataType::Double:
-        return 8;
-    case EDataType::Packed10:
-    case EDataType::Packed12:
-    case EDataType::Integral10:
-    case EDataType::Integral12:
-        break;
+        Throw({"Qx.Core.Ex/QxImageFormat", "GetBytesPerChannel"}, "Unknown data type '", xType.pcName, "'");
     }
-    Throw({ImageFormatDetail::c_pcFile, "GetBytesPerChannel"}, "Unknown data type '", GetDataTypeName(eDataType), "'");
+    return xType.iBits / 8;
 }
 
 inline int CQxImageFormat::GetComponentCount() const
 {
-    switch (ePixelType)
+    const int iChannels = ImageFormatDetail::GetPixelType(ePixelType).iChannels;
+    if (iChannels < 0)
     {
-    case EPixelType::None:
-        return 0;
-    case EPixelType::Lum:
-    case EPixelType::BayerRG:
-    case EPixelType::BayerBG:
-    case EPixelType::BayerGR:
-    case EPixelType::BayerGB:
-        return 1;
-    case EPixelType::LumA:
-    case EPixelType::TwoComponent:
-        return 2;
-    case EPixelType::RGB:
-    case EPixelType::BGR:
-        return 3;
-    case EPixelType::RGBA:
-    case EPixelType::BGRA:
-        return 4;
+        Throw({"Qx.Core.Ex/QxImageFormat", "GetComponentCount"}, "Unknown pixel type");
     }
-    Throw({ImageFormatDetail::c_pcFile, "GetComponentCount"}, "Unknown pixel type");
+    return iChannels;
 }
 
 inline int CQxImageFormat::GetBytesPerPixel() const
 {
-    if (eDataType == EDataType::Integral10 || eDataType == EDataType::Integral12)
+    if (ImageFormatDetail::GetDataType(eDataType).eLayout == ImageFormatDetail::ELayout::Integral)
     {
-        Throw({ImageFormatDetail::c_pcFile, "GetBytesPerPixel"},
+        Throw({"Qx.Core.Ex/QxImageFormat", "GetBytesPerPixel"},
             "Unable to determine bytes per pixel from integral data formats");
     }
     const int iBytesPerChannel = GetBytesPerChannel();
@@ -201,29 +247,18 @@ inline int CQxImageFormat::GetBytesPerPixel() const
 inline std::uint64_t CQxImageFormat::GetExactByteCount() const
 {
     // All rules are n pixels times a whole number of bits, at most 2^62 times 256.
-    std::uint64_t uBitsPerPixel = 0;
-    switch (eDataType)
+    const ImageFormatDetail::SDataType xType = ImageFormatDetail::GetDataType(eDataType);
+    int iBitsPerPixel = xType.iBits;
+    if (xType.eLayout != ImageFormatDetail::ELayout::Integral)
     {
-    case EDataType::Integral10:
-        uBitsPerPixel = 10;
-        break;
-    case EDataType::Integral12:
-        uBitsPerPixel = 12;
-        break;
-    case EDataType::Packed10:
-        uBitsPerPixel = static_cast<std::uint64_t>(GetComponentCount()) * 10;
-        break;
-    case EDataType::Packed12:
-        uBitsPerPixel = static_cast<std::uint64_t>(GetComponentCount()) * 12;
-        break;
-    default:
-        uBitsPerPixel = static_cast<std::uint64_t>(GetBytesPerPixel()) * 8;
-        break;
+        const bool bPacked = xType.eLayout == ImageFormatDetail::ELayout::Packed;
+        iBitsPerPixel = bPacked ? GetComponentCount() * xType.iBits : GetBytesPerPixel() * 8;
     }
     if (iWidth < 0 || iHeight < 0)
     {
         return UINT64_MAX;
     }
+    const auto uBitsPerPixel = static_cast<std::uint64_t>(iBitsPerPixel);
     const std::uint64_t uPixels = static_cast<std::uint64_t>(iWidth) * static_cast<std::uint64_t>(iHeight);
     // Whole groups of eight pixels take uBitsPerPixel bytes each; the rest cannot overflow.
     std::uint64_t uBytes = 0;
@@ -237,22 +272,18 @@ inline std::uint64_t CQxImageFormat::GetExactByteCount() const
 
 inline std::uint32_t CQxImageFormat::GetByteCount() const
 {
+    const ImageFormatDetail::SDataType xType = ImageFormatDetail::GetDataType(eDataType);
+    const auto uBits = static_cast<std::uint32_t>(xType.iBits);
     const std::uint32_t uPixels = static_cast<std::uint32_t>(iWidth) * static_cast<std::uint32_t>(iHeight);
-    switch (eDataType)
+    if (xType.eLayout == ImageFormatDetail::ELayout::Integral)
     {
-    // The 64-bit step in between makes a product beyond 32 bits wrap on every processor; converting it straight to
-    // 32 bits would be undefined.
-    case EDataType::Integral10:
-        return static_cast<std::uint32_t>(static_cast<std::uint64_t>(uPixels * 1.25));
-    case EDataType::Integral12:
-        return static_cast<std::uint32_t>(static_cast<std::uint64_t>(uPixels * 1.5));
-    case EDataType::Packed10:
-        return uPixels * static_cast<std::uint32_t>(GetComponentCount()) * 10U / 8U;
-    case EDataType::Packed12:
-        return uPixels * static_cast<std::uint32_t>(GetComponentCount()) * 12U / 8U;
-    default:
-        return uPixels * static_cast<std::uint32_t>(GetBytesPerPixel());
+        return static_cast<std::uint32_t>(std::uint64_t{uPixels} * uBits / 8U);
     }
+    if (xType.eLayout == ImageFormatDetail::ELayout::Packed)
+    {
+        return uPixels * static_cast<std::uint32_t>(GetComponentCount()) * uBits / 8U;
+    }
+    return uPixels * static_cast<std::uint32_t>(GetBytesPerPixel());
 }
 
 } // namespace Qx

@@ -15,6 +15,19 @@ namespace
 
 constexpr SThrowSite c_xCreate{"Qx.Core.Math/QxMapping3D", "Create"};
 
+// The values may be those of the store itself. Without any, a store of the same size keeps its own.
+void _SetValues(std::vector<float>& vStore, std::uint64_t nCells, const float* pValues)
+{
+    if (nCells != vStore.size())
+    {
+        vStore = pValues != nullptr ? std::vector<float>(pValues, pValues + nCells) : std::vector<float>(nCells);
+    }
+    else if (pValues != nullptr && pValues != vStore.data())
+    {
+        std::copy_n(pValues, nCells, vStore.begin());
+    }
+}
+
 } // namespace
 
 CQxMapping3D::CQxMapping3D(const CQxMapping3D& xOther)
@@ -72,23 +85,7 @@ void CQxMapping3D::Create(float fMinimumX, float fMinimumY, float fMinimumZ, flo
         Throw(c_xCreate, "Mapping is too large");
     }
 
-    if (nCells != m_vStore.size())
-    {
-        std::vector<float> vStore;
-        if (pValues != nullptr)
-        {
-            vStore.assign(pValues, pValues + nCells);
-        }
-        else
-        {
-            vStore.resize(nCells);
-        }
-        m_vStore.swap(vStore);
-    }
-    else if (pValues != nullptr && pValues != m_vStore.data())
-    {
-        std::copy_n(pValues, nCells, m_vStore.begin());
-    }
+    _SetValues(m_vStore, nCells, pValues);
     m_pValues = m_vStore.data();
     m_vMinimum = vMinimum;
     m_vMaximum = vMaximum;

@@ -205,4 +205,17 @@ std::invoke_result_t<TBody&> Guard(
     }
 }
 
+/// Runs @p xBody and drops what it throws: for destructors and moves, which have nobody to tell.
+template <typename TBody>
+void Quietly(TBody&& xBody) noexcept
+{
+    try
+    {
+        xBody();
+    }
+    catch (...) // NOLINT(bugprone-empty-catch): see above
+    {
+    }
+}
+
 } // namespace Qx

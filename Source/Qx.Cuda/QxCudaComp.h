@@ -105,7 +105,7 @@ private:
 
     dim3 m_xGrid{0, 0, 1};
     dim3 m_xBlock{0, 0, 1};
-    cudaEvent_t m_pStartEvent = nullptr; // never made; it keeps its place in the layout that clients know
+    cudaEvent_t m_pStartEvent = nullptr; // never made: it has its place in the layout that clients know
     cudaEvent_t m_pStopEvent = nullptr;
     cudaStream_t m_pStream = nullptr;
 };

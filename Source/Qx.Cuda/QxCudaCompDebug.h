@@ -71,7 +71,7 @@ struct SParameter
     /// capacity stays.
     QX_CUDA_API void Delete() noexcept;
 
-    std::uint64_t uReserved = 0; ///< not written
+    std::uint64_t uReserved = 0; ///< not written: it has its place in the layout that kernels know
     SItem* pItems;               ///< device address of the item buffer; null when there is none
     int* pCounter;               ///< device address of the counter: how many items the kernels meant to write
     int iCapacity = 0;           ///< items that the buffer holds

@@ -32,13 +32,7 @@ public:
     /// Frees the block; a failure is dropped.
     ~CQxCudaDeviceArray()
     {
-        try
-        {
-            Delete();
-        }
-        catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
-        {
-        }
+        Quietly([&] { Delete(); });
     }
 
     /// Frees the block, if there is one.

@@ -11,13 +11,7 @@ CQxCudaDeviceMemory::CQxCudaDeviceMemory() noexcept = default;
 
 CQxCudaDeviceMemory::~CQxCudaDeviceMemory()
 {
-    try
-    {
-        DeleteAll();
-    }
-    catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
-    {
-    }
+    Quietly([&] { DeleteAll(); });
 }
 
 std::uint64_t CQxCudaDeviceMemory::GetTotalAllocSize() noexcept

@@ -1,7 +1,6 @@
 #include "Qx.Cuda/QxDeviceImage1D.h"
 
 #include "Qx.Cuda.Core/QxCudaException.h"
-#include "Qx.GPU.ResourceManager/ResourceManager.h"
 
 namespace Qx
 {
@@ -27,7 +26,6 @@ void _Copy(void* pTarget, const void* pSource, const CQxImageFormat& xFormat, cu
 
 CQxDeviceImage1D::CQxDeviceImage1D() noexcept = default;
 
-// Nothing can fail once the memory is borrowed, so there is nothing that a destructor would have to give back.
 CQxDeviceImage1D::CQxDeviceImage1D(const CQxImageFormat& xFormat)
 {
     Create(xFormat);
@@ -35,13 +33,8 @@ CQxDeviceImage1D::CQxDeviceImage1D(const CQxImageFormat& xFormat)
 
 CQxDeviceImage1D::~CQxDeviceImage1D()
 {
-    try
-    {
-        Release();
-    }
-    catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
-    {
-    }
+    // The pool is asked without a block too.
+    m_xBlock.Drop();
 }
 
 void CQxDeviceImage1D::Create(const CQxImageFormat& xFormat)
@@ -56,7 +49,7 @@ void CQxDeviceImage1D::Create(const CQxImageFormat& xFormat)
         return;
     }
     Release();
-    Guard(c_xCreate, c_pcErrorCreating, [&] { m_xResource = GPU::CResourceManager::GetCudaMemory(uBytes); });
+    Guard(c_xCreate, c_pcErrorCreating, [&] { m_xBlock.Take(GPU::CResourceManager::GetCudaMemory(uBytes)); });
     m_xFormat = xFormat;
 }
 
@@ -128,7 +121,7 @@ void CQxDeviceImage1D::SetZeroAsync(CUstream_st* pStream)
 
 void CQxDeviceImage1D::Release()
 {
-    GPU::CResourceManager::ReleaseResource(m_xResource, false);
+    m_xBlock.Release();
     m_xFormat = CQxImageFormat{};
 }
 

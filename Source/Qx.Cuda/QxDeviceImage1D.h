@@ -3,7 +3,7 @@
 #include <cuda_runtime_api.h>
 
 #include "Qx.Core.Ex/QxImage.h"
-#include "Qx.GPU.ResourceManager/Resource.h"
+#include "Qx.Cuda/QxPoolBlock.h"
 
 namespace Qx
 {
@@ -93,17 +93,17 @@ public:
     QX_CUDA_API void Release();
 
     /// True when the image holds memory.
-    bool IsValid() const noexcept { return m_xResource.m_pDevice != nullptr; }
+    bool IsValid() const noexcept { return m_xBlock.IsHeld(); }
 
     /// The device address of the first pixel; null when empty. Stays owned by the image.
-    void* GetDevicePointer() const noexcept { return m_xResource.m_pDevice; }
+    void* GetDevicePointer() const noexcept { return m_xBlock->m_pDevice; }
 
     /// The format; all zero when empty.
     const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
 
 private:
     CQxImageFormat m_xFormat{};
-    GPU::CCudaMemoryResource m_xResource;
+    CQxPoolBlock<GPU::CCudaMemoryResource> m_xBlock;
 };
 
 } // namespace Qx

@@ -1,10 +1,10 @@
 #include "Qx.Cuda/QxDeviceImage2D.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.Cuda/QxDeviceImage1D.h"
-#include "Qx.GPU.ResourceManager/ResourceManager.h"
 
 namespace Qx
 {
@@ -25,70 +25,6 @@ constexpr const char* c_pcInvalid = "Image is invalid";
 std::size_t _RowWidth(const CQxImageFormat& xFormat)
 {
     return static_cast<std::size_t>(xFormat.iWidth) * static_cast<std::size_t>(xFormat.GetBytesPerPixel());
-}
-
-struct SChannel
-{
-    int iBits;
-    cudaChannelFormatKind eKind;
-};
-
-SChannel _GetChannel(EDataType::ID eDataType, const SThrowSite& xSite)
-{
-    switch (eDataType)
-    {
-    case EDataType::Byte:
-        return {8, cudaChannelFormatKindSigned};
-    case EDataType::UByte:
-        return {8, cudaChannelFormatKindUnsigned};
-    case EDataType::Short:
-        return {16, cudaChannelFormatKindSigned};
-    case EDataType::UShort:
-    case EDataType::Custom_10in16_LSB:
-    case EDataType::Custom_10in16_MSB:
-    case EDataType::Custom_12in16_LSB:
-    case EDataType::Custom_12in16_MSB:
-        return {16, cudaChannelFormatKindUnsigned};
-    case EDataType::Int:
-        return {32, cudaChannelFormatKindSigned};
-    case EDataType::UInt:
-        return {32, cudaChannelFormatKindUnsigned};
-    case EDataType::Float:
-    case EDataType::Double: // CUDA has no wider channel
-        return {32, cudaChannelFormatKindFloat};
-    case EDataType::Void:
-    case EDataType::Packed10:
-    case EDataType::Packed12:
-    case EDataType::Integral10:
-    case EDataType::Integral12:
-        break;
-    }
-    Throw(xSite, "Unsupported data type '", GetDataTypeName(eDataType), "'");
-}
-
-int _GetChannelCount(EPixelType::ID ePixelType, const SThrowSite& xSite)
-{
-    switch (ePixelType)
-    {
-    case EPixelType::Lum:
-    case EPixelType::BayerRG:
-    case EPixelType::BayerBG:
-    case EPixelType::BayerGR:
-    case EPixelType::BayerGB:
-        return 1;
-    case EPixelType::LumA:
-        return 2;
-    case EPixelType::RGB:
-    case EPixelType::BGR:
-        return 3;
-    case EPixelType::RGBA:
-    case EPixelType::BGRA:
-        return 4;
-    case EPixelType::None:
-    case EPixelType::TwoComponent:
-        break;
-    }
-    Throw(xSite, "Unsupported pixel type '", GetPixelTypeName(ePixelType), "'");
 }
 
 // One side of a copy: where row 0 is, and the bytes from one row to the next.
@@ -141,18 +77,17 @@ void _CopyRows(const TWay& xWay, const SRows<void>& xTarget, const SRows<const v
 
 CQxDeviceImage2D::CQxDeviceImage2D() noexcept = default;
 
-// The constructors delegate, so that the destructor gives memory back that was borrowed before a failure.
-CQxDeviceImage2D::CQxDeviceImage2D(const CQxImageFormat& xFormat) : CQxDeviceImage2D()
+CQxDeviceImage2D::CQxDeviceImage2D(const CQxImageFormat& xFormat)
 {
     Create(xFormat);
 }
 
-CQxDeviceImage2D::CQxDeviceImage2D(const CQxImage& xImage) : CQxDeviceImage2D()
+CQxDeviceImage2D::CQxDeviceImage2D(const CQxImage& xImage)
 {
     Create(xImage);
 }
 
-CQxDeviceImage2D::CQxDeviceImage2D(CQxDeviceImage2D&& xSource) : CQxDeviceImage2D()
+CQxDeviceImage2D::CQxDeviceImage2D(CQxDeviceImage2D&& xSource)
 {
     Create(std::move(xSource));
 }
@@ -163,16 +98,7 @@ CQxDeviceImage2D& CQxDeviceImage2D::operator=(CQxDeviceImage2D&& xSource)
     return *this;
 }
 
-CQxDeviceImage2D::~CQxDeviceImage2D()
-{
-    try
-    {
-        Release();
-    }
-    catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
-    {
-    }
-}
+CQxDeviceImage2D::~CQxDeviceImage2D() = default;
 
 void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat)
 {
@@ -198,8 +124,8 @@ void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat)
             {
                 Throw(c_xCreate, "Image row of ", nRowWidth, " bytes is too wide");
             }
-            m_xResource =
-                GPU::CResourceManager::GetCudaMemoryPitch(nRowWidth, static_cast<std::size_t>(xFormat.iHeight));
+            m_xBlock.Take(
+                GPU::CResourceManager::GetCudaMemoryPitch(nRowWidth, static_cast<std::size_t>(xFormat.iHeight)));
             m_xFormat = xFormat;
         });
 }
@@ -216,9 +142,8 @@ void CQxDeviceImage2D::Create(CQxDeviceImage2D&& xSource)
             Release();
             m_xFormat = xSource.m_xFormat;
             m_xChannelDesc = xSource.m_xChannelDesc;
-            m_xResource = xSource.m_xResource;
+            m_xBlock.Take(xSource.m_xBlock);
         });
-    xSource.m_xResource.m_pDevice = nullptr;
     xSource.m_xFormat = CQxImageFormat{};
 }
 
@@ -228,7 +153,7 @@ void CQxDeviceImage2D::Create(const CQxImage& xImage)
         [&]
         {
             Create(xImage.GetFormat());
-            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xBlock->m_nPitch},
                 _PackedRows(xImage.GetDataPtr(), m_xFormat), m_xFormat, cudaMemcpyHostToDevice, c_xCreate,
                 c_pcErrorUploading);
         });
@@ -240,9 +165,8 @@ void CQxDeviceImage2D::Create(const CQxImageFormat& xFormat, const void* pPixels
         [&]
         {
             Create(xFormat);
-            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pPixels, m_xFormat),
-                m_xFormat, bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate,
-                c_pcErrorUploading);
+            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xBlock->m_nPitch}, _PackedRows(pPixels, m_xFormat), m_xFormat,
+                bDevicePointer ? cudaMemcpyDeviceToDevice : cudaMemcpyHostToDevice, c_xCreate, c_pcErrorUploading);
         });
 }
 
@@ -257,7 +181,7 @@ void CQxDeviceImage2D::_CreateFrom(const IImage* pImage, const TWay& xWay, const
                 Throw(xSite, "The source image pointer is null");
             }
             Create(GetImageFormat(*pImage));
-            _CopyRows(xWay, {GetDevicePointer(), m_xResource.m_nPitch}, _PackedRows(pImage->GetDataPtr(), m_xFormat),
+            _CopyRows(xWay, {GetDevicePointer(), m_xBlock->m_nPitch}, _PackedRows(pImage->GetDataPtr(), m_xFormat),
                 m_xFormat, cudaMemcpyHostToDevice, xSite, c_pcErrorUploading);
         });
 }
@@ -285,8 +209,8 @@ void CQxDeviceImage2D::Create(const CQxDeviceImage2D& xSource)
             // Source and target of a copy must not overlap, and an image that is its own source has its pixels.
             if (&xSource != this)
             {
-                _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
-                    {xSource.GetDevicePointer(), xSource.m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice,
+                _CopyRows(SBlocking{}, {GetDevicePointer(), m_xBlock->m_nPitch},
+                    {xSource.GetDevicePointer(), xSource.m_xBlock->m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice,
                     c_xCreate, "Error creating image on cuda device");
             }
         });
@@ -298,7 +222,7 @@ void CQxDeviceImage2D::Create(const CQxDeviceImage1D& xSource)
         [&]
         {
             Create(xSource.GetFormat());
-            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xResource.m_nPitch},
+            _CopyRows(SBlocking{}, {GetDevicePointer(), m_xBlock->m_nPitch},
                 _PackedRows<const void>(xSource.GetDevicePointer(), m_xFormat), m_xFormat, cudaMemcpyDeviceToDevice,
                 c_xCreate, c_pcErrorUploading);
         });
@@ -318,7 +242,7 @@ void CQxDeviceImage2D::CopyTo(CQxImage& xImage) const
                 xImage.Create(m_xFormat);
             }
             _CopyRows(SBlocking{}, _PackedRows(xImage.GetDataPtr(), m_xFormat),
-                {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToHost, c_xCopyTo,
+                {GetDevicePointer(), m_xBlock->m_nPitch}, m_xFormat, cudaMemcpyDeviceToHost, c_xCopyTo,
                 c_pcErrorCopyingToHost);
         });
 }
@@ -341,7 +265,7 @@ void CQxDeviceImage2D::_CopyTo(IImage* pImage, const TWay& xWay, const SThrowSit
             {
                 pImage->Create(m_xFormat.iWidth, m_xFormat.iHeight, m_xFormat.ePixelType, m_xFormat.eDataType);
             }
-            _CopyRows(xWay, _PackedRows(pImage->GetDataPtr(), m_xFormat), {GetDevicePointer(), m_xResource.m_nPitch},
+            _CopyRows(xWay, _PackedRows(pImage->GetDataPtr(), m_xFormat), {GetDevicePointer(), m_xBlock->m_nPitch},
                 m_xFormat, cudaMemcpyDeviceToHost, xSite, c_pcErrorCopyingToHost);
         });
 }
@@ -372,7 +296,7 @@ void CQxDeviceImage2D::CopyTo(CQxDeviceImage1D& xTarget) const
             }
             xTarget.Create(m_xFormat);
             _CopyRows(SBlocking{}, _PackedRows(xTarget.GetDevicePointer(), m_xFormat),
-                {GetDevicePointer(), m_xResource.m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice, c_xCopyTo,
+                {GetDevicePointer(), m_xBlock->m_nPitch}, m_xFormat, cudaMemcpyDeviceToDevice, c_xCopyTo,
                 c_pcErrorUploading);
         });
 }
@@ -383,14 +307,13 @@ void CQxDeviceImage2D::Release()
     {
         return;
     }
-    Guard({c_pcFile, "Release"}, "Error destroying 2D CUDA device image",
-        [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
+    Guard({c_pcFile, "Release"}, "Error destroying 2D CUDA device image", [&] { m_xBlock.Release(); });
     m_xFormat = CQxImageFormat{};
 }
 
 SDeviceImageDesc2D CQxDeviceImage2D::GetDesc() const noexcept
 {
-    return {m_xFormat, m_xResource.m_pDevice, m_xResource.m_nPitch};
+    return {m_xFormat, m_xBlock->m_pDevice, m_xBlock->m_nPitch};
 }
 
 void CQxDeviceImage2D::CopyDescriptionToCudaConstAsync(const SDeviceImageDesc2D& xSymbol, CUstream_st* pStream) const
@@ -421,23 +344,38 @@ void CQxDeviceImage2D::SetZero()
 {
     _SetZero("SetZero",
         [&](std::size_t nWidth, std::size_t nHeight)
-        { return cudaMemset2D(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight); });
+        { return cudaMemset2D(GetDevicePointer(), m_xBlock->m_nPitch, 0, nWidth, nHeight); });
 }
 
 void CQxDeviceImage2D::SetZeroAsync(CUstream_st* pStream)
 {
     _SetZero("SetZeroAsync",
         [&](std::size_t nWidth, std::size_t nHeight)
-        { return cudaMemset2DAsync(GetDevicePointer(), m_xResource.m_nPitch, 0, nWidth, nHeight, pStream); });
+        { return cudaMemset2DAsync(GetDevicePointer(), m_xBlock->m_nPitch, 0, nWidth, nHeight, pStream); });
 }
 
 cudaChannelFormatDesc CQxDeviceImage2D::_CreateCudaChannelFormatDescFromFormat(const CQxImageFormat& xFormat)
 {
     constexpr SThrowSite c_xSite{c_pcFile, "_CreateCudaChannelFormatDescFromFormat"};
-    const SChannel xChannel = _GetChannel(xFormat.eDataType, c_xSite);
-    const int iChannels = _GetChannelCount(xFormat.ePixelType, c_xSite);
-    const auto Bits = [&](int iChannel) { return iChannel < iChannels ? xChannel.iBits : 0; };
-    return {Bits(0), Bits(1), Bits(2), Bits(3), xChannel.eKind};
+    using ImageFormatDetail::EChannelKind;
+    static_assert(static_cast<int>(EChannelKind::Signed) == cudaChannelFormatKindSigned &&
+        static_cast<int>(EChannelKind::Unsigned) == cudaChannelFormatKindUnsigned &&
+        static_cast<int>(EChannelKind::Float) == cudaChannelFormatKindFloat);
+    const ImageFormatDetail::SDataType xData = ImageFormatDetail::GetDataType(xFormat.eDataType);
+    if (xData.eKind == EChannelKind::None)
+    {
+        Throw(c_xSite, "Unsupported data type '", xData.pcName, "'");
+    }
+    const ImageFormatDetail::SPixelType xPixel = ImageFormatDetail::GetPixelType(xFormat.ePixelType);
+    if (!xPixel.bHasChannelFormat)
+    {
+        Throw(c_xSite, "Unsupported pixel type '", xPixel.pcName, "'");
+    }
+    const auto Bits = [&](int iChannel)
+    {
+        return iChannel < xPixel.iChannels ? std::min(xData.iBits, 32) : 0; // CUDA has no wider channel
+    };
+    return {Bits(0), Bits(1), Bits(2), Bits(3), static_cast<cudaChannelFormatKind>(xData.eKind)};
 }
 
 } // namespace Qx

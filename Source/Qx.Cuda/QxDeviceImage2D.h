@@ -4,7 +4,7 @@
 
 #include "Qx.Core.Ex/QxImage.h"
 #include "Qx.Cuda/QxDeviceImageDesc2D.h"
-#include "Qx.GPU.ResourceManager/Resource.h"
+#include "Qx.Cuda/QxPoolBlock.h"
 
 namespace Qx
 {
@@ -164,10 +164,10 @@ public:
     QX_CUDA_API void Release();
 
     /// True when the image holds memory.
-    bool IsValid() const noexcept { return m_xResource.m_pDevice != nullptr; }
+    bool IsValid() const noexcept { return m_xBlock.IsHeld(); }
 
     /// The device address of row 0; null when empty. Stays owned by the image.
-    void* GetDevicePointer() const noexcept { return m_xResource.m_pDevice; }
+    void* GetDevicePointer() const noexcept { return m_xBlock->m_pDevice; }
 
     /// The format; all zero when empty.
     const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }
@@ -209,8 +209,8 @@ private:
     void _SetZero(const char* pcFunction, TMemset&& xMemset);
 
     CQxImageFormat m_xFormat{};
-    cudaChannelFormatDesc m_xChannelDesc{};
-    GPU::CCudaMemoryPitchResource m_xResource;
+    cudaChannelFormatDesc m_xChannelDesc{}; // never read: it has its place in the layout that clients know
+    CQxPoolBlock<GPU::CCudaMemoryPitchResource> m_xBlock;
 };
 
 } // namespace Qx

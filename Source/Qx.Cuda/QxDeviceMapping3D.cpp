@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "Qx.Cuda.Core/QxCudaException.h"
-#include "Qx.GPU.ResourceManager/ResourceManager.h"
 
 namespace Qx
 {
@@ -42,7 +41,7 @@ int _CellIndex(float fCoordinate, float fMinimum, float fStep, int iCount)
 
 CQxDeviceMapping3D::CQxDeviceMapping3D() noexcept = default;
 
-CQxDeviceMapping3D::CQxDeviceMapping3D(CQxDeviceMapping3D&& xOther) : CQxDeviceMapping3D()
+CQxDeviceMapping3D::CQxDeviceMapping3D(CQxDeviceMapping3D&& xOther)
 {
     _Create(std::move(xOther));
 }
@@ -53,16 +52,7 @@ CQxDeviceMapping3D& CQxDeviceMapping3D::operator=(CQxDeviceMapping3D&& xOther)
     return *this;
 }
 
-CQxDeviceMapping3D::~CQxDeviceMapping3D()
-{
-    try
-    {
-        Release();
-    }
-    catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
-    {
-    }
-}
+CQxDeviceMapping3D::~CQxDeviceMapping3D() = default;
 
 void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
 {
@@ -91,10 +81,10 @@ void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
             {
                 if (IsValid())
                 {
-                    GPU::CResourceManager::ReleaseResource(m_xResource, false);
+                    m_xBlock.Release();
                     _Reset();
                 }
-                m_xResource = GPU::CResourceManager::GetCudaMemory(uBytes);
+                m_xBlock.Take(GPU::CResourceManager::GetCudaMemory(uBytes));
                 m_bActive = true;
             }
             m_pData = nullptr;
@@ -106,8 +96,8 @@ void CQxDeviceMapping3D::Create(const CQxMapping3D& xMapping)
                 m_sName = std::move(sName);
             }
             m_vSteps = xMapping.GetStepSizes();
-            CheckCuda(cudaMemcpy(m_xResource.m_pDevice, xMapping.GetDataPtr(), uBytes, cudaMemcpyHostToDevice),
-                c_xCreate, "Error copying memory from host to device");
+            CheckCuda(cudaMemcpy(m_xBlock->m_pDevice, xMapping.GetDataPtr(), uBytes, cudaMemcpyHostToDevice), c_xCreate,
+                "Error copying memory from host to device");
             m_bArriving = true;
             m_pData = GetDevicePointer();
         });
@@ -126,11 +116,11 @@ void CQxDeviceMapping3D::Download(CQxMapping3D& xMapping) const
                 m_vCounts[0], m_vCounts[1], m_vCounts[2], nullptr);
             xMapping.SetName(m_sName);
             const std::uint32_t uBytes = xMapping.GetByteCount();
-            if (uBytes > m_xResource.m_nSize)
+            if (uBytes > m_xBlock->m_nSize)
             {
                 Throw(c_xDownload, "Host mapping of ", uBytes, " bytes is larger than the device mapping");
             }
-            CheckCuda(cudaMemcpy(xMapping.GetDataPtr(), m_xResource.m_pDevice, uBytes, cudaMemcpyDeviceToHost),
+            CheckCuda(cudaMemcpy(xMapping.GetDataPtr(), m_xBlock->m_pDevice, uBytes, cudaMemcpyDeviceToHost),
                 c_xDownload, "Error copying memory from device to host");
         });
 }
@@ -141,8 +131,7 @@ void CQxDeviceMapping3D::SetZero()
     Guard(c_xSite, "Error setting mapping values to zero",
         [&]
         {
-            CheckCuda(
-                cudaMemset(m_xResource.m_pDevice, 0, _GetByteCount()), c_xSite, "Error zeroing CUDA device memory");
+            CheckCuda(cudaMemset(m_xBlock->m_pDevice, 0, _GetByteCount()), c_xSite, "Error zeroing CUDA device memory");
             m_bArriving = IsValid();
         });
 }
@@ -153,8 +142,7 @@ void CQxDeviceMapping3D::Release()
     {
         return;
     }
-    Guard({c_pcFile, "Release"}, "Error releasing device mapping",
-        [&] { GPU::CResourceManager::ReleaseResource(m_xResource, false); });
+    Guard({c_pcFile, "Release"}, "Error releasing device mapping", [&] { m_xBlock.Release(); });
     _Reset();
 }
 
@@ -187,7 +175,7 @@ void CQxDeviceMapping3D::Map(float& fX, float& fY, float& fZ)
     // else stands between a point and foreign memory.
     const int iIndex = iZ * (m_vCounts[0] * m_vCounts[1]) + iX * m_vCounts[1] + iY;
     const auto nIndex = static_cast<std::size_t>(iIndex);
-    if (nIndex >= m_xResource.m_nSize / sizeof(float))
+    if (nIndex >= m_xBlock->m_nSize / sizeof(float))
     {
         return;
     }
@@ -212,7 +200,6 @@ void CQxDeviceMapping3D::_Reset() noexcept
     m_vMaximum = {};
     m_vCounts = {};
     m_vSteps = {};
-    m_xResource.m_pDevice = nullptr;
     m_sName = CQxString();
 }
 
@@ -237,7 +224,7 @@ void CQxDeviceMapping3D::_Create(CQxDeviceMapping3D&& xOther)
     m_vMaximum = xOther.m_vMaximum;
     m_vCounts = xOther.m_vCounts;
     m_vSteps = xOther.m_vSteps;
-    m_xResource = xOther.m_xResource;
+    m_xBlock.Take(xOther.m_xBlock);
     m_sName = std::move(xOther.m_sName);
     xOther._Reset();
 }

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "Qx.Core.Math/QxMapping3D.h"
-#include "Qx.GPU.ResourceManager/Resource.h"
+#include "Qx.Cuda/QxPoolBlock.h"
 
 namespace Qx
 {
@@ -116,10 +116,10 @@ public:
     QX_CUDA_API void Map(float& fX, float& fY, float& fZ);
 
     /// True when the mapping holds a block.
-    bool IsValid() const noexcept { return m_xResource.m_pDevice != nullptr; }
+    bool IsValid() const noexcept { return m_xBlock.IsHeld(); }
 
     /// The device address of the values; null when empty. Stays owned by the mapping.
-    float* GetDevicePointer() const noexcept { return static_cast<float*>(m_xResource.m_pDevice); }
+    float* GetDevicePointer() const noexcept { return static_cast<float*>(m_xBlock->m_pDevice); }
 
 private:
     void _Reset() noexcept;
@@ -135,7 +135,7 @@ private:
     std::array<float, 3> m_vMaximum{};
     std::array<int, 3> m_vCounts{};
     std::array<float, 3> m_vSteps{};
-    GPU::CCudaMemoryResource m_xResource;
+    CQxPoolBlock<GPU::CCudaMemoryResource> m_xBlock;
     CQxString m_sName;
 };
 

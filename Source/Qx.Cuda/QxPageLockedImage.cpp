@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "Qx.GPU.ResourceManager/ResourceManager.h"
-
 namespace Qx
 {
 
@@ -14,48 +12,30 @@ constexpr SThrowSite c_xCreate{"Source/Qx.Cuda/QxPageLockedImage", "Create"};
 
 } // namespace
 
-// Delegates, so that the destructor gives memory back that was borrowed before a failure.
-CQxPageLockedImage::CQxPageLockedImage(const CQxImageFormat& xFormat) : CQxPageLockedImage()
+CQxPageLockedImage::CQxPageLockedImage(const CQxImageFormat& xFormat)
 {
     Create(xFormat);
 }
 
-CQxPageLockedImage::CQxPageLockedImage(CQxPageLockedImage&& xOther) noexcept : CQxPageLockedImage()
+CQxPageLockedImage::CQxPageLockedImage(CQxPageLockedImage&& xOther) noexcept
+    : CQxFormattedImage(std::exchange(xOther.m_xFormat, CQxImageFormat{})), m_nBytes(std::exchange(xOther.m_nBytes, 0))
 {
-    *this = std::move(xOther);
+    m_xBlock.Take(xOther.m_xBlock);
 }
 
 CQxPageLockedImage& CQxPageLockedImage::operator=(CQxPageLockedImage&& xOther) noexcept
 {
     if (this != &xOther)
     {
-        std::swap(m_xFormat, xOther.m_xFormat);
-        std::swap(m_nBytes, xOther.m_nBytes);
-        std::swap(m_xResource, xOther.m_xResource);
-        try
-        {
-            xOther.Release();
-        }
-        catch (...) // NOLINT(bugprone-empty-catch): a move has nobody to tell; the pool still counts the block as lent
-        {
-            xOther.m_xFormat = CQxImageFormat{};
-            xOther.m_nBytes = 0;
-            xOther.m_xResource.m_pDevice = nullptr;
-        }
+        m_xBlock.Drop();
+        m_xBlock.Take(xOther.m_xBlock);
+        m_xFormat = std::exchange(xOther.m_xFormat, CQxImageFormat{});
+        m_nBytes = std::exchange(xOther.m_nBytes, 0);
     }
     return *this;
 }
 
-CQxPageLockedImage::~CQxPageLockedImage()
-{
-    try
-    {
-        Release();
-    }
-    catch (...) // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
-    {
-    }
-}
+CQxPageLockedImage::~CQxPageLockedImage() = default;
 
 void CQxPageLockedImage::Create(const CQxImageFormat& xFormat)
 {
@@ -70,7 +50,7 @@ void CQxPageLockedImage::Create(const CQxImageFormat& xFormat)
             Release();
             if (nBytes != 0)
             {
-                m_xResource = GPU::CResourceManager::GetPageLockedMemory(nBytes);
+                m_xBlock.Take(GPU::CResourceManager::GetPageLockedMemory(nBytes));
             }
             m_nBytes = nBytes;
             m_xFormat = xFormat;
@@ -85,7 +65,7 @@ bool CQxPageLockedImage::Create(int iWidth, int iHeight, EPixelType::ID ePixelTy
 
 void CQxPageLockedImage::Release()
 {
-    GPU::CResourceManager::ReleaseResource(m_xResource, false);
+    m_xBlock.Release();
     m_xFormat = CQxImageFormat{};
     m_nBytes = 0;
 }

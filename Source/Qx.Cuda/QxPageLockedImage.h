@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Qx.Core.Ex/QxImage.h"
-#include "Qx.GPU.ResourceManager/Resource.h"
+#include "Qx.Cuda/QxPoolBlock.h"
 
 namespace Qx
 {
@@ -55,15 +55,15 @@ public:
     /// Throws what the pool throws when it refuses the memory; the image is unchanged then.
     QX_CUDA_API void Release();
 
-    void* GetDataPtr() override { return m_xResource.m_pDevice; }
-    const void* GetDataPtr() const override { return m_xResource.m_pDevice; }
+    void* GetDataPtr() override { return m_xBlock->m_pDevice; }
+    const void* GetDataPtr() const override { return m_xBlock->m_pDevice; }
 
     /// Bytes of the pixels: what the format takes, counted in 64 bits.
     std::size_t GetBufferSize() const noexcept { return m_nBytes; }
 
 private:
     std::size_t m_nBytes = 0;
-    GPU::CCudaMemoryResource m_xResource;
+    CQxPoolBlock<GPU::CCudaMemoryResource> m_xBlock;
 };
 
 } // namespace Qx
