@@ -28,9 +28,19 @@ SBlock& CBlockPool::AddLent(std::unique_ptr<SBlock> pBlock) noexcept
     return xBlock;
 }
 
-ERelease CBlockPool::Release(CResource& xResource, bool bFree, SBlock*& pTaken) noexcept
+ERelease CBlockPool::Release(CResource& xResource, bool bFree, bool bMayTake, SBlock*& pTaken) noexcept
 {
-    const std::lock_guard xLock(m_xMutex);
+    std::unique_lock xLock(m_xMutex, std::defer_lock);
+    const bool bClosed = IsClosed();
+    if (!bClosed)
+    {
+        xLock.lock();
+    }
+    else if (!xLock.try_lock())
+    {
+        xResource.m_pDevice = nullptr;
+        return ERelease::Done;
+    }
     SBlock* const pBlock = m_xBlocks.Find(xResource.m_pDevice);
     if (pBlock == nullptr)
     {
@@ -49,20 +59,17 @@ ERelease CBlockPool::Release(CResource& xResource, bool bFree, SBlock*& pTaken) 
         }
         return ERelease::Done;
     }
-    if (!IsClosed())
+    SPool& xPool = *pBlock->pPool;
+    const bool bFreeIt = bFree || pBlock->nBytes > xPool.nIdleLimit;
+    if (!bClosed && !m_bIsChild && (bFreeIt || pBlock->nBytes > _IdleRoom(xPool)))
     {
-        SPool& xPool = *pBlock->pPool;
-        if (bFree || pBlock->nBytes > xPool.nIdleLimit)
+        if (bMayTake)
         {
-            pBlock->SLink<SByAddress>::Unlink();
-            pTaken = pBlock;
-            return ERelease::FreeBlock;
+            pTaken = &_Take(bFreeIt ? *pBlock : _Oldest(xPool));
+            return bFreeIt ? ERelease::FreeBlock : ERelease::FreeIdleFirst;
         }
-        pTaken = _TakeIdleAbove(xPool, xPool.nIdleLimit - pBlock->nBytes);
-        if (pTaken != nullptr)
-        {
-            return ERelease::FreeIdleFirst;
-        }
+        pBlock->bIsDoomed = bFree;
+        m_bHasDeferred = true;
     }
     _MakeIdle(*pBlock, xResource);
     return ERelease::Done;
@@ -72,7 +79,21 @@ SBlock* CBlockPool::TakeIdleAbove(const SPoolName& xName, std::size_t nBytesToKe
 {
     const std::lock_guard xLock(m_xMutex);
     SPool* const pPool = _Find(xName);
-    return pPool != nullptr ? _TakeIdleAbove(*pPool, nBytesToKeep) : nullptr;
+    return pPool != nullptr && pPool->xStatistics.nBytesIdle > nBytesToKeep ? &_Take(_Oldest(*pPool)) : nullptr;
+}
+
+SBlock* CBlockPool::TakeDeferred() noexcept
+{
+    const std::lock_guard xLock(m_xMutex);
+    for (SPool* pPool = m_pPools; pPool != nullptr && m_bHasDeferred; pPool = pPool->pNext)
+    {
+        if (!pPool->xIdle.IsAlone() && (pPool->xStatistics.nBytesIdle > pPool->nIdleLimit || _Oldest(*pPool).bIsDoomed))
+        {
+            return &_Take(_Oldest(*pPool));
+        }
+    }
+    m_bHasDeferred = false;
+    return nullptr;
 }
 
 void CBlockPool::Settle(SBlock& xTaken, bool bFreed) noexcept
@@ -90,6 +111,7 @@ void CBlockPool::Settle(SBlock& xTaken, bool bFreed) noexcept
     m_xBlocks.InsertFirst(xTaken);
     if (bIdle)
     {
+        xTaken.bIsDoomed = false;
         m_xIdle.InsertLast(xTaken);
         xTaken.SLink<SByUse>::InsertAfter(*xTaken.pPool->xIdle.pPrevious);
     }
@@ -181,17 +203,12 @@ SPool& CBlockPool::_FindOrAdd(const SPoolName& xName)
     return *pPool;
 }
 
-SBlock* CBlockPool::_TakeIdleAbove(SPool& xPool, std::size_t nBytesToKeep) noexcept
+SBlock& CBlockPool::_Take(SBlock& xBlock) noexcept
 {
-    if (xPool.xStatistics.nBytesIdle <= nBytesToKeep)
-    {
-        return nullptr;
-    }
-    auto& xBlock = static_cast<SBlock&>(*xPool.xIdle.pPrevious);
     xBlock.SLink<SByAddress>::Unlink();
     xBlock.SLink<SByKey>::Unlink();
     xBlock.SLink<SByUse>::Unlink();
-    return &xBlock;
+    return xBlock;
 }
 
 void CBlockPool::_LeavePool(SBlock& xBlock) noexcept

@@ -72,6 +72,7 @@ struct SBlock : SLink<SByAddress>, SLink<SByKey>, SLink<SByUse>
     /// How many releases are to come before the block is idle: 0 idle, 1 lent. More when the address was handed out
     /// again by the runtime while blocks that were lent at the same address had not been given back.
     std::size_t nHolders = 0;
+    bool bIsDoomed = false; ///< idle, but to be freed and not lent again
 
     // What the caller sees. Never read, because a caller may change it.
     CCudaMemoryResource xLinear;
@@ -138,6 +139,10 @@ public:
     /// does nothing where it does not.
     bool ReleaseToIdle(CResource& xResource) noexcept
     {
+        if (IsClosed()) [[unlikely]]
+        {
+            return false;
+        }
         const std::lock_guard xLock(m_xMutex);
         SBlock* const pBlock = m_xBlocks.Find(xResource.m_pDevice);
         if (pBlock == nullptr || pBlock->nHolders != 1 || pBlock->pPool == nullptr ||
@@ -149,8 +154,25 @@ public:
         return true;
     }
 
-    /// Takes the block of @p xResource back.
-    ERelease Release(CResource& xResource, bool bFree, SBlock*& pTaken) noexcept;
+    /// Takes the block of @p xResource back. When the pool is closed it waits for nobody, and when another thread is at
+    /// the records only empties the resource.
+    /// @param bFree the block is not to be lent again
+    /// @param bMayTake false: nothing is taken, and what would have been is left to `TakeDeferred`
+    ERelease Release(CResource& xResource, bool bFree, bool bMayTake, SBlock*& pTaken) noexcept;
+
+    /// True while there may be something for `TakeDeferred`.
+    bool HasDeferred() noexcept
+    {
+        if (IsClosed())
+        {
+            return false;
+        }
+        const std::lock_guard xLock(m_xMutex);
+        return m_bHasDeferred;
+    }
+
+    /// Takes out an idle block that releases have left to be freed; null when there is none.
+    SBlock* TakeDeferred() noexcept;
 
     /// Takes out the least recently used idle block of a pool whose idle bytes exceed @p nBytesToKeep; null when they
     /// do not.
@@ -180,6 +202,16 @@ public:
 
     bool IsClosed() const noexcept { return m_bClosed.load(std::memory_order_relaxed); }
 
+    /// Enclose a fork, so that the child has whole records and a lock that somebody will open. Giving back keeps every
+    /// block in the child: the runtime may have locks there that nobody opens.
+    void LockForFork() noexcept { m_xMutex.lock(); }
+    void UnlockAfterFork(bool bIsChild) noexcept
+    {
+        m_bIsChild |= bIsChild;
+        m_bHasDeferred &= !bIsChild;
+        m_xMutex.unlock();
+    }
+
 private:
     SPool* _Find(const SPoolName& xName) const noexcept;
     SPool& _FindOrAdd(const SPoolName& xName);
@@ -200,8 +232,15 @@ private:
         // Emptied before anyone else can be given the block: the resource may be the one inside the record.
         xResource.m_pDevice = nullptr;
         xBlock.nHolders = 0;
-        m_xIdle.InsertFirst(xBlock);
-        xBlock.SLink<SByUse>::InsertAfter(xBlock.pPool->xIdle);
+        if (!xBlock.bIsDoomed) [[likely]]
+        {
+            m_xIdle.InsertFirst(xBlock);
+            xBlock.SLink<SByUse>::InsertAfter(xBlock.pPool->xIdle);
+        }
+        else
+        {
+            xBlock.SLink<SByUse>::InsertAfter(*xBlock.pPool->xIdle.pPrevious);
+        }
         SPoolStatistics& xStatistics = xBlock.pPool->xStatistics;
         ++xStatistics.nBlocksIdle;
         xStatistics.nBytesIdle += xBlock.nBytes;
@@ -225,12 +264,15 @@ private:
         SPoolStatistics& xStatistics = xPool.xStatistics;
         xStatistics.nPeakBytesInUse = std::max(xStatistics.nPeakBytesInUse, xPool.nBytes - xStatistics.nBytesIdle);
     }
-    static SBlock* _TakeIdleAbove(SPool& xPool, std::size_t nBytesToKeep) noexcept;
+    static SBlock& _Oldest(SPool& xPool) noexcept { return static_cast<SBlock&>(*xPool.xIdle.pPrevious); }
+    static SBlock& _Take(SBlock& xBlock) noexcept;
     static void _LeavePool(SBlock& xBlock) noexcept;
     void _Drop(SBlock& xBlock) noexcept;
 
     std::mutex m_xMutex;
     std::atomic<bool> m_bClosed = false;
+    bool m_bIsChild = false; ///< of a fork
+    bool m_bHasDeferred = false;
     CIntrusiveTable<SBlock, SByAddress, &SBlock::pMemory> m_xBlocks;
     CIntrusiveTable<SBlock, SByKey, &SBlock::xKey> m_xIdle;
     std::size_t m_nBlocks = 0;

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include <cuda_runtime_api.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include "Qx.Cuda.Core/QxCudaException.h"
@@ -21,7 +22,7 @@ namespace
 
 // Objects with static storage may give blocks back after any destructor of this library would have run, and the CUDA
 // runtime may be gone by then. So the pool is never destroyed, and from the moment that the exit begins (see
-// _WatchForExit) it keeps what it is given without a CUDA call.
+// _WatchProcess) it keeps what it is given without a CUDA call.
 static_assert(std::is_trivially_destructible_v<CBlockPool>);
 constinit CBlockPool g_xPool;
 
@@ -50,11 +51,20 @@ int _CurrentDevice(const SThrowSite& xSite)
 // initialised itself on a device and before the first block exists: so it runs before the runtime tears itself down,
 // and before the destructors of all static objects but those that were made after it, which still find a working
 // runtime.
-void _WatchForExit()
+//
+// The child of a fork has one thread only. It gets whole records and, since a thread that was freeing is not there to
+// go on, a new lock in its place.
+void _WatchProcess()
 {
     [[maybe_unused]] static const bool s_bRegistered = []
     {
-        if (std::atexit([] { g_xPool.Close(); }) != 0)
+        const auto Child = []
+        {
+            g_xPool.UnlockAfterFork(true);
+            new (&g_xFreeing) std::mutex;
+        };
+        if (std::atexit([] { g_xPool.Close(); }) != 0 ||
+            pthread_atfork([] { g_xPool.LockForFork(); }, [] { g_xPool.UnlockAfterFork(false); }, Child) != 0)
         {
             throw std::bad_alloc();
         }
@@ -89,7 +99,7 @@ bool _Learn(const SPoolName& xName, const SThrowSite& xSite)
         CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, xName.iDevice), xSite, c_pcMessage);
         bHostMemory = iConcurrent == 0 && iIntegrated != 0;
     }
-    _WatchForExit();
+    _WatchProcess();
     g_xPool.Learn(xName, bHostMemory, nIdleLimit);
     return bHostMemory;
 }
@@ -130,27 +140,67 @@ cudaError _AllocateMemory(SBlock& xBlock)
         xStatistics.nBlocksIdle, " blocks, Device ID: ", xKey.xPool.iDevice);
 }
 
-// Frees a block that was taken out of the pool; when that fails it returns to the pool.
-void _FreeTaken(SBlock& xTaken, CResource* pEmptied, const SThrowSite& xSite, const char* pcMessage)
+// Frees a block that was taken out of the pool; when that fails it returns to the pool. The block's own resource is
+// emptied before the record, in which it may be, goes.
+cudaError _FreeTaken(SBlock& xTaken, CResource* pEmptied = nullptr)
 {
     const cudaError eResult = xTaken.bHostMemory ? cudaFreeHost(xTaken.pMemory) : cudaFree(xTaken.pMemory);
     if (eResult == cudaSuccess && pEmptied != nullptr)
     {
-        pEmptied->m_pDevice = nullptr; // it may be inside the record, which goes now
+        pEmptied->m_pDevice = nullptr;
     }
     g_xPool.Settle(xTaken, eResult == cudaSuccess);
-    CheckCuda(eResult, xSite, pcMessage);
+    return eResult;
 }
 
-void _FreeIdle(SBlock& xTaken, const SThrowSite& xSite)
+// Frees what releases have left to others. What cannot be freed is left to the next one.
+void _FreeDeferred() noexcept
 {
-    _FreeTaken(xTaken, nullptr, xSite, "Error freeing idle GPU memory");
+    while (g_xPool.HasDeferred())
+    {
+        const std::unique_lock xLock(g_xFreeing, std::try_to_lock);
+        if (!xLock)
+        {
+            return; // who has it comes here afterwards
+        }
+        SBlock* const pTaken = g_xPool.TakeDeferred();
+        if (pTaken != nullptr && _FreeTaken(*pTaken) != cudaSuccess)
+        {
+            static_cast<void>(cudaGetLastError());
+            return;
+        }
+    }
 }
 
-// Frees as many blocks as were idle at first: others may go on giving some back.
+// The right to take blocks out of the pool and to free them.
+class CFreeing
+{
+public:
+    CFreeing() : m_xLock(g_xFreeing) {}
+    explicit CFreeing(std::try_to_lock_t xTry) : m_xLock(g_xFreeing, xTry) {}
+    CFreeing(const CFreeing&) = delete;
+    CFreeing& operator=(const CFreeing&) = delete;
+    ~CFreeing()
+    {
+        if (IsGranted())
+        {
+            m_xLock.unlock();
+        }
+        _FreeDeferred();
+    }
+
+    bool IsGranted() const noexcept { return m_xLock.owns_lock(); }
+
+private:
+    std::unique_lock<std::mutex> m_xLock;
+};
+
+constexpr const char* c_pcFreeingIdle = "Error freeing idle GPU memory";
+
+// Frees at most as many blocks as were idle at first: others may go on giving some back.
 void _FreeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep, const SThrowSite& xSite)
 {
-    const std::lock_guard xLock(g_xFreeing);
+    const CFreeing xFreeing;
     for (std::size_t nIdle = g_xPool.GetStatistics(xName).nBlocksIdle; nIdle > 0; --nIdle)
     {
         SBlock* const pTaken = g_xPool.TakeIdleAbove(xName, nBytesToKeep);
@@ -158,7 +208,7 @@ void _FreeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep, const SThr
         {
             return;
         }
-        _FreeIdle(*pTaken, xSite);
+        CheckCuda(_FreeTaken(*pTaken), xSite, c_pcFreeingIdle);
     }
 }
 
@@ -169,6 +219,7 @@ void _FreeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep, const SThr
     {
         _ThrowPoolOutOfMemory(xKey, xSite);
     }
+    _FreeDeferred();
     bool bHostMemory = false;
     if (!g_xPool.IsKnown(xKey.xPool, bHostMemory))
     {
@@ -202,31 +253,39 @@ SBlock& _Lend(const SBlockKey& xKey, const SThrowSite& xSite)
     return pBlock != nullptr ? *pBlock : _LendNew(xKey, xSite);
 }
 
-[[noreturn, gnu::cold]] void _ThrowNotLent(const void* pDevice, const char* pcWhy, const SThrowSite& xSite)
-{
-    Throw(xSite, "Error releasing GPU memory. Block ", pDevice, " ", pcWhy);
-}
-
+// Never waits for another thread that frees: that one may wait for the device, and the device for a host function which
+// is giving this block back; and an exit has no time for it. Where it cannot free now, this leaves it to others.
 [[gnu::noinline]] void _ReleaseOrFree(CResource& xResource, bool bFree, const SThrowSite& xSite)
 {
-    const std::lock_guard xLock(g_xFreeing);
+    const CFreeing xFreeing(std::try_to_lock);
+    bool bMayTake = xFreeing.IsGranted();
     for (;;)
     {
         SBlock* pTaken = nullptr;
-        switch (g_xPool.Release(xResource, bFree, pTaken))
+        const ERelease eRelease = g_xPool.Release(xResource, bFree, bMayTake, pTaken);
+        if (eRelease == ERelease::Done)
         {
-        case ERelease::Done:
             return;
-        case ERelease::Unknown:
-            _ThrowNotLent(xResource.m_pDevice, "is not from the pool or was freed already", xSite);
-        case ERelease::IsIdle:
-            _ThrowNotLent(xResource.m_pDevice, "was given back already", xSite);
-        case ERelease::FreeBlock:
-            _FreeTaken(*pTaken, &xResource, xSite, "Error freeing GPU memory");
+        }
+        if (pTaken == nullptr)
+        {
+            Throw(xSite, "Error releasing GPU memory. Block ", xResource.m_pDevice,
+                eRelease == ERelease::IsIdle ? " was given back already"
+                                             : " is not from the pool or was freed already");
+        }
+        const bool bIsThisBlock = eRelease == ERelease::FreeBlock;
+        const cudaError eResult = _FreeTaken(*pTaken, bIsThisBlock ? &xResource : nullptr);
+        if (eResult == cudaErrorNotPermitted && !bFree)
+        {
+            // This is a host function, which may not free.
+            static_cast<void>(cudaGetLastError());
+            bMayTake = false;
+            continue;
+        }
+        CheckCuda(eResult, xSite, bIsThisBlock ? "Error freeing GPU memory" : c_pcFreeingIdle);
+        if (bIsThisBlock)
+        {
             return;
-        case ERelease::FreeIdleFirst:
-            _FreeIdle(*pTaken, xSite);
-            break;
         }
     }
 }

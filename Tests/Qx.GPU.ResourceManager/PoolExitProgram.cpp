@@ -1,9 +1,11 @@
 // A process that ends with blocks in objects of static storage and in the pool: it must end with code 0, and the pool
 // must make no CUDA call from the end of main() on.
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "Qx.CudaRecorder/CudaRecorder.h"
@@ -27,6 +29,10 @@ struct SJudge
 {
     ~SJudge()
     {
+        if (std::chrono::steady_clock::now() - xEndOfMain > std::chrono::seconds(1))
+        {
+            _Fail("the exit waited for a thread that frees");
+        }
         for (const std::string& sCall : CCudaRecorder::CallNames())
         {
             _Fail("call while the process exits: " + sCall);
@@ -36,6 +42,8 @@ struct SJudge
             _Fail("the static holders did not give their blocks back");
         }
     }
+
+    std::chrono::steady_clock::time_point xEndOfMain;
 };
 
 /// Holds a block as an image does.
@@ -115,6 +123,16 @@ int main()
     {
         _Fail("the program does not hold what it should");
     }
+
+    // A thread that frees meanwhile, and has to wait for the device.
+    const auto Busy = [](void*) { std::this_thread::sleep_for(std::chrono::seconds(3)); };
+    if (cudaLaunchHostFunc(nullptr, Busy, nullptr) != cudaSuccess)
+    {
+        _Fail("the device was not made busy");
+    }
+    std::thread([] { CResourceManager::Trim(0); }).detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     CCudaRecorder::Reset();
+    g_xJudge.xEndOfMain = std::chrono::steady_clock::now();
     return 0;
 }

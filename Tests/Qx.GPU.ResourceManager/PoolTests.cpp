@@ -99,6 +99,7 @@ TEST_F(Pool, MatchesComparesWhatWasRequestedOnly)
     EXPECT_FALSE(Matches(xLinear, xOther));
 }
 
+// Needs to know when the device waits and when the runtime refuses, which a GPU leaves open.
 #ifdef QX_HOSTCUDA
 // Frees wait for the device. A thread that finds the device full meanwhile must wait for them, not give up.
 TEST_F(Pool, MemoryThatIsBeingFreedCountsAsMemoryThatCanBeHad)
@@ -127,6 +128,49 @@ TEST_F(Pool, MemoryThatIsBeingFreedCountsAsMemoryThatCanBeHad)
         _Release(xResource, true);
     }
     ASSERT_EQ(HostCuda::SetMemoryBudget(0, nBudget), cudaSuccess);
+}
+
+// The thread that frees waits for the device, and the device for the host function.
+TEST_F(Pool, AHostFunctionGivesBackWhileAnotherThreadFrees)
+{
+    for (const bool bFree : {false, true})
+    {
+        struct SClient
+        {
+            std::array<CCudaMemoryResource, 3> vLent;
+            bool bFree;
+        } xClient{{}, bFree};
+        for (std::size_t nBlock = 0; nBlock < xClient.vLent.size(); ++nBlock)
+        {
+            xClient.vLent[nBlock] = CResourceManager::GetCudaMemory(1000 + nBlock);
+        }
+        const CCudaMemoryResource xGivenBack = xClient.vLent[1];
+        CResourceManager::SetIdleLimit(1500);
+        _Release(xClient.vLent[0]);
+        const auto GiveBack = [](void* pClient)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // by then the other one frees
+            auto& x = *static_cast<SClient*>(pClient);
+            EXPECT_NO_THROW(_Release(x.vLent[1], x.bFree));
+        };
+        ASSERT_EQ(cudaLaunchHostFunc(nullptr, GiveBack, &xClient), cudaSuccess);
+        std::thread([] { CResourceManager::Trim(0); }).join();
+        EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+        EXPECT_EQ(xClient.vLent[1].m_pDevice, nullptr);
+        EXPECT_EQ(CResourceManager::GetStatistics().nBlocksIdle, bFree ? 0U : 1U) << "the other thread frees it";
+
+        // No one else frees: the runtime refuses, and the block stays until the next request that needs a new one.
+        xClient.bFree = false;
+        _Release(xClient.vLent[2]);
+        xClient.vLent[1] = CResourceManager::GetCudaMemory(1600);
+        ASSERT_EQ(cudaLaunchHostFunc(nullptr, GiveBack, &xClient), cudaSuccess);
+        EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+        EXPECT_EQ(CResourceManager::GetStatistics().nBytesIdle, 2602U);
+        CCudaMemoryResource xNew = CResourceManager::GetCudaMemory(1);
+        EXPECT_LE(CResourceManager::GetStatistics().nBytesIdle, 1500U);
+        _Release(xNew, true);
+        CResourceManager::Trim(0);
+    }
 }
 #endif
 
