@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Qx.HostCuda/Sanitizer.h" // says under which one the tests run
+#include "Qx.HostCuda/Runtime/Sanitizer.h" // says under which one the tests run
 #include "Runtime/RuntimeTest.h"
 
 namespace Qx::Test

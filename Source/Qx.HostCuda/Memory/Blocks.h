@@ -1,19 +1,20 @@
 #pragma once
 
 #include "Qx.HostCuda/HostCuda.h"
+#include "Qx.HostCuda/Runtime/Devices.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <shared_mutex>
 #include <vector>
 
 namespace Qx::HostCuda
 {
 
-class CDevice;
+/// Alignment of blocks and of the rows of pitched blocks.
+inline constexpr std::size_t c_nAlignment = 512;
 
-/// A live allocation other than an array.
+/// A live block of memory.
 struct SBlock
 {
     std::uintptr_t uBase = 0;
@@ -29,19 +30,11 @@ struct SBlock
     {
         return eKind == EMemoryKind::Managed || eKind == EMemoryKind::PageLocked;
     }
+    /// True if the device's budget pays for the block.
+    [[nodiscard]] bool IsPaid() const noexcept { return eKind != EMemoryKind::PageLocked; }
 };
 
-/// A live array. It has a description but no contents.
-struct SArray
-{
-    cudaChannelFormatDesc xFormat{};
-    cudaExtent xExtent{};
-    unsigned uFlags = 0;
-    int iDevice = 0;
-    std::size_t nByteCount = 0;
-};
-
-/// The registry of all allocations of the process.
+/// The registry of all blocks of the process.
 ///
 /// Who checks an area and then queues work on it holds the read lock until the work is queued; who frees a block takes
 /// it out of the registry and then waits for the device. So work never meets a block that is gone, and a copy of a
@@ -57,7 +50,6 @@ public:
     /// The registry of the process; never destroyed.
     [[nodiscard]] static CMemory& Get();
 
-    CMemory() = default;
     ~CMemory() = delete;
     CMemory(const CMemory&) = delete;
     CMemory& operator=(const CMemory&) = delete;
@@ -74,42 +66,30 @@ public:
     static void NoteUse(const SBlock& xBlock, const CDevice& xDevice) noexcept;
 
     /// Allocates rows on a device, 1 row where the block has no pitch. Its budget pays for all but page-locked memory.
-    cudaError_t Allocate(CDevice& xDevice, EMemoryKind eKind, std::size_t nPitch, std::size_t nWidth,
-        std::size_t nRowCount, void*& pMemory);
+    /// cudaErrorMemoryAllocation: the budget or the machine does not have as much.
+    [[nodiscard]] void* Allocate(
+        CDevice& xDevice, EMemoryKind eKind, std::size_t nPitch, std::size_t nWidth, std::size_t nRowCount);
     /// Waits for the block's device, then frees it. `bHost`: page-locked memory is meant, otherwise all other kinds.
-    cudaError_t Free(void* pMemory, bool bHost);
+    /// cudaErrorInvalidValue: not the beginning of such a block.
+    void Free(void* pMemory, bool bHost);
 
-    /// Allocates an array as described, at its device's expense.
-    cudaError_t AllocateArray(CDevice& xDevice, const SArray& xArray, cudaArray_t& hArray);
-    /// Waits for the array's device, then frees it. cudaErrorInvalidValue: no live array.
-    cudaError_t FreeArray(cudaArray_t hArray);
-    /// Writes the description of an array; false if there is none.
-    [[nodiscard]] bool GetArray(cudaArray_const_t hArray, SArray& xArray);
-
-    /// Waits for a device, then frees all that it has and resets it.
+    /// Waits for a device and for the others' use of its blocks, then resets the device and frees all that it has.
     void Reset(CDevice& xDevice) noexcept;
 
-    /// Adds up what a device has.
+    /// Adds up the blocks of a device.
     void Count(int iDevice, SStatistics& xStatistics);
 
 private:
-    struct SArraySlot
-    {
-        std::uint64_t uGeneration = 1;
-        bool bLive = false;
-        SArray xArray;
-    };
-
-    [[nodiscard]] const SBlock* _FindBase(const void* pMemory, bool bHost) const noexcept;
-    [[nodiscard]] SArraySlot* _FindArray(cudaArray_const_t hArray) noexcept;
-    static void _FreeArray(SArraySlot& xSlot) noexcept;
+    CMemory();
+    [[nodiscard]] const SBlock& _Get(const void* pMemory, bool bHost) const;
+    /// True if work of other devices has used a block of a device. Needs a lock.
+    [[nodiscard]] bool _IsUsedElsewhere(int iDevice) const noexcept;
     static void _WaitForUse(int iDevice, bool bForeignUse) noexcept;
     static void _Release(const SBlock& xBlock) noexcept;
     [[nodiscard]] bool _ResetIfIdle(CDevice& xDevice) noexcept;
 
     std::shared_mutex m_xMutex;
     std::vector<SBlock> m_vBlocks; ///< ordered by address
-    std::deque<SArraySlot> m_vArrays;
 };
 
 } // namespace Qx::HostCuda

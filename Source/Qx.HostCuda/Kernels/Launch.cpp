@@ -1,7 +1,9 @@
-#include "Qx.HostCuda/Devices.h"
-#include "Qx.HostCuda/Sanitizer.h"
-#include "Qx.HostCuda/Workers.h"
+#include "Qx.HostCuda/HostCuda.h"
+#include "Qx.HostCuda/Kernels/Workers.h"
+#include "Qx.HostCuda/Runtime/Sanitizer.h"
+#include "Qx.HostCuda/Streams/Schedule.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cuda_runtime.h>
 #include <memory>
@@ -27,6 +29,13 @@ bool _IsValid(const dim3& xGrid, const dim3& xBlock) noexcept
     return Within(xGrid.x, c_nMaxGridX) && Within(xGrid.y, c_nMaxGridYZ) && Within(xGrid.z, c_nMaxGridYZ) &&
         Within(xBlock.x, 1024) && Within(xBlock.y, 1024) && Within(xBlock.z, 64) &&
         xBlock.x * xBlock.y * xBlock.z <= 1024;
+}
+
+/// What SetLaunchThreads or, at first, the environment says.
+std::atomic<int>& _GetThreadLimit() noexcept
+{
+    static std::atomic<int> s_iLimit{GetEnvironment().iLaunchThreads};
+    return s_iLimit;
 }
 
 /// What leaves a kernel that has trapped. No std::exception, so that a kernel does not catch it for one of its own.
@@ -117,6 +126,21 @@ private:
 
 } // namespace
 
+cudaError_t SetLaunchThreads(int iThreads) noexcept
+{
+    if (iThreads < 1)
+    {
+        return cudaErrorInvalidValue;
+    }
+    _GetThreadLimit().store(iThreads, std::memory_order_relaxed);
+    return cudaSuccess;
+}
+
+int GetLaunchThreads() noexcept
+{
+    return std::min(GetProcessorCount(), _GetThreadLimit().load(std::memory_order_relaxed));
+}
+
 void Trap()
 {
     if (t_pDevice == nullptr)
@@ -133,41 +157,16 @@ cudaError_t Launch(const cudaLaunchConfig_t* pConfig, bool bFunction, std::uniqu
     return Call(
         [&]
         {
-            if (pConfig == nullptr)
-            {
-                return cudaErrorInvalidValue;
-            }
-            CDevice* pDevice = nullptr;
-            if (const cudaError_t eError = FindDevice(pConfig->stream, pDevice); eError != cudaSuccess)
-            {
-                return eError;
-            }
-            if (pDevice != &CurrentDevice())
-            {
-                return cudaErrorInvalidResourceHandle;
-            }
-            if (!bFunction)
-            {
-                return cudaErrorInvalidDeviceFunction;
-            }
-            if (!_IsValid(pConfig->gridDim, pConfig->blockDim))
-            {
-                return cudaErrorInvalidConfiguration;
-            }
-            if (pConfig->dynamicSmemBytes != 0)
-            {
-                return cudaErrorInvalidValue;
-            }
-            if (pConfig->numAttrs != 0)
-            {
-                return cudaErrorNotSupported;
-            }
-            if (pKernel == nullptr)
-            {
-                return cudaErrorMemoryAllocation;
-            }
-            return pDevice->Enqueue(pConfig->stream,
-                std::make_unique<CLaunch>(*pDevice, pConfig->gridDim, pConfig->blockDim, std::move(pKernel)));
+            Require(pConfig != nullptr, cudaErrorInvalidValue);
+            CPlace xPlace(pConfig->stream);
+            CDevice& xDevice = xPlace.GetDevice();
+            Require(&xDevice == &CurrentDevice(), cudaErrorInvalidResourceHandle);
+            Require(bFunction, cudaErrorInvalidDeviceFunction);
+            Require(_IsValid(pConfig->gridDim, pConfig->blockDim), cudaErrorInvalidConfiguration);
+            Require(pConfig->dynamicSmemBytes == 0, cudaErrorInvalidValue);
+            Require(pConfig->numAttrs == 0, cudaErrorNotSupported);
+            Require(pKernel != nullptr, cudaErrorMemoryAllocation);
+            xPlace.Enqueue(std::make_unique<CLaunch>(xDevice, pConfig->gridDim, pConfig->blockDim, std::move(pKernel)));
         });
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cuda_runtime_api.h>
-
 #include <cstddef>
 
 namespace Qx::HostCuda
@@ -13,6 +11,6 @@ namespace Qx::HostCuda
 ///
 /// The size of the variable is not known here; that a copy stays within it is AddressSanitizer's to check, and that
 /// of the typed forms of the calls.
-cudaError_t CheckSymbol(const void* pSymbol, std::size_t nByteCount, std::size_t nOffset) noexcept;
+void CheckSymbol(const void* pSymbol, std::size_t nByteCount, std::size_t nOffset);
 
 } // namespace Qx::HostCuda

@@ -1,7 +1,7 @@
 // Alone in this file because ThreadSanitizer must not see it: the installed oneTBB is not instrumented, and what its
 // headers do in concert with it would be reported as races.
 
-#include "Qx.HostCuda/Workers.h"
+#include "Qx.HostCuda/Kernels/Workers.h"
 
 #include <memory>
 #include <tbb/blocked_range.h>

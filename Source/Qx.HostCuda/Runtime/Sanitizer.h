@@ -3,26 +3,18 @@
 #include <cstddef>
 
 #if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QX_HOSTCUDA_ASAN 1
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define QX_HOSTCUDA_ASAN 1
+#define QX_HOSTCUDA_HAS(feature) __has_feature(feature)
+#else
+#define QX_HOSTCUDA_HAS(feature) 0
 #endif
 
-#if defined(QX_HOSTCUDA_ASAN)
+#if defined(__SANITIZE_ADDRESS__) || QX_HOSTCUDA_HAS(address_sanitizer)
+#define QX_HOSTCUDA_ASAN 1
 #include <sanitizer/asan_interface.h>
 #endif
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
+#if defined(__SANITIZE_THREAD__) || QX_HOSTCUDA_HAS(thread_sanitizer)
 #define QX_HOSTCUDA_TSAN 1
-#endif
-#elif defined(__SANITIZE_THREAD__)
-#define QX_HOSTCUDA_TSAN 1
-#endif
-
-#if defined(QX_HOSTCUDA_TSAN)
 #include <sanitizer/tsan_interface.h>
 #endif
 

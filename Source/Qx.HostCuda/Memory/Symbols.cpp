@@ -1,4 +1,6 @@
-#include "Qx.HostCuda/Symbols.h"
+#include "Qx.HostCuda/Memory/Symbols.h"
+
+#include "Qx.HostCuda/Runtime/Errors.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -48,17 +50,14 @@ int _SearchModule(dl_phdr_info* pModule, std::size_t, void* pData)
 
 } // namespace
 
-cudaError_t CheckSymbol(const void* pSymbol, std::size_t nByteCount, std::size_t nOffset) noexcept
+void CheckSymbol(const void* pSymbol, std::size_t nByteCount, std::size_t nOffset)
 {
     SSearch xSearch;
     xSearch.uAddress = reinterpret_cast<std::uintptr_t>(pSymbol);
     dl_iterate_phdr(&_SearchModule, &xSearch);
-    if (xSearch.uEnd == 0)
-    {
-        return cudaErrorInvalidSymbol;
-    }
+    Require(xSearch.uEnd != 0, cudaErrorInvalidSymbol);
     const std::size_t nRoom = xSearch.uEnd - xSearch.uAddress;
-    return nOffset > nRoom || nByteCount > nRoom - nOffset ? cudaErrorInvalidValue : cudaSuccess;
+    Require(nOffset <= nRoom && nByteCount <= nRoom - nOffset, cudaErrorInvalidValue);
 }
 
 } // namespace Qx::HostCuda
