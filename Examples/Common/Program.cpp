@@ -15,22 +15,6 @@ namespace Qx::Examples
 namespace
 {
 
-std::string _ChainText(const IException& xException)
-{
-    std::string sText;
-    const char* pcLast = "";
-    for (const IException* pLink = &xException; pLink != nullptr; pLink = pLink->GetInnerException())
-    {
-        const char* pcMessage = pLink->GetMessageText().ToCString();
-        if (std::strcmp(pcMessage, pcLast) != 0) // a step that wraps a step of the same name says nothing new
-        {
-            sText += (sText.empty() ? "" : ": ") + std::string(pcMessage);
-        }
-        pcLast = pcMessage;
-    }
-    return sText;
-}
-
 int _Report(const SProgram& xProgram, std::string sMessage, int iExitCode)
 {
     std::replace(sMessage.begin(), sMessage.end(), '\n', ' ');
@@ -106,10 +90,6 @@ int RunProgram(const SProgram& xProgram, int iArguments, char** ppcArguments,
     catch (const CUsageError& xError)
     {
         return _Report(xProgram, std::string(xError.what()) + " (--help lists the options)", 2);
-    }
-    catch (const CQxException& xException)
-    {
-        return _Report(xProgram, _ChainText(xException), 1);
     }
     catch (const std::exception& xException)
     {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 
 #include "Qx.Core/QxException.h"
 
@@ -212,6 +213,12 @@ struct CQxImageFormat
 
 static_assert(sizeof(CQxImageFormat) == 16 && std::is_trivially_default_constructible_v<CQxImageFormat> &&
     std::is_trivially_copyable_v<CQxImageFormat>);
+
+/// The format as messages show it: "640 x 480 'RGBA' 'UByte'".
+QX_CORE_API CQxString ToText(const CQxImageFormat& xFormat);
+
+/// Writes what `ToText` returns.
+QX_CORE_API std::ostream& operator<<(std::ostream& xStream, const CQxImageFormat& xFormat);
 
 inline int CQxImageFormat::GetBytesPerChannel() const
 {

@@ -8,12 +8,6 @@ namespace
 
 constexpr const char* c_pcFile = "Qx.Core.Ex/QxImageView";
 
-CQxString _ToText(const CQxImageFormat& xFormat)
-{
-    return MakeText(xFormat.iWidth, " x ", xFormat.iHeight, " '", GetPixelTypeName(xFormat.ePixelType), "' '",
-        GetDataTypeName(xFormat.eDataType), "'");
-}
-
 } // namespace
 
 CQxImageView::CQxImageView(const CQxImageFormat& xFormat, const void* pPixels)
@@ -37,8 +31,8 @@ bool CQxImageView::Create(int iWidth, int iHeight, EPixelType::ID ePixelType, ED
     const CQxImageFormat xFormat(iWidth, iHeight, eDataType, ePixelType);
     if (!(xFormat == m_xFormat))
     {
-        Throw({c_pcFile, "Create"}, "An image view cannot change its format from ", _ToText(m_xFormat), " to ",
-            _ToText(xFormat));
+        Throw({c_pcFile, "Create"}, "An image view cannot change its format from ", ToText(m_xFormat), " to ",
+            ToText(xFormat));
     }
     return true;
 }

@@ -20,6 +20,9 @@ public:
     /// The same for memory that is only read; the writable `GetDataPtr` of the view throws.
     QX_CORE_API CQxImageView(const CQxImageFormat& xFormat, const void* pPixels);
 
+    /// The same for the literal `nullptr`, which would fit both: only formats without bytes are accepted.
+    CQxImageView(const CQxImageFormat& xFormat, std::nullptr_t) : CQxImageView(xFormat, static_cast<void*>(nullptr)) {}
+
     /// Returns true for the format that the view has. It cannot get another one: throws a `CQxException` "An image view
     /// cannot change its format from ... to ..." that names both, and stays as it was.
     QX_CORE_API bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) override;

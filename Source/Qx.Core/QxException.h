@@ -1,7 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <exception>
-#include <memory>
+#include <iosfwd>
 #include <type_traits>
 #include <utility>
 
@@ -45,7 +46,7 @@ public:
     /// A copy of this exception in its own type, with its chain. The caller owns it and deletes it.
     virtual IException* Clone() const = 0;
 
-    virtual ~IException() = default;
+    QX_CORE_API virtual ~IException();
 
 protected:
     IException() = default;
@@ -70,27 +71,30 @@ public:
     CExceptionSafePointer() noexcept = default;
 
     /// Owns a clone of @p xException.
-    explicit CExceptionSafePointer(const IException& xException) : m_pException(xException.Clone()) {}
+    explicit CExceptionSafePointer(const IException& xException);
 
     /// Owns a clone of what @p xOther owns.
-    CExceptionSafePointer(const CExceptionSafePointer& xOther)
-        : m_pException(xOther.m_pException != nullptr ? xOther.m_pException->Clone() : nullptr)
-    {
-    }
-    CExceptionSafePointer(CExceptionSafePointer&&) noexcept = default;
+    CExceptionSafePointer(const CExceptionSafePointer& xOther);
+    CExceptionSafePointer(CExceptionSafePointer&& xOther) noexcept;
     /// Takes over what the argument, a copy or a moved pointer, owns.
-    CExceptionSafePointer& operator=(CExceptionSafePointer xOther) noexcept
-    {
-        m_pException.swap(xOther.m_pException);
-        return *this;
-    }
-    ~CExceptionSafePointer() = default;
+    CExceptionSafePointer& operator=(CExceptionSafePointer xOther) noexcept;
+    ~CExceptionSafePointer();
 
     /// The owned exception or null; stays owned by this object.
-    const IException* Get() const noexcept { return m_pException.get(); }
+    const IException* Get() const noexcept;
+
+    /// The text that was kept, or null.
+    const char* GetText() const noexcept;
+
+    /// Keeps @p sText, unless another text is kept already, and returns the kept one, which stays valid and the same
+    /// until this object is assigned or destroyed. Copies do not have it. Several threads may call it at a time. Throws
+    /// `std::bad_alloc`.
+    const char* KeepText(const CQxString& sText) const;
 
 private:
-    std::unique_ptr<const IException> m_pException;
+    struct SHeld;
+
+    mutable std::atomic<SHeld*> m_pHeld = nullptr;
 };
 
 /// The exception of the SDK: a message, where it was thrown, and the failure that caused it.
@@ -136,18 +140,26 @@ public:
     /// `<type name>: <message> [<function>, <file>:<line>]`. Further lines of a message are indented.
     QX_CORE_API virtual CQxString ToString() const;
 
-    /// The message text, for programs that only know `std::exception`; valid as long as this object.
+    /// The messages of the whole chain in one line, outermost first, for programs that only know `std::exception`:
+    /// "Error creating 2D CUDA device image: Image is invalid". A message that says what the one before says is left
+    /// out, and line breaks are blanks.
+    ///
+    /// The text is made by the first call and stays valid and the same until this object is assigned or destroyed;
+    /// where there is no memory for it, it is the outermost message alone. Several threads may call it at a time.
     QX_CORE_API const char* what() const noexcept override;
 
 protected:
     CGuid m_xGuid;                  ///< what `GetGUID` returns
     CQxString m_sName;              ///< what `GetName` returns
-    CQxString m_sMessage;           ///< what `GetMessageText` and `what` return
+    CQxString m_sMessage;           ///< what `GetMessageText` returns
     CQxString m_sFile;              ///< what `GetFile` returns
     CQxString m_sFunction;          ///< what `GetFunction` returns
     int m_iLine;                    ///< what `GetLine` returns
     CExceptionSafePointer m_xInner; ///< what `GetInnerException` returns
 };
+
+/// Writes what `what` returns.
+QX_CORE_API std::ostream& operator<<(std::ostream& xStream, const CQxException& xException);
 
 /// Where an operation throws: the source file that its exceptions record and its plain name. Both are literals.
 struct SThrowSite

@@ -3,6 +3,7 @@
 /// @file
 /// Everything that the library offers but `Qx.Cuda/QxLaunchKernel.h`, which belongs into files with kernels.
 
+#include "Qx.Core.Ex/QxFormatter.h"
 #include "Qx.Core.Ex/QxImageView.h"
 #include "Qx.Cuda.Core/Cuda.h"
 #include "Qx.Cuda/QxCudaComp.h"

@@ -1,7 +1,13 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -88,7 +94,6 @@ TEST(Exception, KeepsItsOwnChainInTheTypesOfTheLinks)
         const CQxException xChain = _MakeChain();
         EXPECT_TRUE(IsChain(xChain, c_vChain));
         EXPECT_EQ(xChain.GetLine(), 20);
-        EXPECT_STREQ(static_cast<const std::exception&>(xChain).what(), "Error loading");
         const auto* pDisk = dynamic_cast<const CDiskException*>(xChain.GetInnerException()->GetInnerException());
         ASSERT_NE(pDisk, nullptr);
         EXPECT_EQ(pDisk->GetSector(), 9);
@@ -158,6 +163,45 @@ TEST(Exception, ToStringHasOneLinePerLink)
     EXPECT_STREQ(xReport.ToString().ToCString(), "Qx.Exception: Report:\n    Kernel: k\n    Grid: 1 [End, File:3]\n");
 }
 
+TEST(Exception, WhatSaysTheWholeChainInOneLine)
+{
+    const CQxException xChain = _MakeChain();
+    const std::exception& xStandard = xChain;
+    const char* const pcWhat = xStandard.what();
+    EXPECT_STREQ(pcWhat, "Error loading: Error reading: No answer");
+    EXPECT_EQ(xStandard.what(), pcWhat) << "one text as long as the object lives";
+    EXPECT_STREQ(CQxException(xChain).what(), pcWhat);
+    std::ostringstream xStream;
+    xStream << xChain;
+    EXPECT_EQ(xStream.str(), pcWhat);
+
+    // A step that wraps a step of the same name says nothing new.
+    const CQxException xTwice("Error loading", "Source/Test/Outer", "Load", 20, xChain);
+    EXPECT_STREQ(xTwice.what(), pcWhat);
+    CQxException xReport("Report:\nKernel: k", "File", "End", 3);
+    EXPECT_STREQ(xReport.what(), "Report: Kernel: k");
+    EXPECT_STREQ(xReport.GetMessageText().ToCString(), "Report:\nKernel: k");
+    xReport = xChain;
+    EXPECT_STREQ(xReport.what(), pcWhat);
+}
+
+TEST(Exception, WhatIsOneTextForAllThreads)
+{
+    for (int iRound = 0; iRound < 50; ++iRound)
+    {
+        const CQxException xReport("Report:\nKernel: k", "File", "End", 3);
+        std::array<const char*, 4> vWhats{};
+        {
+            std::vector<std::jthread> vThreads;
+            for (const char*& pcWhat : vWhats)
+            {
+                vThreads.emplace_back([&] { pcWhat = xReport.what(); });
+            }
+        }
+        EXPECT_EQ(std::count(vWhats.begin(), vWhats.end(), xReport.what()), 4);
+    }
+}
+
 TEST(Exception, EveryHelperRecordsTheSiteAndTheLineOfItsCall)
 {
     const int iLine = __LINE__;
@@ -219,6 +263,20 @@ TEST(Exception, RunningOutOfMemoryOnAFailurePathLeaksAndHidesNothing)
     };
     EXPECT_GT(FailEachAllocation([] {}, LoadAndFail, [] { EXPECT_EQ(CDiskException::sm_iAlive, 0); }), 20);
     EXPECT_EQ(CDiskException::sm_iAlive, 0);
+}
+
+TEST(Exception, WhatIsTheOutermostMessageWhereThereIsNoMemory)
+{
+    std::optional<CQxException> xChain;
+    const auto What = [&]
+    {
+        if (std::strcmp(xChain->what(), "Error loading") == 0)
+        {
+            throw std::bad_alloc(); // what `what` must not let out
+        }
+        EXPECT_STREQ(xChain->what(), "Error loading: Error reading: No answer");
+    };
+    EXPECT_GT(FailEachAllocation([&] { xChain.emplace(_MakeChain()); }, What, [] {}), 2);
 }
 
 TEST(Exception, AFailedAssignmentChangesNothing)

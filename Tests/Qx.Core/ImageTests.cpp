@@ -2,6 +2,7 @@
 #include <cstring>
 #include <new>
 #include <numeric>
+#include <sstream>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -121,6 +122,7 @@ TEST(ImageView, ShowsTheMemoryOfItsClientAndKeepsItsFormat)
     EXPECT_TRUE(ThrowsChain(
         [&] { xInterface.Create(5, 4, EPixelType::RGBA, EDataType::UByte); }, {Plain(pcText, "Create", c_pcFile)}));
     EXPECT_EQ(xView.GetFormat(), c_xSmall);
+    EXPECT_EQ((std::ostringstream() << xView.GetFormat()).str(), "5 x 3 'RGB' 'UShort'");
 
     CQxImageView xReadOnly(c_xSmall, static_cast<const void*>(acPixels));
     EXPECT_EQ(std::as_const(xReadOnly).GetDataPtr(), acPixels);
@@ -131,6 +133,8 @@ TEST(ImageView, ShowsTheMemoryOfItsClientAndKeepsItsFormat)
     const CQxImageFormat xNegative(-1, 3, EDataType::UByte, EPixelType::Lum);
     EXPECT_TRUE(ThrowsChain(
         [&] { CQxImageView(c_xSmall, pNull); }, {Plain("The pixel pointer is null", "CQxImageView", c_pcFile)}));
+    EXPECT_TRUE(ThrowsChain(
+        [&] { CQxImageView(c_xSmall, nullptr); }, {Plain("The pixel pointer is null", "CQxImageView", c_pcFile)}));
     EXPECT_TRUE(ThrowsChain([&] { CQxImageView(xNegative, acPixels); },
         {Plain("Image dimensions are negative", "CQxImageView", c_pcFile)}));
     CQxImageView xNothing({0, 3, EDataType::UByte, EPixelType::Lum}, pNull);
