@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <cublas_v2.h>
+#include <cuda_runtime_api.h>
 
 namespace Qx::Test
 {
@@ -21,12 +22,25 @@ struct SCudaCall
 /// For tests. Stands between the program's libraries and the CUDA runtime: the program defines the runtime's calls
 /// itself, counts them and forwards them to the next definition, which is the real runtime or the stand-in.
 ///
-/// The products and sums of cuBLAS are treated alike: a planned failure makes them return
-/// CUBLAS_STATUS_EXECUTION_FAILED whatever the error, and leaves the last CUDA error alone. Their factors alpha and
-/// beta, which lie on the host, are recorded by value in place of their addresses.
+/// It knows every call of the runtime and of cuBLAS that the stand-in offers (`KnownNames`), on both platforms; what
+/// the runtime calls inside of one is not recorded. A name that it does not know is refused with
+/// `std::invalid_argument`, wherever one is given, so that no test counts or fails what cannot happen. Those of cuBLAS
+/// may leave out their "_v2".
 ///
-/// Calls that only ask about errors (`cudaGetLastError`, `cudaPeekAtLastError`, `cudaGetErrorName`,
-/// `cudaGetErrorString`) are recorded but cannot be made to fail. All operations may be called from any thread.
+/// A launch is `cudaLaunchKernel`, however it is made and on either platform. Its arguments are the grid's x, y and z,
+/// the block's, the bytes of shared memory, and the stream.
+///
+/// The calls of cuBLAS are treated like the others: a planned failure makes them return CUBLAS_STATUS_EXECUTION_FAILED
+/// whatever the error, and leaves the last CUDA error alone. The factors alpha and beta of products that lie on the
+/// host are recorded by value, without what follows the point, in place of their addresses.
+///
+/// Calls that give no error of their own (`cudaGetLastError`, `cudaPeekAtLastError`, `cudaGetErrorName`,
+/// `cudaGetErrorString`, `cudaCreateChannelDesc`, `cublasGetStatusName`, `cublasGetStatusString`) are recorded but
+/// cannot be made to fail: to plan that is refused like an unknown name.
+///
+/// No exception leaves a call. The recorder's own memory is not that of the operators `new`; when there is none to note
+/// a call or a block that there was, the operations that would tell of it throw `std::runtime_error` until `Reset`. All
+/// operations may be called from any thread.
 class CCudaRecorder
 {
 public:
@@ -37,7 +51,11 @@ public:
     /// Allocations are still tracked.
     static void Pause();
 
-    /// The calls since `Reset`, in the order in which they returned.
+    /// The names of all calls that are recorded.
+    static std::vector<std::string> KnownNames();
+
+    /// The calls since `Reset`, in the order in which they returned. `cudaPeekAtLastError`, which changes nothing, is
+    /// left out, so that a test may ask between the calls that it compares; `Count` and `Last` know it.
     static std::vector<SCudaCall> Calls();
 
     /// Their names only.
@@ -66,7 +84,7 @@ public:
     /// their pitch varies.
     static void PadRows(std::size_t nBytes);
 
-    /// Blocks that were allocated through the runtime and not freed.
+    /// Blocks that were allocated through the runtime and not freed, arrays and page-locked ones among them.
     static std::size_t LiveAllocations();
 };
 

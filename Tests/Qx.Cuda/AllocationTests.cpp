@@ -1,3 +1,5 @@
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
 #include "Qx.Cuda/QxCuda.h"
@@ -61,6 +63,44 @@ TEST(Allocations, ImagesOfAFrameComeFromThePoolWithoutAny)
     const auto uMisses = GPU::CResourceManager::GetStatistics().uMisses;
     EXPECT_EQ(AllocationsOf(100, [&] { CQxDeviceImage2D{xFrame}; }), 0);
     EXPECT_EQ(GPU::CResourceManager::GetStatistics().uMisses, uMisses);
+}
+
+TEST(Allocations, NoMemoryForTheRecordLetsNothingOutOfACallAndIsNotHidden)
+{
+    int iDevice = 0;
+    void* pFirst = nullptr; // what the runtime needs once
+    ASSERT_EQ(cudaMalloc(&pFirst, 100), cudaSuccess);
+    ASSERT_EQ(cudaFree(pFirst), cudaSuccess);
+    LimitAllocations(0);
+    for (int iCall = 0; iCall < 100'000; ++iCall)
+    {
+        EXPECT_EQ(cudaGetDevice(&iDevice), cudaSuccess);
+    }
+    LimitAllocations(-1);
+    EXPECT_THROW(static_cast<void>(CCudaRecorder::Calls()), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(CCudaRecorder::Count("cudaGetDevice")), std::runtime_error);
+    int iUnknown = 0;
+    for (int iCalls = 0; iCalls < 20; ++iCalls)
+    {
+        CCudaRecorder::Reset();
+        const std::size_t nLive = CCudaRecorder::LiveAllocations();
+        void* pBlock = nullptr;
+        LimitAllocations(iCalls);
+        const cudaError_t eResult = cudaMalloc(&pBlock, 100);
+        LimitAllocations(-1);
+        EXPECT_EQ(eResult, pBlock != nullptr ? cudaSuccess : cudaErrorMemoryAllocation);
+        EXPECT_EQ(cudaGetLastError(), eResult);
+        try
+        {
+            EXPECT_EQ(CCudaRecorder::LiveAllocations(), nLive + (pBlock != nullptr ? 1 : 0)) << iCalls;
+        }
+        catch (const std::runtime_error&)
+        {
+            ++iUnknown;
+        }
+        EXPECT_EQ(cudaFree(pBlock), cudaSuccess);
+    }
+    EXPECT_EQ(iUnknown, 1) << "the block was there, and the record of it was not";
 }
 
 } // namespace

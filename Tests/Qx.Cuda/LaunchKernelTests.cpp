@@ -428,7 +428,10 @@ TEST(LaunchKernel, ALibraryThatIsLoadedLaterBringsItsKernelsAndConstantsAndTakes
         {
             const CStream xStream;
             const CQxDeviceImage2D xImage(CQxImageFormat{33, 50, EDataType::UByte, EPixelType::Lum});
+            CCudaRecorder::Reset();
             FillDescribed(xImage, 7, xStream);
+            EXPECT_EQ(
+                CCudaRecorder::CallNames(), (std::vector<std::string>{"cudaMemcpyToSymbolAsync", "cudaLaunchKernel"}));
             ASSERT_EQ(cudaStreamSynchronize(xStream), cudaSuccess);
             CQxImage xHost;
             xImage.CopyTo(xHost);

@@ -18,6 +18,7 @@ namespace
 {
 
 std::atomic<std::uint64_t> sm_uAllocations{0};
+constinit thread_local int t_iLeft = -1;
 
 void _Count() noexcept
 {
@@ -33,6 +34,11 @@ extern "C"
     void* malloc(std::size_t nBytes)
     {
         _Count();
+        if (t_iLeft >= 0 && t_iLeft-- == 0)
+        {
+            t_iLeft = 0;
+            return nullptr;
+        }
         return __libc_malloc(nBytes);
     }
 
@@ -80,6 +86,11 @@ namespace Qx::Test
 std::uint64_t CountAllocations() noexcept
 {
     return sm_uAllocations.load(std::memory_order_relaxed);
+}
+
+void LimitAllocations(int iCalls) noexcept
+{
+    t_iLeft = iCalls;
 }
 
 } // namespace Qx::Test

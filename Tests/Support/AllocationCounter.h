@@ -9,4 +9,7 @@ namespace Qx::Test
 /// is built on them, such as `operator new`. May be called from any thread.
 std::uint64_t CountAllocations() noexcept;
 
+/// Makes `malloc` answer the calling thread @p iCalls times more and then fail; below 0, never fail.
+void LimitAllocations(int iCalls) noexcept;
+
 } // namespace Qx::Test
