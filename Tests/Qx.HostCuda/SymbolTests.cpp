@@ -5,9 +5,23 @@
 namespace
 {
 
+struct SHolder
+{
+    static __device__ int s_iMember;
+};
+
 __device__ unsigned char g_vLarge[128 * 1024];
+static __constant__ float g_fStatic;
+__constant__ volatile short g_iVolatile = 7;
+template <class T>
+__device__ T g_vTemplate[3];
+int SHolder::s_iMember = 0;
 
 } // namespace
+
+extern __device__ double g_fExtern;
+__device__ double g_fExtern = 1;
+inline __constant__ long g_iInline = 2;
 
 namespace Qx::Test
 {
@@ -18,6 +32,30 @@ namespace
 class HostSymbols : public CHostCudaTest
 {
 };
+
+TEST_F(HostSymbols, SizesAreKnownHoweverAVariableIsDeclared)
+{
+    static __device__ int s_vLocal[5];
+    const std::tuple<const char*, const volatile void*, std::size_t> vCases[] = {
+        {"array", g_vLarge, sizeof(g_vLarge)},
+        {"static", &g_fStatic, sizeof(g_fStatic)},
+        {"volatile", &g_iVolatile, sizeof(g_iVolatile)},
+        {"template", g_vTemplate<int>, sizeof(g_vTemplate<int>)},
+        {"another of the template", g_vTemplate<char>, sizeof(g_vTemplate<char>)},
+        {"static member", &SHolder::s_iMember, sizeof(SHolder::s_iMember)},
+        {"extern", &g_fExtern, sizeof(g_fExtern)},
+        {"inline", &g_iInline, sizeof(g_iInline)},
+        {"local", s_vLocal, sizeof(s_vLocal)},
+    };
+    Bytes vHost(sizeof(g_vLarge) + 1);
+    for (const auto& [pcName, pVariable, nSize] : vCases)
+    {
+        const void* const pSymbol = const_cast<const void*>(pVariable);
+        EXPECT_EQ(cudaMemcpyFromSymbol(vHost.data(), pSymbol, nSize, 0, cudaMemcpyDeviceToHost), cudaSuccess) << pcName;
+        ExpectResult(cudaMemcpyFromSymbol(vHost.data(), pSymbol, nSize + 1, 0, cudaMemcpyDeviceToHost),
+            cudaErrorInvalidValue, pcName);
+    }
+}
 
 TEST_F(HostSymbols, SmallPageableSourcesAreTakenAlong)
 {

@@ -65,7 +65,7 @@ TEST_F(Symbols, VariablesAreWrittenAndRead)
     EXPECT_EQ(iSecond, 20);
 }
 
-TEST_F(Symbols, OnlyWritableDataOfModulesIsASymbol)
+TEST_F(Symbols, OnlyTheAddressOfAVariableIsASymbol)
 {
     int iLocal = 0;
     const CBlock xDevice(EMemory::Device, 16);
@@ -79,6 +79,8 @@ TEST_F(Symbols, OnlyWritableDataOfModulesIsASymbol)
         {"managed memory", xManaged.Get()},
         {"constant", g_vReadOnly},
         {"relocated constant", g_vRelocated},
+        {"element", &g_vInitialised[1]},
+        {"member", &g_xParameters.iSecond},
         {"code", reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(&MakeBytes))},
         {"text", "text"},
         {"small number", reinterpret_cast<const void*>(std::uintptr_t{8})},
@@ -98,7 +100,7 @@ TEST_F(Symbols, OnlyWritableDataOfModulesIsASymbol)
     EXPECT_EQ(vHost, (std::array<unsigned char, 4>{1, 2, 3, 4}));
 }
 
-TEST_F(Symbols, BytesBeyondTheVariableOrItsModuleAreRefused)
+TEST_F(Symbols, BytesBeyondTheVariableAreRefused)
 {
     std::array<int, 8> vHost{};
     for (const auto& [nCount, nOffset] : {std::pair<std::size_t, std::size_t>{17, 0}, {4, 13}, {0, 17}, {SIZE_MAX, 0},
@@ -110,8 +112,8 @@ TEST_F(Symbols, BytesBeyondTheVariableOrItsModuleAreRefused)
         ExpectResult(cudaMemcpyFromSymbolAsync(vHost.data(), g_vInitialised, nCount, nOffset), cudaErrorInvalidValue);
     }
     const void* const pSymbol = g_vInitialised;
-    for (const auto& [nCount, nOffset] :
-        {std::pair<std::size_t, std::size_t>{4, std::size_t{1} << 40}, {SIZE_MAX, 0}, {SIZE_MAX, 8}, {4, SIZE_MAX}})
+    for (const auto& [nCount, nOffset] : {std::pair<std::size_t, std::size_t>{17, 0}, {4, 13}, {0, 17},
+             {4, std::size_t{1} << 40}, {SIZE_MAX, 0}, {SIZE_MAX, 8}, {4, SIZE_MAX}})
     {
         ExpectResult(cudaMemcpyToSymbol(pSymbol, vHost.data(), nCount, nOffset), cudaErrorInvalidValue);
         ExpectResult(cudaMemcpyFromSymbol(vHost.data(), pSymbol, nCount, nOffset), cudaErrorInvalidValue);

@@ -167,10 +167,12 @@ void _Stage(CPlace& xPlace, SArea xArea)
 cudaError_t _CopySymbol(const void* pSymbol, const void* pOther, std::size_t nCount, std::size_t nOffset,
     cudaMemcpyKind eKind, bool bToSymbol, const SWhere& xWhere)
 {
+    const std::size_t nSize = GetSymbolSize(pSymbol); // before anything is held, since it may read a file
     return _OnMemory(xWhere,
         [&](CPlace& xPlace, CMemory::CReadLock& xLock)
         {
-            CheckSymbol(pSymbol, nCount, nOffset);
+            Require(nSize != 0, cudaErrorInvalidSymbol);
+            Require(nOffset <= nSize && nCount <= nSize - nOffset, cudaErrorInvalidValue);
             const auto [eTarget, eSource] = _GetSides(eKind);
             Require((bToSymbol ? eTarget : eSource) != ESide::Host, cudaErrorInvalidMemcpyDirection);
             if (nCount == 0)

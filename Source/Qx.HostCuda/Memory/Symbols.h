@@ -5,12 +5,13 @@
 namespace Qx::HostCuda
 {
 
-/// Checks that `nByteCount` bytes from `nOffset` on in a symbol are the writable data of a loaded module, so that no
-/// garbage is ever written through. cudaErrorInvalidSymbol: null, or an address that is no such data;
-/// cudaErrorInvalidValue: the bytes leave the module's data.
+/// Bytes that a copy to or from a symbol may touch, from its address on: the size of the variable of which it is the
+/// address; 0 if it is the address of none that can be written.
 ///
-/// The size of the variable is not known here; that a copy stays within it is AddressSanitizer's to check, and that
-/// of the typed forms of the calls.
-void CheckSymbol(const void* pSymbol, std::size_t nByteCount, std::size_t nOffset);
+/// The variables are those of the symbol table in the file of the loaded module: a prefix such as __device__, which
+/// functions bear too, cannot make a variable known. So a global variable without the prefix passes for a symbol. A
+/// module without the table, stripped or no longer there, has one variable from any address of its writable data to the
+/// end of that.
+[[nodiscard]] std::size_t GetSymbolSize(const void* pSymbol) noexcept;
 
 } // namespace Qx::HostCuda

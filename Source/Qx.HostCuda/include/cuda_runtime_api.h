@@ -547,8 +547,8 @@ QX_HOSTCUDA_CALL cudaError_t cudaMemset2D(void* devPtr, size_t pitch, int value,
 QX_HOSTCUDA_CALL cudaError_t cudaMemset2DAsync(void* devPtr, size_t pitch, int value, size_t width, size_t height,
     cudaStream_t stream QX_HOSTCUDA_DEFAULT(nullptr));
 
-// A symbol is the address of a variable that is declared __constant__ or __device__. cudaErrorInvalidSymbol: null,
-// or not inside the writable data of a loaded module; cudaErrorInvalidValue: the bytes meant leave that data;
+// A symbol is the address of a variable that is declared __constant__ or __device__. cudaErrorInvalidSymbol: null, or
+// not the address of a writable variable of a loaded module; cudaErrorInvalidValue: the bytes meant leave the variable;
 // cudaErrorInvalidMemcpyDirection: the device is not on the symbol's side of the direction.
 
 /// Copies count bytes to a symbol, beginning offset bytes into it.
