@@ -140,11 +140,30 @@ cudaError _AllocateMemory(SBlock& xBlock)
         xStatistics.nBlocksIdle, " blocks, Device ID: ", xKey.xPool.iDevice);
 }
 
+// Frees the memory of a block. A current device with a fault refuses every call, whichever device it is about; so what
+// fails is tried again with the block's own device current.
+cudaError _FreeMemory(const SBlock& xBlock)
+{
+    const auto Free = [&] { return xBlock.bHostMemory ? cudaFreeHost(xBlock.pMemory) : cudaFree(xBlock.pMemory); };
+    const cudaError eResult = Free();
+    int iCurrent = 0;
+    const int iOwn = xBlock.xKey.xPool.iDevice;
+    if (eResult == cudaSuccess || eResult == cudaErrorNotPermitted || cudaGetDevice(&iCurrent) != cudaSuccess ||
+        iCurrent == iOwn || cudaSetDevice(iOwn) != cudaSuccess)
+    {
+        return eResult;
+    }
+    static_cast<void>(cudaGetLastError());
+    const cudaError eOwnResult = Free();
+    static_cast<void>(cudaSetDevice(iCurrent));
+    return eOwnResult;
+}
+
 // Frees a block that was taken out of the pool; when that fails it returns to the pool. The block's own resource is
 // emptied before the record, in which it may be, goes.
 cudaError _FreeTaken(SBlock& xTaken, CResource* pEmptied = nullptr)
 {
-    const cudaError eResult = xTaken.bHostMemory ? cudaFreeHost(xTaken.pMemory) : cudaFree(xTaken.pMemory);
+    const cudaError eResult = _FreeMemory(xTaken);
     if (eResult == cudaSuccess && pEmptied != nullptr)
     {
         pEmptied->m_pDevice = nullptr;

@@ -50,8 +50,8 @@ enum class EPool
 /// already be unloading. Blocks may be given back during the exit, which then makes no CUDA call; operations that must
 /// know the current device are refused with a `CQxException` from then on. The exit begins for the pool where the exit
 /// handlers run that were registered before its first block: objects with static storage that were made later, and are
-/// therefore destroyed earlier, find it working as usual. In the child of a fork, where CUDA cannot be used, blocks may be
-/// given back too, again without a CUDA call.
+/// therefore destroyed earlier, find it working as usual. In the child of a fork, where CUDA cannot be used, blocks may
+/// be given back too, again without a CUDA call.
 class CResourceManager
 {
 public:
@@ -89,15 +89,15 @@ public:
     /// Takes the block of @p xResource back and empties @p xResource (pointer null, the other fields stay).
     ///
     /// An empty resource is left alone. The block goes to the pool of the device that it came from, whichever device is
-    /// current; where it would exceed the idle limit, idle blocks are freed first, or the block itself when it alone
-    /// exceeds the limit. It waits for no other thread: while one of them frees, or in a host function, which the runtime
-    /// does not let free, the block is kept beyond the limit, and the thread that frees, or the next request for a new
-    /// block, frees the surplus. Giving back what the pool does not hold as lent (a foreign block, or one given back already)
-    /// throws a `CQxException`; a failing CUDA call throws a `CQxCudaException`. After a failure the resource is
-    /// unchanged and the block still lent.
+    /// current, also when that one has a fault; where it would exceed the idle limit, idle blocks are freed first, or
+    /// the block itself when it alone exceeds the limit. It waits for no other thread: while one of them frees, or in a
+    /// host function, which the runtime does not let free, the block is kept beyond the limit, and the thread that
+    /// frees, or the next request for a new block, frees the surplus. Giving back what the pool does not hold as lent
+    /// (a foreign block, or one given back already) throws a `CQxException`; a failing CUDA call throws a
+    /// `CQxCudaException`. After a failure the resource is unchanged and the block still lent.
     ///
-    /// @param bFree true frees the block instead of keeping it for the next request: at once, or by the thread that frees
-    /// just now. In a host function it throws
+    /// @param bFree true frees the block instead of keeping it for the next request: at once, or by the thread that
+    /// frees just now. In a host function it throws
     static QX_GPU_API void ReleaseResource(CResource& xResource, bool bFree);
 
     /// What a pool of @p iDevice holds; all zero for a device that was never used, or that there is not.

@@ -64,6 +64,20 @@ void _Release(CResource& xResource, bool bFree = false)
     CResourceManager::ReleaseResource(xResource, bFree);
 }
 
+template <typename TBody>
+bool _IsRefused(TBody&& xBody)
+{
+    try
+    {
+        xBody();
+        return false;
+    }
+    catch (const CQxException&)
+    {
+        return true;
+    }
+}
+
 std::size_t _Address(const CResource& xResource)
 {
     return reinterpret_cast<std::size_t>(xResource.m_pDevice);
@@ -559,6 +573,23 @@ TEST_F(PoolScripted, ABlockBelongsToItsDeviceWhicheverIsCurrent)
     CScriptedRuntime::Reset(m_iDevice);
     _Release(xFirst, true);
     EXPECT_EQ(CScriptedRuntime::Calls(), Names{_FreeCall("cudaFree", xFirstBefore)}) << "the device stays as it was";
+
+    // A fault of the current device is none of the block's, and no reason to try again where it is its own.
+    const std::string sFree = _FreeCall("cudaFree", xSecond);
+    const std::pair<int, Names> c_vFaults[] = {
+        {m_iDevice, {sFree, "cudaGetDevice", "cudaGetDevice"}}, // the second for the exception
+        {iFirstDevice, {sFree, "cudaGetDevice", "cudaSetDevice", sFree, "cudaSetDevice"}},
+    };
+    for (const auto& [iFaultyDevice, vCalls] : c_vFaults)
+    {
+        CScriptedRuntime::Reset(iFaultyDevice);
+        CScriptedRuntime::sm_iFaultyDevice = iFaultyDevice;
+        EXPECT_EQ(_IsRefused([&] { _Release(xSecond, true); }), iFaultyDevice == m_iDevice);
+        EXPECT_EQ(CScriptedRuntime::Calls(), vCalls);
+        EXPECT_EQ(CScriptedRuntime::sm_iDevice, iFaultyDevice);
+    }
+    CScriptedRuntime::Reset(m_iDevice);
+    xSecond = _Pitched(64, 4);
 
     CResourceManager::ForgetDevice(iFirstDevice);
     EXPECT_EQ(Statistics().nBlocksInUse, 2U);

@@ -52,7 +52,10 @@ cudaError_t _Call(const char* pcName, const void* pBlock = nullptr)
     const bool bMayFail = g_pcFail == nullptr || std::string_view(g_pcFail) == pcName;
     if (!bMayFail || g_iFailAfter == 0 || --g_iFailAfter > 0)
     {
-        return cudaSuccess;
+        const bool bIsAboutMemory = !std::string_view(pcName).ends_with("Device");
+        return bIsAboutMemory && CScriptedRuntime::sm_iDevice == CScriptedRuntime::sm_iFaultyDevice
+            ? _Fail(cudaErrorIllegalAddress)
+            : cudaSuccess;
     }
     g_iFailAfter = g_bPersistent ? 1 : 0;
     CScriptedRuntime::sm_bHasFailed = true;
@@ -118,6 +121,7 @@ cudaError_t _Free(const char* pcName, const void* pBlock, bool bHost)
 void CScriptedRuntime::Reset(int iDevice)
 {
     sm_iDevice = iDevice;
+    sm_iFaultyDevice = -1;
     sm_iConcurrentManagedAccess = 1;
     sm_iIntegrated = 0;
     sm_nTotalMemory = std::size_t{1} << 40;
@@ -184,6 +188,11 @@ extern "C"
     cudaError_t cudaGetDevice(int* piDevice)
     {
         return Qx::Test::_Answer("cudaGetDevice", *piDevice, CScriptedRuntime::sm_iDevice);
+    }
+
+    cudaError_t cudaSetDevice(int iDevice)
+    {
+        return Qx::Test::_Answer("cudaSetDevice", CScriptedRuntime::sm_iDevice, iDevice);
     }
 
     cudaError_t cudaGetLastError()

@@ -37,6 +37,7 @@ struct CScriptedRuntime
     static std::size_t LiveBlocks();
 
     static inline int sm_iDevice = 0;
+    static inline int sm_iFaultyDevice = -1; ///< while current it refuses to allocate and to free anything
     static inline int sm_iConcurrentManagedAccess = 1;
     static inline int sm_iIntegrated = 0;
     static inline std::size_t sm_nTotalMemory = 0;
