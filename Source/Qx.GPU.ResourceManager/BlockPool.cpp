@@ -60,12 +60,12 @@ ERelease CBlockPool::Release(CResource& xResource, bool bFree, bool bMayTake, SB
         return ERelease::Done;
     }
     SPool& xPool = *pBlock->pPool;
-    const bool bFreeIt = bFree || pBlock->nBytes > xPool.nIdleLimit;
+    const bool bFreeIt = bFree || pBlock->nBytes > xPool.pBound->nLimit;
     if (!bClosed && !m_bIsChild && (bFreeIt || pBlock->nBytes > _IdleRoom(xPool)))
     {
         if (bMayTake)
         {
-            pTaken = &_Take(bFreeIt ? *pBlock : _Oldest(xPool));
+            pTaken = &_Take(bFreeIt ? *pBlock : _OldestUnderBound(xPool));
             return bFreeIt ? ERelease::FreeBlock : ERelease::FreeIdleFirst;
         }
         pBlock->bIsDoomed = bFree;
@@ -87,7 +87,7 @@ SBlock* CBlockPool::TakeDeferred() noexcept
     const std::lock_guard xLock(m_xMutex);
     for (SPool* pPool = m_pPools; pPool != nullptr && m_bHasDeferred; pPool = pPool->pNext)
     {
-        if (!pPool->xIdle.IsAlone() && (pPool->xStatistics.nBytesIdle > pPool->nIdleLimit || _Oldest(*pPool).bIsDoomed))
+        if (!pPool->xIdle.IsAlone() && (pPool->pBound->nBytes > pPool->pBound->nLimit || _Oldest(*pPool).bIsDoomed))
         {
             return &_Take(_Oldest(*pPool));
         }
@@ -117,23 +117,28 @@ void CBlockPool::Settle(SBlock& xTaken, bool bFreed) noexcept
     }
 }
 
-bool CBlockPool::IsKnown(const SPoolName& xName, bool& bHostMemory) noexcept
+bool CBlockPool::IsKnown(const SPoolName& xName, SPoolProperties& xProperties) noexcept
 {
     const std::lock_guard xLock(m_xMutex);
     const SPool* const pPool = _Find(xName);
-    bHostMemory = pPool != nullptr && pPool->bHostMemory;
-    return pPool != nullptr && pPool->bIsKnown;
+    if (pPool == nullptr || !pPool->bIsKnown)
+    {
+        return false;
+    }
+    xProperties = pPool->xProperties;
+    return true;
 }
 
-void CBlockPool::Learn(const SPoolName& xName, bool bHostMemory, std::size_t nDefaultIdleLimit)
+void CBlockPool::Learn(const SPoolName& xName, const SPoolProperties& xProperties)
 {
     const std::lock_guard xLock(m_xMutex);
     SPool& xPool = _FindOrAdd(xName);
-    xPool.bHostMemory = bHostMemory;
+    xPool.xProperties = xProperties;
     xPool.bIsKnown = true;
     if (!xPool.bHasIdleLimit)
     {
-        xPool.nIdleLimit = nDefaultIdleLimit;
+        xPool.pBound = xName.ePool == EPool::PageLocked ? &m_xPageLockedBound : &xPool.xOwnBound;
+        xPool.pBound->nLimit = xProperties.nIdleLimit;
     }
 }
 
@@ -141,8 +146,24 @@ void CBlockPool::SetIdleLimit(const SPoolName& xName, std::size_t nBytes)
 {
     const std::lock_guard xLock(m_xMutex);
     SPool& xPool = _FindOrAdd(xName);
-    xPool.nIdleLimit = nBytes;
+    const std::size_t nIdle = xPool.xStatistics.nBytesIdle;
+    xPool.pBound->nBytes -= nIdle;
+    xPool.xOwnBound = {nBytes, nIdle};
+    xPool.pBound = &xPool.xOwnBound;
     xPool.bHasIdleLimit = true;
+}
+
+const SPool* CBlockPool::NextNeighbour(const SPoolName& xName, const SPool* pPool) noexcept
+{
+    const std::lock_guard xLock(m_xMutex);
+    const SPool* const pOwn = _Find(xName);
+    const auto IsNeighbour = [&](const SPool& xPool)
+    { return &xPool != pOwn && pOwn->xProperties.bInHostsMemory && xPool.xProperties.bInHostsMemory; };
+    do
+    {
+        pPool = pPool != nullptr ? pPool->pNext : m_pPools;
+    } while (pPool != nullptr && !IsNeighbour(*pPool));
+    return pPool;
 }
 
 SPoolStatistics CBlockPool::GetStatistics(const SPoolName& xName) noexcept
@@ -201,6 +222,21 @@ SPool& CBlockPool::_FindOrAdd(const SPoolName& xName)
         pPool->pNext = std::exchange(m_pPools, pPool);
     }
     return *pPool;
+}
+
+SBlock& CBlockPool::_OldestUnderBound(SPool& xPool) noexcept
+{
+    SPool* pPool = &xPool;
+    if (pPool->xIdle.IsAlone())
+    {
+        // What fills the bound is then idle elsewhere.
+        pPool = m_pPools;
+        while (pPool->pBound != xPool.pBound || pPool->xIdle.IsAlone())
+        {
+            pPool = pPool->pNext;
+        }
+    }
+    return _Oldest(*pPool);
 }
 
 SBlock& CBlockPool::_Take(SBlock& xBlock) noexcept

@@ -79,17 +79,33 @@ struct SBlock : SLink<SByAddress>, SLink<SByKey>, SLink<SByUse>
     CCudaMemoryPitchResource xPitched;
 };
 
+/// What may lie idle, and what does.
+struct SIdleBound
+{
+    std::size_t nLimit = 0;
+    std::size_t nBytes = 0;
+};
+
+/// What is to be found out about a pool before it is used.
+struct SPoolProperties
+{
+    bool bHostMemory = false;    ///< blocks that are not pitched are page-locked memory
+    bool bInHostsMemory = false; ///< all blocks are in the memory of the host, which other pools use too
+    std::size_t nIdleLimit = 0;  ///< unless the client sets one; of page-locked memory for all such pools together
+};
+
 /// A pool; kept until the process ends.
 struct SPool
 {
     SPoolName xName;
-    bool bIsKnown = false;      ///< the next value and the memory that there is were found out
-    bool bHostMemory = false;   ///< blocks that are not pitched are page-locked memory
-    bool bHasIdleLimit = false; ///< the client set it
-    std::size_t nIdleLimit = 0;
-    std::size_t nBlocks = 0;     ///< lent and idle
-    std::size_t nBytes = 0;      ///< of them
-    SPoolStatistics xStatistics; ///< the blocks and bytes in use are derived from the above when asked for
+    bool bIsKnown = false; ///< the properties were found out
+    SPoolProperties xProperties;
+    SIdleBound xOwnBound;
+    SIdleBound* pBound = &xOwnBound; ///< or that of all page-locked memory, until the client sets a limit
+    bool bHasIdleLimit = false;      ///< the client set it
+    std::size_t nBlocks = 0;         ///< lent and idle
+    std::size_t nBytes = 0;          ///< of them
+    SPoolStatistics xStatistics;     ///< the blocks and bytes in use are derived from the above when asked for
     SLink<SByUse> xIdle;
     SPool* pNext = nullptr;
 };
@@ -181,11 +197,16 @@ public:
     /// Reports what became of a taken block: it is gone with its record, or returns to what it was.
     void Settle(SBlock& xTaken, bool bFreed) noexcept;
 
-    /// True when the properties of the pool are recorded; @p bHostMemory is set then.
-    bool IsKnown(const SPoolName& xName, bool& bHostMemory) noexcept;
+    /// True when the properties of the pool are recorded; @p xProperties is set then.
+    bool IsKnown(const SPoolName& xName, SPoolProperties& xProperties) noexcept;
 
     /// Records the properties of a pool; an idle limit that was set before stays. Throws `std::bad_alloc`.
-    void Learn(const SPoolName& xName, bool bHostMemory, std::size_t nDefaultIdleLimit);
+    void Learn(const SPoolName& xName, const SPoolProperties& xProperties);
+
+    /// Goes through the pools, but the one named @p xName, that live on the same memory as that one.
+    /// @param pPool the one before; null for the first
+    /// @return null when there is no further one
+    const SPool* NextNeighbour(const SPoolName& xName, const SPool* pPool) noexcept;
 
     /// Sets the idle limit of a pool. Throws `std::bad_alloc`.
     void SetIdleLimit(const SPoolName& xName, std::size_t nBytes);
@@ -220,12 +241,14 @@ private:
         SPoolStatistics& xStatistics = xBlock.pPool->xStatistics;
         --xStatistics.nBlocksIdle;
         xStatistics.nBytesIdle -= xBlock.nBytes;
+        xBlock.pPool->pBound->nBytes -= xBlock.nBytes;
         xBlock.SLink<SByKey>::Unlink();
         xBlock.SLink<SByUse>::Unlink();
     }
     static std::size_t _IdleRoom(const SPool& xPool) noexcept
     {
-        return xPool.nIdleLimit - std::min(xPool.xStatistics.nBytesIdle, xPool.nIdleLimit);
+        const SIdleBound& xBound = *xPool.pBound;
+        return xBound.nLimit - std::min(xBound.nBytes, xBound.nLimit);
     }
     void _MakeIdle(SBlock& xBlock, CResource& xResource) noexcept
     {
@@ -244,6 +267,7 @@ private:
         SPoolStatistics& xStatistics = xBlock.pPool->xStatistics;
         ++xStatistics.nBlocksIdle;
         xStatistics.nBytesIdle += xBlock.nBytes;
+        xBlock.pPool->pBound->nBytes += xBlock.nBytes;
     }
     static void _MakeLent(SBlock& xBlock, std::size_t nHolders) noexcept
     {
@@ -265,6 +289,7 @@ private:
         xStatistics.nPeakBytesInUse = std::max(xStatistics.nPeakBytesInUse, xPool.nBytes - xStatistics.nBytesIdle);
     }
     static SBlock& _Oldest(SPool& xPool) noexcept { return static_cast<SBlock&>(*xPool.xIdle.pPrevious); }
+    SBlock& _OldestUnderBound(SPool& xPool) noexcept;
     static SBlock& _Take(SBlock& xBlock) noexcept;
     static void _LeavePool(SBlock& xBlock) noexcept;
     void _Drop(SBlock& xBlock) noexcept;
@@ -277,6 +302,7 @@ private:
     CIntrusiveTable<SBlock, SByKey, &SBlock::xKey> m_xIdle;
     std::size_t m_nBlocks = 0;
     SPool* m_pPools = nullptr;
+    SIdleBound m_xPageLockedBound;
 };
 
 } // namespace Qx::GPU

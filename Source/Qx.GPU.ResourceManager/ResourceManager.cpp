@@ -9,10 +9,10 @@
 
 #include <cuda_runtime_api.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include "Qx.Cuda.Core/QxCudaException.h"
 #include "Qx.GPU.ResourceManager/BlockPool.h"
+#include "Qx.GPU.ResourceManager/HostMemory.h"
 
 namespace Qx::GPU
 {
@@ -72,36 +72,31 @@ void _WatchProcess()
     }();
 }
 
-// Bytes of the host's memory.
-std::size_t _HostMemory()
-{
-    const long iPages = sysconf(_SC_PHYS_PAGES);
-    const long iPageBytes = sysconf(_SC_PAGESIZE);
-    return iPages > 0 && iPageBytes > 0 ? static_cast<std::size_t>(iPages) * static_cast<std::size_t>(iPageBytes) : 0;
-}
-
-// Records what a pool of the current device is to know, and returns whether its linear blocks are page-locked memory.
-// When the device cannot be asked the next request tries again.
-bool _Learn(const SPoolName& xName, const SThrowSite& xSite)
+// Records what is to be known of a pool of the current device. When the device cannot be asked the next request tries
+// again.
+SPoolProperties _Learn(const SPoolName& xName, const SThrowSite& xSite)
 {
     constexpr const char* c_pcMessage = "Error querying CUDA device";
     std::size_t nFree = 0;
     std::size_t nTotal = 0;
     CheckCuda(cudaMemGetInfo(&nFree, &nTotal), xSite, c_pcMessage);
-    bool bHostMemory = xName.ePool == EPool::PageLocked;
-    const std::size_t nIdleLimit = bHostMemory ? _HostMemory() / 8 : nTotal / 2;
-    if (!bHostMemory)
+    SPoolProperties xProperties;
+    if (xName.ePool == EPool::PageLocked)
+    {
+        xProperties = {true, true, HostMemory() / 8};
+    }
+    else
     {
         int iConcurrent = 0;
         int iIntegrated = 0;
         CheckCuda(cudaDeviceGetAttribute(&iConcurrent, cudaDevAttrConcurrentManagedAccess, xName.iDevice), xSite,
             c_pcMessage);
         CheckCuda(cudaDeviceGetAttribute(&iIntegrated, cudaDevAttrIntegrated, xName.iDevice), xSite, c_pcMessage);
-        bHostMemory = iConcurrent == 0 && iIntegrated != 0;
+        xProperties = {iConcurrent == 0 && iIntegrated != 0, iIntegrated != 0, nTotal / 2};
     }
     _WatchProcess();
-    g_xPool.Learn(xName, bHostMemory, nIdleLimit);
-    return bHostMemory;
+    g_xPool.Learn(xName, xProperties);
+    return xProperties;
 }
 
 // Fills in the memory of xBlock, which has its key. A width or row count of 0 is served like 1, because a block needs
@@ -129,15 +124,28 @@ cudaError _AllocateMemory(SBlock& xBlock)
     return eResult;
 }
 
-[[noreturn]] void _ThrowPoolOutOfMemory(const SBlockKey& xKey, const SThrowSite& xSite)
+const char* _KindOf(const SPoolName& xName)
 {
-    const bool bPageLocked = xKey.xPool.ePool == EPool::PageLocked;
+    return xName.ePool == EPool::PageLocked ? "page-locked" : "GPU";
+}
+
+// sFreed: what was idle and has been freed in vain, a pool after the other.
+[[noreturn]] void _ThrowPoolOutOfMemory(const SBlockKey& xKey, const CQxString& sFreed, const SThrowSite& xSite)
+{
     const CQxString sRows = xKey.bPitched ? MakeText(xKey.nRows, " rows of ") : CQxString();
     const SPoolStatistics xStatistics = g_xPool.GetStatistics(xKey.xPool);
-    ThrowOutOfMemory(xSite, "Error allocating ", bPageLocked ? "page-locked" : "GPU",
-        " memory. Out of memory: requested ", sRows, xKey.nWidth, " bytes", ", in use ", xStatistics.nBytesInUse,
-        " bytes in ", xStatistics.nBlocksInUse, " blocks, idle ", xStatistics.nBytesIdle, " bytes in ",
-        xStatistics.nBlocksIdle, " blocks, Device ID: ", xKey.xPool.iDevice);
+    CQxString sDevice;
+    std::size_t nFree = 0;
+    std::size_t nTotal = 0;
+    if (cudaMemGetInfo(&nFree, &nTotal) == cudaSuccess)
+    {
+        sDevice = MakeText(", free ", nFree, " of ", nTotal, " bytes");
+    }
+    static_cast<void>(cudaGetLastError());
+    ThrowOutOfMemory(xSite, "Error allocating ", _KindOf(xKey.xPool), " memory. Out of memory: requested ", sRows,
+        xKey.nWidth, " bytes", ", in use ", xStatistics.nBytesInUse, " bytes in ", xStatistics.nBlocksInUse,
+        " blocks, idle ", xStatistics.nBytesIdle, " bytes in ", xStatistics.nBlocksIdle,
+        " blocks, Device ID: ", xKey.xPool.iDevice, sDevice, sFreed);
 }
 
 // Frees the memory of a block. A current device with a fault refuses every call, whichever device it is about; so what
@@ -216,50 +224,99 @@ private:
 
 constexpr const char* c_pcFreeingIdle = "Error freeing idle GPU memory";
 
-// Frees at most as many blocks as were idle at first: others may go on giving some back.
-void _FreeIdleAbove(const SPoolName& xName, std::size_t nBytesToKeep, const SThrowSite& xSite)
+// Frees at most as many blocks as were idle at first: others may go on giving some back. nFreed: bytes of them.
+cudaError _FreeIdleAbove(const CFreeing&, const SPoolName& xName, std::size_t nBytesToKeep, std::size_t& nFreed)
 {
-    const CFreeing xFreeing;
-    for (std::size_t nIdle = g_xPool.GetStatistics(xName).nBlocksIdle; nIdle > 0; --nIdle)
+    cudaError eResult = cudaSuccess;
+    for (std::size_t nIdle = g_xPool.GetStatistics(xName).nBlocksIdle; nIdle > 0 && eResult == cudaSuccess; --nIdle)
     {
         SBlock* const pTaken = g_xPool.TakeIdleAbove(xName, nBytesToKeep);
         if (pTaken == nullptr)
         {
-            return;
+            break;
         }
-        CheckCuda(_FreeTaken(*pTaken), xSite, c_pcFreeingIdle);
+        const std::size_t nBytes = pTaken->nBytes;
+        eResult = _FreeTaken(*pTaken);
+        nFreed += eResult == cudaSuccess ? nBytes : 0;
     }
+    return eResult;
+}
+
+void _Trim(const SPoolName& xName, std::size_t nBytesToKeep, const SThrowSite& xSite)
+{
+    const CFreeing xFreeing;
+    std::size_t nFreed = 0;
+    CheckCuda(_FreeIdleAbove(xFreeing, xName, nBytesToKeep, nFreed), xSite, c_pcFreeingIdle);
+}
+
+// Tries again after a refusal, with what lies idle freed: in the block's own pool and, when that is not enough, in
+// those on the same memory; what of these cannot be freed is no failure of this request. sFreed gets what was freed
+// where.
+cudaError _AllocateInstead(SBlock& xBlock, CQxString& sFreed, const SThrowSite& xSite)
+{
+    const CFreeing xFreeing;
+    const SPoolName& xOwn = xBlock.xKey.xPool;
+    bool bHasFreed = false;
+    const auto FreeIdle = [&](const SPoolName& xName)
+    {
+        std::size_t nFreed = 0;
+        const cudaError eResult = _FreeIdleAbove(xFreeing, xName, 0, nFreed);
+        if (nFreed != 0)
+        {
+            bHasFreed = true;
+            sFreed << MakeText(
+                ", freed in vain ", nFreed, " idle bytes of ", _KindOf(xName), " memory of device ", xName.iDevice);
+        }
+        return eResult;
+    };
+    static_cast<void>(cudaGetLastError());
+    CheckCuda(FreeIdle(xOwn), xSite, c_pcFreeingIdle);
+    const cudaError eResult = _AllocateMemory(xBlock);
+    if (eResult != cudaErrorMemoryAllocation)
+    {
+        return eResult;
+    }
+    static_cast<void>(cudaGetLastError());
+    bHasFreed = false;
+    const SPool* pPool = nullptr;
+    while ((pPool = g_xPool.NextNeighbour(xOwn, pPool)) != nullptr)
+    {
+        if (FreeIdle(pPool->xName) != cudaSuccess)
+        {
+            static_cast<void>(cudaGetLastError());
+        }
+    }
+    return bHasFreed ? _AllocateMemory(xBlock) : eResult;
 }
 
 [[gnu::noinline]] SBlock& _LendNew(const SBlockKey& xKey, const SThrowSite& xSite)
 {
+    CQxString sFreed;
     std::size_t nBytes = 0;
     if (__builtin_mul_overflow(xKey.nWidth, xKey.nRows, &nBytes))
     {
-        _ThrowPoolOutOfMemory(xKey, xSite);
+        _ThrowPoolOutOfMemory(xKey, sFreed, xSite);
     }
     _FreeDeferred();
-    bool bHostMemory = false;
-    if (!g_xPool.IsKnown(xKey.xPool, bHostMemory))
+    SPoolProperties xProperties;
+    if (!g_xPool.IsKnown(xKey.xPool, xProperties))
     {
-        bHostMemory = _Learn(xKey.xPool, xSite);
+        xProperties = _Learn(xKey.xPool, xSite);
     }
     // The record comes before the memory, which then cannot be lost.
     auto pBlock = std::make_unique<SBlock>();
     pBlock->xKey = xKey;
-    pBlock->bHostMemory = bHostMemory && !xKey.bPitched;
+    pBlock->bHostMemory = xProperties.bHostMemory && !xKey.bPitched;
 
     cudaError eResult = _AllocateMemory(*pBlock);
     if (eResult == cudaErrorMemoryAllocation)
     {
-        static_cast<void>(cudaGetLastError());
-        _FreeIdleAbove(xKey.xPool, 0, xSite);
-        eResult = _AllocateMemory(*pBlock);
+        eResult = _AllocateInstead(*pBlock, sFreed, xSite);
     }
     if (eResult == cudaErrorMemoryAllocation)
     {
         static_cast<void>(cudaGetLastError());
-        _ThrowPoolOutOfMemory(xKey, xSite);
+        _ThrowPoolOutOfMemory(xKey, sFreed, xSite);
     }
     CheckCuda(eResult, xSite,
         xKey.xPool.ePool == EPool::PageLocked ? "Error allocating page-locked memory" : "Error allocating GPU memory");
@@ -352,7 +409,7 @@ SPoolStatistics CResourceManager::GetStatistics()
 void CResourceManager::Trim(std::size_t nBytesToKeep, EPool ePool)
 {
     static constexpr SThrowSite c_xSite = _Site("Trim");
-    _FreeIdleAbove({_CurrentDevice(c_xSite), ePool}, nBytesToKeep, c_xSite);
+    _Trim({_CurrentDevice(c_xSite), ePool}, nBytesToKeep, c_xSite);
 }
 
 void CResourceManager::SetIdleLimit(std::size_t nBytes, EPool ePool)
@@ -360,7 +417,7 @@ void CResourceManager::SetIdleLimit(std::size_t nBytes, EPool ePool)
     static constexpr SThrowSite c_xSite = _Site("SetIdleLimit");
     const SPoolName xName{_CurrentDevice(c_xSite), ePool};
     g_xPool.SetIdleLimit(xName, nBytes);
-    _FreeIdleAbove(xName, nBytes, c_xSite);
+    _Trim(xName, nBytes, c_xSite);
 }
 
 void CResourceManager::ForgetDevice(int iDevice)

@@ -65,10 +65,10 @@ public:
     ///
     /// Throws a `CQxException` when the process is exiting, a `CQxCudaException` when the current device or, at the
     /// first request on a device, its properties cannot be queried, `std::bad_alloc` when the host has no memory for
-    /// the record of a new block, a `CQxOutOfMemoryException` when the device has no memory left even after its idle
-    /// blocks were freed, or when the byte count exceeds 64 bits (the message says what was asked for, in use and
-    /// idle), and a `CQxCudaException` when another CUDA call fails. The pool is consistent after each, and no CUDA
-    /// error is left pending.
+    /// the record of a new block, a `CQxOutOfMemoryException` when there is no memory left even after the idle blocks
+    /// of the pool, and those of all pools on the same memory, were freed, or when the byte count exceeds 64 bits (the
+    /// message says what was asked for, in use, idle and freed, and what the device has), and a `CQxCudaException` when
+    /// another CUDA call fails. The pool is consistent after each, and no CUDA error is left pending.
     static QX_GPU_API CCudaMemoryPitchResource& GetCudaMemoryPitch(std::size_t nWidth, std::size_t nRows);
 
     /// Lends a linear block of at least @p nSize bytes on the current device that the host can read through the same
@@ -80,8 +80,7 @@ public:
     static QX_GPU_API CCudaMemoryResource& GetCudaMemory(std::size_t nSize);
 
     /// Lends @p nSize bytes of page-locked host memory, which every device can copy from and to without a detour.
-    /// Contents are undefined. Otherwise as `GetCudaMemoryPitch`; it is the host that runs out of memory, and idle
-    /// blocks of this kind that are freed then.
+    /// Contents are undefined. Otherwise as `GetCudaMemoryPitch`; it is the host that runs out of memory.
     ///
     /// The memory is allocated while the current device is current, so it is gone when that device is reset.
     static QX_GPU_API CCudaMemoryResource& GetPageLockedMemory(std::size_t nSize);
@@ -114,8 +113,9 @@ public:
 
     /// Bounds the idle bytes of a pool of the current device and trims to the bound as `Trim` does; when that throws
     /// the bound is set nevertheless, and later releases free the surplus. Until this is called the bound is half of
-    /// the device's memory, and an eighth of the host's for page-locked memory, which the rest of the system goes
-    /// without. Throws `std::bad_alloc` too, before anything is changed.
+    /// the device's memory; for page-locked memory, which the rest of the system goes without, it is an eighth of what
+    /// the process may use of the host's, for all such pools together. Throws `std::bad_alloc` too, before anything is
+    /// changed.
     static QX_GPU_API void SetIdleLimit(std::size_t nBytes, EPool ePool = EPool::Device);
 
     /// Forgets every block of both pools of @p iDevice without a CUDA call, to be called after `cudaDeviceReset`, which

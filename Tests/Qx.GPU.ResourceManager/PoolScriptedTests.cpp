@@ -1,8 +1,11 @@
 // What the pool does, with calls, failures, addresses and devices that no test can order from a real runtime.
 
 #include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <set>
@@ -13,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "Qx.Core/QxFormat.h"
+#include "Qx.GPU.ResourceManager/HostMemory.h"
 #include "Qx.GPU.ResourceManager/ResourceManager.h"
 #include "ScriptedRuntime.h"
 #include "Support/AllocationFault.h"
@@ -410,14 +414,16 @@ TEST_F(PoolScripted, ImpossibleRequestsAreRefusedWithTheFigures)
         const char* pcMemory;
         const char* pcRequested;
         const char* pcFigures;
+        bool bFreesIdle; // the 300 bytes
         std::function<void()> Request;
     } c_vCases[] = {
-        {"GetCudaMemory", "GPU", c_pcHuge, c_pcHeld, [] { _Linear(c_nNoLimit / 2); }},
-        {"GetPageLockedMemory", "page-locked", c_pcHuge, c_pcNothing, [] { _PageLocked(c_nNoLimit / 2); }},
+        {"GetCudaMemory", "GPU", c_pcHuge, c_pcHeld, true, [] { _Linear(c_nNoLimit / 2); }},
+        {"GetPageLockedMemory", "page-locked", c_pcHuge, c_pcNothing, false, [] { _PageLocked(c_nNoLimit / 2); }},
         // A product that wraps does not reach the runtime, bytes that wrap when the rows are padded do.
-        {"GetCudaMemoryPitch", "GPU", "4294967296 rows of 4294967296 bytes", c_pcWithIdle,
+        {"GetCudaMemoryPitch", "GPU", "4294967296 rows of 4294967296 bytes", c_pcWithIdle, false,
             [] { _Pitched(c_nHalf, c_nHalf); }},
-        {"GetCudaMemoryPitch", "GPU", "16777216 rows of 1 bytes", c_pcHeld, [] { _Pitched(1, std::size_t{1} << 24); }},
+        {"GetCudaMemoryPitch", "GPU", "16777216 rows of 1 bytes", c_pcHeld, true,
+            [] { _Pitched(1, std::size_t{1} << 24); }},
     };
     CCudaMemoryResource xHeld = _Linear(5000);
     for (const auto& xCase : c_vCases)
@@ -426,11 +432,144 @@ TEST_F(PoolScripted, ImpossibleRequestsAreRefusedWithTheFigures)
         CScriptedRuntime::sm_nPitch = std::size_t{1} << 40;
         const std::string sText = std::string("Error allocating ") + xCase.pcMemory +
             " memory. Out of memory: requested " + xCase.pcRequested + ", " + xCase.pcFigures +
-            ", Device ID: " + std::to_string(m_iDevice);
+            ", Device ID: " + std::to_string(m_iDevice) + ", free 0 of 1099511627776 bytes" +
+            (xCase.bFreesIdle ? ", freed in vain 300 idle bytes of GPU memory of device " + std::to_string(m_iDevice)
+                              : "");
         EXPECT_TRUE(ThrowsChain(xCase.Request, {{"Qx.OutOfMemoryException", sText, xCase.pcFunction, c_pcFile}}));
         EXPECT_EQ(CScriptedRuntime::sm_eLastError, cudaSuccess);
     }
     _Release(xHeld);
+}
+
+// 600 of 1000 bytes lie idle in one pool when another one is asked for more than the rest.
+struct SNeighbours
+{
+    EPool eIdle;
+    EPool eRequest;
+    int iIntegrated;
+    bool bOtherDevice;
+    bool bCanBeFreed;
+    std::size_t nRequest;
+    const char* pcFreed; // null: not the same memory, or not to be had; else what the message says when it is in vain
+} const c_vNeighbours[] = {
+    {EPool::Device, EPool::PageLocked, 1, false, true, 700, "GPU"},
+    {EPool::PageLocked, EPool::Device, 1, false, true, 700, "page-locked"},
+    {EPool::Device, EPool::Device, 1, true, true, 700, "GPU"},
+    {EPool::PageLocked, EPool::PageLocked, 0, true, true, 700, "page-locked"},
+    {EPool::PageLocked, EPool::PageLocked, 0, true, true, 1001, "page-locked"},
+    {EPool::PageLocked, EPool::PageLocked, 0, true, false, 700, nullptr},
+    {EPool::Device, EPool::PageLocked, 0, false, true, 700, nullptr},
+    {EPool::PageLocked, EPool::Device, 0, false, true, 700, nullptr},
+    {EPool::Device, EPool::Device, 0, true, true, 700, nullptr},
+};
+
+TEST_F(PoolScripted, WhatIsIdleOnTheSameMemoryIsFreedForARequest)
+{
+    const auto LendAndRelease = [](EPool ePool, std::size_t nBytes)
+    { _Release(ePool == EPool::Device ? _Linear(nBytes) : _PageLocked(nBytes)); };
+    for (const SNeighbours& xCase : c_vNeighbours)
+    {
+        SCOPED_TRACE(&xCase - c_vNeighbours);
+        NextDevice();
+        CScriptedRuntime::sm_iIntegrated = xCase.iIntegrated;
+        LendAndRelease(xCase.eIdle, 600);
+        const int iIdleDevice = m_iDevice;
+        if (xCase.bOtherDevice)
+        {
+            NextDevice();
+            CScriptedRuntime::sm_iIntegrated = xCase.iIntegrated;
+        }
+        CScriptedRuntime::sm_nSharedMemory = 1000;
+        CScriptedRuntime::FailCall(xCase.bCanBeFreed ? 0 : 1, cudaErrorUnknown, true, "cudaFreeHost");
+        std::string sMessage;
+        try
+        {
+            LendAndRelease(xCase.eRequest, xCase.nRequest);
+        }
+        catch (const CQxOutOfMemoryException& xException)
+        {
+            sMessage = xException.GetMessageText().ToCString();
+        }
+        EXPECT_EQ(sMessage.empty(), xCase.pcFreed != nullptr && xCase.nRequest <= 1000) << sMessage;
+        const std::string sEnd = xCase.pcFreed == nullptr ? ", free 0 of 1099511627776 bytes"
+                                                          : std::string(", freed in vain 600 idle bytes of ") +
+                xCase.pcFreed + " memory of device " + std::to_string(iIdleDevice);
+        EXPECT_TRUE(sMessage.empty() || sMessage.ends_with(sEnd)) << sMessage;
+        CScriptedRuntime::Reset(iIdleDevice);
+        EXPECT_EQ(CResourceManager::GetStatistics(iIdleDevice, xCase.eIdle).nBytesIdle % 700,
+            xCase.pcFreed != nullptr ? 0U : 600U);
+        CResourceManager::Trim(0, xCase.eIdle);
+        CScriptedRuntime::Reset(m_iDevice);
+        CResourceManager::Trim(0, xCase.eRequest);
+    }
+}
+
+TEST_F(PoolScripted, IdlePageLockedMemoryIsBoundedForAllDevicesTogether)
+{
+    const std::size_t nBound = HostMemory() / 8;
+    const auto Idle = [](int iDevice)
+    { return CResourceManager::GetStatistics(iDevice, EPool::PageLocked).nBytesIdle; };
+    const int iFirst = m_iDevice;
+    _Release(_PageLocked(nBound / 2));
+    NextDevice();
+    const int iSecond = m_iDevice;
+    _Release(_PageLocked(nBound / 4));
+    EXPECT_EQ(Idle(iFirst), nBound / 2);
+    EXPECT_EQ(Idle(iSecond), nBound / 4);
+    _Release(_PageLocked(nBound / 4 * 3));
+    EXPECT_EQ(Idle(iFirst), 0U) << "what the device itself has was not enough";
+    EXPECT_EQ(Idle(iSecond), nBound / 4 * 3);
+
+    // A limit of the client's own is the pool's alone.
+    CResourceManager::SetIdleLimit(nBound, EPool::PageLocked);
+    CScriptedRuntime::Reset(iFirst);
+    _Release(_PageLocked(nBound));
+    EXPECT_EQ(Idle(iFirst), nBound);
+    EXPECT_EQ(Idle(iSecond), nBound / 4 * 3);
+    _Release(_PageLocked(nBound + 1));
+    EXPECT_EQ(Idle(iFirst), nBound);
+    CScriptedRuntime::Reset(iSecond);
+}
+
+TEST(HostMemory, IsWhatTheControlGroupsLeave)
+{
+    const std::size_t nMachine = HostMemory("/no such folder");
+    ASSERT_NE(nMachine, 0U);
+    const struct
+    {
+        const char* pcGroups;
+        std::vector<std::pair<const char*, const char*>> vFiles;
+        std::size_t nExpected;
+    } c_vCases[] = {
+        {"", {{"memory.max", "4096\n"}}, nMachine},
+        {"0::/\n", {{"memory.max", "4096\n"}}, 4096},
+        {"0::/\n", {{"memory.max", "max\n"}}, nMachine},
+        {"0::/a/b\n", {{"a/b/memory.max", "max\n"}, {"a/memory.max", "8192\n"}, {"memory.max", "9000\n"}}, 8192},
+        {"0::/of/the/machine\n", {{"memory.max", "5000\n"}}, 5000},
+        {"2:cpu,cpuacct:/c\n1:memory:/c\n", {{"memory/c/memory.limit_in_bytes", "7000\n"}}, 7000},
+        {"1:memory:/c\n0::/c\n", {{"memory/memory.limit_in_bytes", "6000\n"}, {"memory.max", "5000"}}, 5000},
+        {"1:memory:/c\n", {{"memory/memory.limit_in_bytes", "9223372036854771712\n"}}, nMachine},
+        {"2:cpu:/c\n", {{"memory/c/memory.limit_in_bytes", "7000\n"}}, nMachine},
+        {"not a line of this kind", {}, nMachine},
+    };
+    namespace Files = std::filesystem;
+    const Files::path xRoot = Files::path(::testing::TempDir()) / ("qx_host_memory_" + std::to_string(getpid()));
+    const auto Write = [&](const Files::path& xFile, const char* pcText)
+    {
+        Files::create_directories(xFile.parent_path());
+        std::ofstream(xFile) << pcText;
+    };
+    for (const auto& xCase : c_vCases)
+    {
+        SCOPED_TRACE(xCase.pcGroups);
+        Write(xRoot / "proc/self/cgroup", xCase.pcGroups);
+        for (const auto& [pcFile, pcText] : xCase.vFiles)
+        {
+            Write(xRoot / "sys/fs/cgroup" / pcFile, pcText);
+        }
+        EXPECT_EQ(HostMemory(xRoot.string()), xCase.nExpected);
+        Files::remove_all(xRoot);
+    }
 }
 
 TEST_F(PoolScripted, IdleBlocksMayFillHalfOfTheDeviceUnlessTheClientSetALimit)

@@ -26,6 +26,7 @@ struct SLive
 {
     const void* pBlock; // null: free entry
     bool bHost;
+    std::size_t nBytes;
 };
 
 SCall g_vCalls[4096];
@@ -84,14 +85,19 @@ cudaError_t _Allocate(const char* pcName, void** ppBlock, std::size_t nBytes, bo
     {
         return eError;
     }
-    if (nBytes > CScriptedRuntime::sm_nTotalMemory)
+    std::size_t nShared = nBytes;
+    for (const SLive& xLive : g_vLive)
+    {
+        nShared += xLive.pBlock != nullptr ? xLive.nBytes : 0;
+    }
+    if (nBytes > CScriptedRuntime::sm_nTotalMemory || nShared > CScriptedRuntime::sm_nSharedMemory)
     {
         return _Fail(cudaErrorMemoryAllocation);
     }
     // NOLINTNEXTLINE(performance-no-int-to-ptr): no memory stands behind the address
     *ppBlock = reinterpret_cast<void*>(
         std::exchange(CScriptedRuntime::sm_nNextAddress, CScriptedRuntime::sm_nNextAddress + 0x1000));
-    *_Entry(nullptr) = {*ppBlock, bHost};
+    *_Entry(nullptr) = {*ppBlock, bHost, nBytes};
     return cudaSuccess;
 }
 
@@ -125,6 +131,7 @@ void CScriptedRuntime::Reset(int iDevice)
     sm_iConcurrentManagedAccess = 1;
     sm_iIntegrated = 0;
     sm_nTotalMemory = std::size_t{1} << 40;
+    sm_nSharedMemory = std::size_t{1} << 50;
     sm_nPitch = 0;
     sm_pOnFree = nullptr;
     sm_bHasFailed = false;

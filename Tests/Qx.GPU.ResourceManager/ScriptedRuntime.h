@@ -13,7 +13,7 @@ namespace Qx::Test
 /// pool makes answered from here, with any device number, without a device and without memory behind the addresses.
 ///
 /// It allocates nothing through `operator new` while the pool calls it. Freeing what is not alive, or with the wrong
-/// function, fails as with the real runtime, and so does a linear allocation beyond the device's memory. For
+/// function, fails as with the real runtime, and so does a linear allocation beyond the memory. For
 /// single-threaded tests.
 struct CScriptedRuntime
 {
@@ -40,7 +40,8 @@ struct CScriptedRuntime
     static inline int sm_iFaultyDevice = -1; ///< while current it refuses to allocate and to free anything
     static inline int sm_iConcurrentManagedAccess = 1;
     static inline int sm_iIntegrated = 0;
-    static inline std::size_t sm_nTotalMemory = 0;
+    static inline std::size_t sm_nTotalMemory = 0;      ///< of a device
+    static inline std::size_t sm_nSharedMemory = 0;     ///< what all linear blocks may have together
     static inline std::size_t sm_nNextAddress = 0x1000; ///< of the next allocation; moves on by 0x1000 with each
     static inline std::size_t sm_nPitch = 0;            ///< of pitched allocations; 0: the width rounded up
     static inline void (*sm_pOnFree)() = nullptr;       ///< called once, inside the next `cudaFree`
