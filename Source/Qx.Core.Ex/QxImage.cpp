@@ -29,6 +29,20 @@ std::size_t GetPackedByteCount(const CQxImageFormat& xFormat, const SThrowSite& 
     return static_cast<std::size_t>(uBytes);
 }
 
+void Interop::Runtime28::IImage::Reserved1() {}
+
+void CQxFormattedImage::GetSize(int& iWidth, int& iHeight) const
+{
+    iWidth = m_xFormat.iWidth;
+    iHeight = m_xFormat.iHeight;
+}
+
+void CQxFormattedImage::GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const
+{
+    ePixelType = m_xFormat.ePixelType;
+    eDataType = m_xFormat.eDataType;
+}
+
 CQxImage::CQxImage(const CQxImageFormat& xFormat)
 {
     Create(xFormat);

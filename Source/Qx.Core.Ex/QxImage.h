@@ -20,13 +20,13 @@ public:
     /// them has to be thrown.
     virtual bool Create(int iWidth, int iHeight, EPixelType::ID ePixelType, EDataType::ID eDataType) = 0;
 
-    virtual void Reserved1() {} ///< not called
-    virtual void Reserved2() {} ///< not called
-    virtual void Reserved3() {} ///< not called
-    virtual void Reserved4() {} ///< not called
-    virtual void Reserved5() {} ///< not called
-    virtual void Reserved6() {} ///< not called
-    virtual void Reserved7() {} ///< not called
+    QX_CORE_API virtual void Reserved1(); ///< not called
+    virtual void Reserved2() {}           ///< not called
+    virtual void Reserved3() {}           ///< not called
+    virtual void Reserved4() {}           ///< not called
+    virtual void Reserved5() {}           ///< not called
+    virtual void Reserved6() {}           ///< not called
+    virtual void Reserved7() {}           ///< not called
 
     /// Width and height in pixels.
     virtual void GetSize(int& iWidth, int& iHeight) const = 0;
@@ -74,18 +74,10 @@ class QX_EXPORT_TYPE CQxFormattedImage : public IImage
 {
 public:
     /// Width and height of the format.
-    void GetSize(int& iWidth, int& iHeight) const override
-    {
-        iWidth = m_xFormat.iWidth;
-        iHeight = m_xFormat.iHeight;
-    }
+    QX_CORE_API void GetSize(int& iWidth, int& iHeight) const override;
 
     /// Pixel type and data type of the format.
-    void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override
-    {
-        ePixelType = m_xFormat.ePixelType;
-        eDataType = m_xFormat.eDataType;
-    }
+    QX_CORE_API void GetType(EPixelType::ID& ePixelType, EDataType::ID& eDataType) const override;
 
     /// The format; all zero when empty.
     const CQxImageFormat& GetFormat() const noexcept { return m_xFormat; }

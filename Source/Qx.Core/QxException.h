@@ -3,6 +3,7 @@
 #include <atomic>
 #include <exception>
 #include <iosfwd>
+#include <memory>
 #include <type_traits>
 #include <utility>
 

@@ -16,7 +16,7 @@ class QX_EXPORT_TYPE CQxCudaException : public CQxException
 {
 public:
     /// Identifies the class in a chain (`HasException`).
-    static constexpr CGuid c_xGuid{"{7C2E9A41-5B3D-4F18-9E6A-2D4B8C1F0A73}"};
+    QX_LOCAL static constexpr CGuid c_xGuid{"{7C2E9A41-5B3D-4F18-9E6A-2D4B8C1F0A73}"};
 
     /// Makes the first exception of a chain and records the CUDA state: calls `cudaGetLastError`, `cudaGetErrorName`,
     /// `cudaGetErrorString` and `cudaGetDevice`, once each.
@@ -40,20 +40,9 @@ public:
     CQxCudaException& operator=(const CQxCudaException& xOther) { return *this = CQxCudaException(xOther); }
     CQxCudaException& operator=(CQxCudaException&&) noexcept = default;
 
-    IException* Clone() const override { return new CQxCudaException(*this); }
-
-    ~CQxCudaException() override = default;
-
-    void SetExceptionData() override
-    {
-        m_eCudaError = cudaGetLastError();
-        const char* pcName = cudaGetErrorName(m_eCudaError);
-        const char* pcDescription = cudaGetErrorString(m_eCudaError);
-        m_sCudaErrorText = MakeText(pcName, ": ", pcDescription, " (ID ", static_cast<int>(m_eCudaError), ")");
-        // Not tested: a failed query leaves the device unknown and must not hide the failure that is being reported.
-        static_cast<void>(cudaGetDevice(&m_iDeviceID));
-        m_sMessage << ". '" << m_sCudaErrorText << "', Device ID: " << m_iDeviceID;
-    }
+    QX_GPU_API IException* Clone() const override;
+    QX_GPU_API ~CQxCudaException() override;
+    QX_GPU_API void SetExceptionData() override;
 
     /// The CUDA error; `cudaSuccess` when the thread's last error had been reset before.
     cudaError GetCudaError() const noexcept { return m_eCudaError; }
@@ -83,7 +72,7 @@ class QX_EXPORT_TYPE CQxOutOfMemoryException : public CQxException
 {
 public:
     /// Identifies the class in a chain (`HasException`).
-    static constexpr CGuid c_xGuid{"{3A8F6D12-C94E-4B27-A1D5-68E0F7B23C91}"};
+    QX_LOCAL static constexpr CGuid c_xGuid{"{3A8F6D12-C94E-4B27-A1D5-68E0F7B23C91}"};
 
     /// Parameters as those of `CQxException`; the caller runs `SetExceptionData` and throws a copy.
     CQxOutOfMemoryException(const CQxString& sMessage, const char* pcFile, const char* pcFunction, int iLine)
@@ -98,9 +87,8 @@ public:
     CQxOutOfMemoryException& operator=(const CQxOutOfMemoryException&) = default;
     CQxOutOfMemoryException& operator=(CQxOutOfMemoryException&&) noexcept = default;
 
-    IException* Clone() const override { return new CQxOutOfMemoryException(*this); }
-
-    ~CQxOutOfMemoryException() override = default;
+    QX_GPU_API IException* Clone() const override;
+    QX_GPU_API ~CQxOutOfMemoryException() override;
 };
 
 /// Throws a `CQxCudaException` made by `CreateFirst`; its message is put together from parts, as `Throw` does.

@@ -120,7 +120,7 @@ public:
     const T* GetDataPtr() const noexcept { return m_pDevice; }
 
 private:
-    static constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaDeviceArray";
+    QX_LOCAL static constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaDeviceArray";
 
     std::uint64_t m_nCount = 0;
     T* m_pDevice = nullptr;

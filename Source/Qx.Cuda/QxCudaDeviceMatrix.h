@@ -106,7 +106,7 @@ public:
     const T* GetDataPtr() const noexcept { return m_xArray.GetDataPtr(); }
 
 private:
-    static constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaDeviceMatrix";
+    QX_LOCAL static constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaDeviceMatrix";
 
     // A count beyond 64 bits becomes the largest one, which no device can hold.
     static std::uint64_t _ElementCount(std::uint64_t nRows, std::uint64_t nCols) noexcept

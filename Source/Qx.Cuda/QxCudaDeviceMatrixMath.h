@@ -99,7 +99,7 @@ public:
     }
 
 private:
-    static constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaDeviceMatrixMath";
+    QX_LOCAL static constexpr const char* c_pcFile = "Source/Qx.Cuda/QxCudaDeviceMatrixMath";
 
     void _CheckHandle(const SThrowSite& xSite) const
     {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Qx.Core/QxExport.h" // first, because it refuses what the runtime's header does not compile with
+
 #include <type_traits>
 #include <utility>
 

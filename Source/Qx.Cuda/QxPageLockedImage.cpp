@@ -12,6 +12,8 @@ constexpr SThrowSite c_xCreate{"Source/Qx.Cuda/QxPageLockedImage", "Create"};
 
 } // namespace
 
+CQxPageLockedImage::CQxPageLockedImage() noexcept = default;
+
 CQxPageLockedImage::CQxPageLockedImage(const CQxImageFormat& xFormat)
 {
     Create(xFormat);

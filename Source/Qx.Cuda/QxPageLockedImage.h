@@ -19,7 +19,7 @@ class QX_EXPORT_TYPE CQxPageLockedImage final : public CQxFormattedImage
 {
 public:
     /// An empty image: all-zero format, no memory; makes no CUDA call.
-    CQxPageLockedImage() noexcept = default;
+    QX_CUDA_API CQxPageLockedImage() noexcept;
 
     /// As `Create` of the format.
     QX_CUDA_API explicit CQxPageLockedImage(const CQxImageFormat& xFormat);

@@ -18,7 +18,7 @@ public:
     CResource() noexcept = default;
     CResource(const CResource&) noexcept = default;
     CResource& operator=(const CResource&) noexcept = default;
-    virtual ~CResource() = default;
+    QX_GPU_API virtual ~CResource();
 
     /// True when a request that @p xOther describes is one that this resource's block answers. @p xOther must be of the
     /// class of this object.
@@ -34,10 +34,7 @@ class QX_EXPORT_TYPE CCudaMemoryResource : public CResource
 {
 public:
     /// True when the sizes agree.
-    bool Matches(const CResource& xOther) const override
-    {
-        return m_nSize == static_cast<const CCudaMemoryResource&>(xOther).m_nSize;
-    }
+    QX_GPU_API bool Matches(const CResource& xOther) const override;
 
     std::size_t m_nSize = 0; ///< bytes
 };
@@ -47,11 +44,7 @@ class QX_EXPORT_TYPE CCudaMemoryPitchResource : public CResource
 {
 public:
     /// True when row width and row count agree; the pitch is the runtime's choice and not compared.
-    bool Matches(const CResource& xOther) const override
-    {
-        const auto& xPitched = static_cast<const CCudaMemoryPitchResource&>(xOther);
-        return m_nWidth == xPitched.m_nWidth && m_nRows == xPitched.m_nRows;
-    }
+    QX_GPU_API bool Matches(const CResource& xOther) const override;
 
     std::size_t m_nPitch = 0; ///< bytes from the start of one row to the start of the next, at least the width
     std::size_t m_nWidth = 0; ///< bytes of a row

@@ -32,7 +32,7 @@ def source_pieces(path):
     # Comments and literals in one go, so that neither is looked for inside the other.
     comments_and_literals = re.compile(r"//[^\n]*|/\*.*?\*/|" + LITERAL, re.S)
     text = comments_and_literals.sub(lambda match: match.group(0) if match.group(0)[0] == '"' else "", text)
-    text = re.sub(r"#\s*include[^\n]*|static_assert\([^;]*;", "", text)
+    text = re.sub(r"#\s*(?:include|error)[^\n]*|static_assert\([^;]*;", "", text)
     text = re.sub(r'"\s*\n\s*"', "", text)  # adjacent literals are one
     found = []
     for literal in re.findall(LITERAL, text):

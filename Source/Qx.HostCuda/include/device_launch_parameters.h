@@ -36,6 +36,6 @@ QX_BUILT_IN Qx::HostCuda::SBuiltIn<dim3> gridDim [[gnu::tls_model("initial-exec"
 #undef QX_BUILT_IN
 
 /// Threads of a warp. The host has no warps: the number is for index arithmetic only.
-inline constexpr int warpSize = 32;
+constexpr int warpSize = 32; // not inline: a plug-in with a unique symbol cannot be unloaded
 
 #endif
