@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cublas_v2.h>
+#include <gmock/gmock.h>
 
 #include "HostCudaTest.h"
 
@@ -232,6 +233,41 @@ TEST_F(ProcessDeathTest, AFaultOnAStreamReachesTheHandlerOfTheProcess)
         cudaDeviceSynchronize();
     };
     ExpectExit(42, Act);
+}
+
+void Crash(int iSignal)
+{
+    const auto Kernel = [](int iRaised)
+    {
+        if (blockIdx.x == 2 && threadIdx.y == 5)
+        {
+            std::raise(iRaised);
+        }
+    };
+    const cudaLaunchConfig_t xConfig{{4, 1, 1}, {1, 8, 1}, 0, nullptr, nullptr, 0};
+    cudaLaunchKernelEx(&xConfig, Kernel, iSignal);
+    cudaDeviceSynchronize();
+}
+
+TEST_F(ProcessDeathTest, CrashInAKernelNamesItsThreadAndGoesOn)
+{
+    constexpr const char* c_pcWhere = "kernel .*Crash.*, block .2, 0, 0., thread .0, 5, 0.";
+    for (const int iSignal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+    {
+        EXPECT_DEATH(Crash(iSignal), c_pcWhere) << iSignal;
+    }
+    const auto CrashHandled = []
+    {
+        std::signal(SIGSEGV, [](int) { std::_Exit(7); });
+        Crash(SIGSEGV);
+    };
+    ExpectExit(7, CrashHandled, c_pcWhere);
+    const auto CrashOutside = []
+    {
+        Crash(0);
+        std::raise(SIGFPE);
+    };
+    EXPECT_DEATH(CrashOutside(), ::testing::Not(::testing::HasSubstr("kernel")));
 }
 
 TEST_F(ProcessDeathTest, ATrapOutsideOfKernelsEndsTheProcess)

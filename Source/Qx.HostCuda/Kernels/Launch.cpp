@@ -1,4 +1,5 @@
 #include "Qx.HostCuda/HostCuda.h"
+#include "Qx.HostCuda/Kernels/Crash.h"
 #include "Qx.HostCuda/Kernels/Workers.h"
 #include "Qx.HostCuda/Runtime/Sanitizer.h"
 #include "Qx.HostCuda/Streams/Schedule.h"
@@ -43,9 +44,6 @@ struct STrapped
 {
 };
 
-/// The device whose kernel the calling thread runs, null outside of kernels.
-[[gnu::tls_model("initial-exec")]] thread_local constinit CDevice* t_pDevice = nullptr;
-
 /// A launch on its stream.
 class CLaunch final : public CWork
 {
@@ -57,6 +55,7 @@ public:
 
     void Run() override
     {
+        ReportCrashes();
         const std::uint64_t nBlockCount = std::uint64_t{m_xGrid.x} * m_xGrid.y * m_xGrid.z;
         const int iThreads = GetLaunchThreads();
         if (nBlockCount == 1 || iThreads == 1)
@@ -83,7 +82,7 @@ private:
     {
         SThread& xThread = ThisThread();
         xThread.bInHostFunction = true;
-        t_pDevice = &m_xDevice;
+        Running() = {&m_xDevice, m_pKernel.get(), false};
         std::construct_at(&gridDim, m_xGrid.x, m_xGrid.y, m_xGrid.z);
         std::construct_at(&blockDim, m_xBlock.x, m_xBlock.y, m_xBlock.z);
         try
@@ -94,6 +93,7 @@ private:
             for (; nBegin != nEnd && m_xDevice.GetFault() == cudaSuccess; ++nBegin)
             {
                 std::construct_at(&blockIdx, uX, uY, uZ);
+                std::construct_at(&threadIdx);
                 m_pKernel->RunBlock();
                 if (++uX == m_xGrid.x)
                 {
@@ -110,7 +110,7 @@ private:
         {
             m_xDevice.RaiseFault(cudaErrorLaunchFailure);
         }
-        t_pDevice = nullptr;
+        Running() = {};
         xThread.bInHostFunction = false;
     }
 
@@ -143,12 +143,13 @@ int GetLaunchThreads() noexcept
 
 void Trap()
 {
-    if (t_pDevice == nullptr)
+    CDevice* const pDevice = Running().pDevice;
+    if (pDevice == nullptr)
     {
         std::abort();
     }
     // Already now: the fault stands even if the kernel catches what is thrown.
-    t_pDevice->RaiseFault(cudaErrorLaunchFailure);
+    pDevice->RaiseFault(cudaErrorLaunchFailure);
     throw STrapped{};
 }
 

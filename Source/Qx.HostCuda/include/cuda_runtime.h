@@ -135,6 +135,19 @@ inline cudaError_t cudaMemcpyFromSymbolAsync(void* dst, const T& symbol, size_t 
 namespace Qx::HostCuda
 {
 
+/// What a kernel is called.
+struct SKernelText
+{
+    const char* pcType = "";         ///< a text with the name of its type
+    const void* pFunction = nullptr; ///< its function, if the type does not say which it is
+    bool bOptimised = false;         ///< the compiler may have put off writing threadIdx
+};
+
+/// Writes to standard error what kernel, block and thread the calling thread runs, if any, as part of a crash that has
+/// a name; once per crash. `bCall`: the kernel itself made the call, so that threadIdx has been written. May be called
+/// by signal handlers.
+QX_HOSTCUDA_API void ReportCrash(const char* pcWhat, bool bCall) noexcept;
+
 /// A kernel with its arguments, as the runner sees it.
 class QX_HOSTCUDA_API CKernel
 {
@@ -146,7 +159,16 @@ public:
 
     /// Runs all threads of the block that blockIdx names, one after the other with x running fastest.
     virtual void RunBlock() const = 0;
+    /// For reports.
+    [[nodiscard]] virtual SKernelText Describe() const noexcept = 0;
 };
+
+/// A text that names the type.
+template <class TKernel>
+const char* NameType() noexcept
+{
+    return __PRETTY_FUNCTION__;
+}
 
 /// A kernel of a known type, so that a compiler that knows its body makes one loop of the threads and the body.
 template <class TKernel, class... TParameters>
@@ -181,6 +203,19 @@ public:
         }
     }
 
+    [[nodiscard]] SKernelText Describe() const noexcept override
+    {
+        SKernelText xText{NameType<TKernel>()};
+        if constexpr (std::is_pointer_v<TKernel>)
+        {
+            xText.pFunction = reinterpret_cast<const void*>(m_xKernel);
+        }
+#if defined(__OPTIMIZE__)
+        xText.bOptimised = true;
+#endif
+        return xText;
+    }
+
 private:
     TKernel m_xKernel;
     std::tuple<TParameters...> m_xArguments;
@@ -206,6 +241,15 @@ cudaError_t Launch(
 }
 
 } // namespace Qx::HostCuda
+
+#if defined(__SANITIZE_ADDRESS__)
+/// g++'s AddressSanitizer calls this of the program before it reports. The program's own takes its place, and may call
+/// Qx::HostCuda::ReportCrash.
+extern "C" QX_HOSTCUDA_API __attribute__((weak)) void __asan_on_error()
+{
+    Qx::HostCuda::ReportCrash("AddressSanitizer", true);
+}
+#endif
 
 /// Queues a kernel on a stream and returns at once. The arguments are converted to the kernel's parameter types and
 /// copied during the call.
