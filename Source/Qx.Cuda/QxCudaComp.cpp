@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "Qx.Core/QxFormat.h"
 #include "Qx.Cuda.Core/QxCudaException.h"
@@ -156,6 +158,18 @@ CQxString CQxCudaComp::_ShowDebugErrorWindow(cudaError eError, const char* pcKer
 
     static_cast<void>(cudaGetLastError());
     return acReport;
+}
+
+void CQxCudaComp::_ThrowLaunch(cudaError eError, const char* pcSignature) const
+{
+    // "... [with auto Kernel = Scope::Name<Parameters>]" or "... [Kernel = &Scope::Name]"
+    std::string_view sName(pcSignature);
+    sName = sName.substr(0, sName.rfind(']'));
+    sName.remove_prefix(std::min(sName.find("= "), sName.size() - 2) + 2);
+    const std::size_t nScope = sName.rfind("::", sName.find('<'));
+    sName.remove_prefix(nScope != std::string_view::npos ? nScope + 2 : sName.starts_with('&') ? 1 : 0);
+    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"},
+        _ShowDebugErrorWindow(eError, std::string(sName).c_str(), "Launch: Error launching kernel"));
 }
 
 void CQxCudaComp::_ThrowReport(

@@ -77,7 +77,8 @@ public:
     /// event cannot be recorded, also without a `Begin`, and "End: Error during Kernel execution ..." when the wait
     /// fails, as it does when the kernel faulted. Making the report resets the thread's last CUDA error, so the
     /// exception itself records `cudaSuccess` unless the runtime keeps the error for the device; the report always
-    /// names it. A launch that the runtime refused is the caller's to notice: its error stays pending.
+    /// names it. A launch that the runtime refused is not noticed here: `LaunchKernel` throws for
+    /// it, and the error of one that was made by other means stays pending.
     /// @param pStream the stream of the launch
     QX_CUDA_API void End(const char* pcKernel, cudaStream_t pStream);
     /// The same.
@@ -89,6 +90,10 @@ public:
     /// The report has at most 1999 characters. What is too long is cut from the end of the kernel's name, and then from
     /// the message, so that configuration and memory are always there.
     QX_CUDA_API CQxString _ShowDebugErrorWindow(cudaError eError, const char* pcKernel, const char* pcMessage) const;
+
+    /// Throws what `LaunchKernel` throws for a refused launch.
+    /// @param pcSignature a text of `_KernelSignature`
+    [[noreturn]] QX_CUDA_API void _ThrowLaunch(cudaError eError, const char* pcSignature) const;
 
     /// The blocks of a launch.
     const dim3& GetGrid() const noexcept { return m_xGrid; }

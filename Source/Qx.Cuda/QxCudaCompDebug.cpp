@@ -1,6 +1,8 @@
 #include "Qx.Cuda/QxCudaCompDebug.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstring>
 
 #include <cuda_runtime_api.h>
 
@@ -76,8 +78,10 @@ int CQxCudaCompDebug::GetDebugItemCount()
 
 void CQxCudaCompDebug::GetDebugItems(std::vector<SItem>& vItems)
 {
-    // Kernels count the items that they had no room for too; those were never written.
-    const int iCount = std::min(GetDebugItemCount(), sm_xDebugParams.iCapacity);
+    // Kernels count the items that they had no room for too; those were never written. Where the room is not known, the
+    // kernels have to.
+    const int iCapacity = sm_xDebugParams.iCapacity;
+    const int iCount = std::min(GetDebugItemCount(), iCapacity != 0 ? iCapacity : INT_MAX);
     if (iCount <= 0 || sm_xDebugParams.pItems == nullptr)
     {
         return;
@@ -85,6 +89,13 @@ void CQxCudaCompDebug::GetDebugItems(std::vector<SItem>& vItems)
     vItems.resize(static_cast<std::size_t>(iCount));
     CheckCuda(cudaMemcpy(vItems.data(), sm_xDebugParams.pItems, vItems.size() * sizeof(SItem), cudaMemcpyDeviceToHost),
         {c_pcFile, "GetDebugItems"}, "Error getting debug items from CUDA");
+    // A kernel that did not write the flag has left any byte there, and reading it as a bool would be undefined.
+    for (SItem& xItem : vItems)
+    {
+        unsigned char uFlag = 0;
+        std::memcpy(&uFlag, &xItem.bFlag, sizeof(uFlag));
+        xItem.bFlag = uFlag != 0;
+    }
 }
 
 void CQxCudaCompDebug::SetDebugKind(EKind eKind)

@@ -47,7 +47,7 @@ static_assert(offsetof(SItem, aiPosition) == 0 && offsetof(SItem, bFlag) == 16 &
 /// block does not own its buffers: copies are cheap and describe the same buffers, and only `Delete` frees them.
 struct SParameter
 {
-    /// A block over existing buffers; the capacity is 0.
+    /// A block over existing buffers; the capacity is 0, which stands for one that is not known.
     constexpr SParameter(SItem* pItemBuffer, int* pItemCounter) noexcept : pItems(pItemBuffer), pCounter(pItemCounter)
     {
     }
@@ -101,11 +101,13 @@ public:
     /// Throws a `CQxCudaException` "Error getting number of debug items from CUDA".
     static QX_CUDA_API int GetDebugItemCount();
 
-    /// Reads the items back: @p vItems gets as many elements as the kernels wrote, at most the capacity.
+    /// Reads the items back: @p vItems gets as many elements as the kernels wrote, at most the capacity; as many as the
+    /// counter says where the capacity is 0, because the client made the block over buffers of its own. A flag whose
+    /// byte is neither 0 nor 1, as where a kernel did not write it, reads as true.
     ///
-    /// @p vItems stays as it is, its contents too, when there is nothing to read: no buffers, no items, or a capacity
-    /// of 0. Throws what `GetDebugItemCount` throws (@p vItems unchanged), what resizing @p vItems throws, and a
-    /// `CQxCudaException` "Error getting debug items from CUDA" (@p vItems is resized, its contents undefined).
+    /// @p vItems stays as it is, its contents too, when there is nothing to read: no buffers or no items. Throws what
+    /// `GetDebugItemCount` throws (@p vItems unchanged), what resizing @p vItems throws, and a `CQxCudaException`
+    /// "Error getting debug items from CUDA" (@p vItems is resized, its contents undefined).
     static QX_CUDA_API void GetDebugItems(std::vector<SItem>& vItems);
 
     /// Sets the kind of this object; others keep theirs.

@@ -29,11 +29,33 @@ struct SKernel
     }
 };
 
-/// Throws what `LaunchKernel` throws; apart from it, because it is the same for every kernel.
-[[noreturn, gnu::cold, gnu::noinline]] inline void _ThrowLaunch(const dim3& xGrid, const dim3& xBlock)
+/// A text with the kernel's name in it, of the compiler's making.
+template <auto Kernel>
+constexpr const char* _KernelSignature() noexcept
 {
-    ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, "Error launching kernel with grid [", xGrid.x, ", ",
-        xGrid.y, ", ", xGrid.z, "] and block [", xBlock.x, ", ", xBlock.y, ", ", xBlock.z, "]");
+    return __PRETTY_FUNCTION__;
+}
+
+/// Queues a kernel as `LaunchKernel` does, and returns what the runtime says.
+template <auto Kernel, typename... TArguments>
+cudaError _QueueKernel(const dim3& xGrid, const dim3& xBlock, cudaStream_t pStream, TArguments&&... xArguments)
+{
+    static_assert(
+        std::is_invocable_v<decltype(Kernel), TArguments...>, "the arguments do not fit the kernel's parameters");
+    cudaLaunchConfig_t xConfig{};
+    xConfig.gridDim = xGrid;
+    xConfig.blockDim = xBlock;
+    xConfig.stream = pStream;
+    if constexpr (requires {
+                      cudaLaunchKernelEx(&xConfig, SKernel<Kernel>{}, std::forward<TArguments>(xArguments)...);
+                  })
+    {
+        return cudaLaunchKernelEx(&xConfig, SKernel<Kernel>{}, std::forward<TArguments>(xArguments)...);
+    }
+    else
+    {
+        return cudaLaunchKernelEx(&xConfig, Kernel, std::forward<TArguments>(xArguments)...);
+    }
 }
 
 /// Launches a client's kernel, from one source for every platform: `LaunchKernel<Sharpen>(xGrid, xBlock, pStream,
@@ -52,34 +74,28 @@ struct SKernel
 template <auto Kernel, typename... TArguments>
 void LaunchKernel(const dim3& xGrid, const dim3& xBlock, cudaStream_t pStream, TArguments&&... xArguments)
 {
-    static_assert(
-        std::is_invocable_v<decltype(Kernel), TArguments...>, "the arguments do not fit the kernel's parameters");
-    cudaLaunchConfig_t xConfig{};
-    xConfig.gridDim = xGrid;
-    xConfig.blockDim = xBlock;
-    xConfig.stream = pStream;
-    cudaError eResult = cudaSuccess;
-    if constexpr (requires {
-                      cudaLaunchKernelEx(&xConfig, SKernel<Kernel>{}, std::forward<TArguments>(xArguments)...);
-                  })
-    {
-        eResult = cudaLaunchKernelEx(&xConfig, SKernel<Kernel>{}, std::forward<TArguments>(xArguments)...);
-    }
-    else
-    {
-        eResult = cudaLaunchKernelEx(&xConfig, Kernel, std::forward<TArguments>(xArguments)...);
-    }
+    const cudaError eResult = _QueueKernel<Kernel>(xGrid, xBlock, pStream, std::forward<TArguments>(xArguments)...);
     if (eResult != cudaSuccess) [[unlikely]]
     {
-        _ThrowLaunch(xGrid, xBlock);
+        ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"}, "Error launching kernel with grid [", xGrid.x,
+            ", ", xGrid.y, ", ", xGrid.z, "] and block [", xBlock.x, ", ", xBlock.y, ", ", xBlock.z, "]");
     }
 }
 
-/// The same with the grid and block of a launch context.
+/// The same with the grid and block of a launch context, between its `Begin` and `End`.
+///
+/// Throws a `CQxCudaException` with the context's launch report "Launch: Error launching kernel ...", in which the
+/// kernel is called by its own name, when the runtime refuses the launch. Making the report resets the thread's last
+/// CUDA error, as `CQxCudaComp::End` does.
 template <auto Kernel, typename... TArguments>
 void LaunchKernel(const CQxCudaComp& xComp, cudaStream_t pStream, TArguments&&... xArguments)
 {
-    LaunchKernel<Kernel>(xComp.GetGrid(), xComp.GetBlock(), pStream, std::forward<TArguments>(xArguments)...);
+    const cudaError eResult =
+        _QueueKernel<Kernel>(xComp.GetGrid(), xComp.GetBlock(), pStream, std::forward<TArguments>(xArguments)...);
+    if (eResult != cudaSuccess) [[unlikely]]
+    {
+        xComp._ThrowLaunch(eResult, _KernelSignature<Kernel>());
+    }
 }
 
 } // namespace Qx

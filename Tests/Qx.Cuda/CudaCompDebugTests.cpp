@@ -160,6 +160,16 @@ TEST_F(CudaCompDebug, ReadsAsManyItemsAsWereWrittenAndNeverMoreThanTheCapacity)
     xParams.ResetCounter();
     EXPECT_EQ(CQxCudaCompDebug::GetDebugItemCount(), 0);
     EXPECT_EQ(xParams.iCapacity, 5);
+
+    // A block over buffers of which only the kernels know the room, and an item of which a kernel wrote nothing.
+    Write(4);
+    ASSERT_EQ(cudaMemset(xParams.pItems + 3, 0x8E, sizeof(SItem)), cudaSuccess);
+    xParams = CudaDebug::SParameter(xParams.pItems, xParams.pCounter);
+    std::vector<SItem> vItems;
+    CQxCudaCompDebug::GetDebugItems(vItems);
+    ASSERT_EQ(vItems.size(), 4U);
+    EXPECT_EQ(vItems[2].aiPosition[0], 102);
+    EXPECT_EQ(static_cast<int>(vItems[3].bFlag), 1);
 }
 
 TEST_F(CudaCompDebug, ReportsFailedReadsAndSaysWhatBecameOfTheVector)

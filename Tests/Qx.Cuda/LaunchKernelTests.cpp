@@ -254,8 +254,49 @@ TEST(LaunchKernel, ThrowsWhenTheRuntimeRefusesTheConfiguration)
     }
     EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
     EXPECT_EQ(xCounts.Read().front(), 0U);
-    // A launch context that nobody has configured.
-    EXPECT_THROW(LaunchKernel<CountThreads>(CQxCudaComp(), nullptr, xCounts.Get(), 1U), CQxCudaException);
+}
+
+template <int iNumber>
+__global__ void Numbered(int*)
+{
+}
+
+template <auto Kernel, typename... TArguments>
+void ExpectLaunchReport(const char* pcKernel, const char* pcGrid, unsigned int uBlock, TArguments... xArguments)
+{
+    CQxCudaComp xComp; // with a grid of 0 until it is configured
+    if (uBlock != 0)
+    {
+        xComp.SetKernelConfiguration(8, uBlock);
+    }
+    try
+    {
+        LaunchKernel<Kernel>(xComp, nullptr, xArguments...);
+        ADD_FAILURE() << pcKernel << " was launched";
+    }
+    catch (const CQxCudaException& xException)
+    {
+        const std::string sReport = std::string("Launch: Error launching kernel\n\nKernel: '") + pcKernel +
+            "'\nCUDA Error String: 'invalid configuration argument'\n\nKernel Configuration:\n - Grid:  " + pcGrid;
+        EXPECT_EQ(std::string(xException.GetMessageText().ToCString()).substr(0, sReport.size()), sReport);
+        EXPECT_STREQ(xException.GetFunction().ToCString(), "LaunchKernel");
+        EXPECT_STREQ(xException.GetFile().ToCString(), c_pcLaunchFile);
+        EXPECT_EQ(xException.GetCudaError(), cudaSuccess) << "as with End";
+    }
+}
+
+TEST(LaunchKernel, ThrowsTheReportOfItsContext)
+{
+    const CDeviceData<unsigned int> xCounts;
+    ExpectLaunchReport<CountThreads>("CountThreads", "[0, 0, 1] = 0\n - Block: [0, 0, 1] = 0\n", 0, xCounts.Get(), 1U);
+    ExpectLaunchReport<CountThreads>(
+        "CountThreads", "[1, 1, 1] = 1\n - Block: [1025, 1, 1] = 1025\n", 1025, xCounts.Get(), 1U);
+#if defined(__clang__)
+    constexpr const char* c_pcNumbered = "Numbered";
+#else
+    constexpr const char* c_pcNumbered = "Numbered<3>";
+#endif
+    ExpectLaunchReport<Numbered<3>>(c_pcNumbered, "[1, 1, 1]", 2000, nullptr);
 }
 
 __global__ void Trap()
