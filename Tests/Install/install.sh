@@ -31,9 +31,25 @@ grep -rl "$folder/first\|$build" "$prefix" --include=*.cmake --include=*.pc --in
 "$cmake" --build "$folder/client" >/dev/null
 runs "$folder/client/client"
 runs "$folder/client/client_test"
-for wanted in $((major - 1)) $((major + 1)); do
-    "$cmake" "$folder/client" -DCLIENT_WANTS=$wanted >/dev/null 2>&1 && fail "a client that wants version $wanted was served"
-done
+# refused REASON OPTION...: a client that wants something else is told what is wrong.
+refused() {
+    local reason=$1 output
+    shift
+    output=$("$cmake" -S "$here/client" -B "$folder/refused" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" \
+        "$@" 2>&1) && fail "a client with $* was served"
+    tr -s ' \n' ' ' <<<"$output" | grep -qF "$reason" || { echo "$output" && fail "a client with $* was not told: $reason"; }
+}
+refused "requested version \"$((major - 1))\"" -DCLIENT_WANTS=$((major - 1))
+refused "requested version \"$((major + 1))\"" -DCLIENT_WANTS=$((major + 1))
+refused "there is no component 'Textures'" -DCLIENT_WANTS= -DCLIENT_COMPONENTS="Cuda;Textures"
+[ "$platform" = HOST ] || refused "platform CUDA, which has no component 'HostCuda'" -DCLIENT_COMPONENTS=HostCuda
+refused "there is no file Missing.cu" -DCLIENT_COMPONENTS= -DCLIENT_KERNELS=Missing.cu
+
+# Kernels of a Debug build are optimised for the debugger.
+"$cmake" "$folder/client" -DCMAKE_BUILD_TYPE=Debug >/dev/null
+"$cmake" --build "$folder/client" >/dev/null
+runs "$folder/client/client"
+[ "$platform" = CUDA ] || grep -q -- ' -Og' "$folder/client/build.ninja" || fail "a Debug build does not optimise its kernels"
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name qx-cuda.pc)")
 export PKG_CONFIG_PATH
@@ -43,11 +59,11 @@ if [ "$platform" = CUDA ]; then
     [ -r "$cuda/include/cuda_runtime_api.h" ] || fail "the pkg-config file says that the toolkit lies in '$cuda'"
     kernels=("$cuda/bin/nvcc" -x cu -ccbin "$compiler" --cudart shared)
 else
-    kernels=("$compiler")
+    kernels=("$compiler" -x c++)
 fi
 libraries=$(pkg-config --variable=libdir qx-cuda)
 # shellcheck disable=SC2046
-"${kernels[@]}" -std=c++20 -c "$here/client/Kernel.cpp" -o "$folder/Kernel.o" $(pkg-config --cflags qx-cuda)
+"${kernels[@]}" -std=c++20 -c "$here/client/Kernel.cu" -o "$folder/Kernel.o" $(pkg-config --cflags qx-cuda)
 # shellcheck disable=SC2046
 "$compiler" -std=c++20 "$here/client/Main.cpp" "$folder/Kernel.o" -o "$folder/by-pkg-config" \
     $(pkg-config --cflags --libs qx-cuda) "-Wl,-rpath,$libraries"

@@ -9,7 +9,12 @@
 // variable is an ordinary global; its address is its symbol.
 #define __host__
 #define __device__
+// A kernel that the compiler may not inline is where a debugger stops, once a thread.
+#if defined(QX_HOSTCUDA_KERNELS_APART)
+#define __global__ __attribute__((noinline))
+#else
 #define __global__
+#endif
 #define __constant__
 #define __forceinline__ inline __attribute__((always_inline))
 
