@@ -13,6 +13,9 @@
 namespace Qx::GPU
 {
 
+/// Tells a runtime that a block lies idle from now on, or is lent again. Called while the pool is locked.
+using IdleMarker = void (*)(void* pMemory, bool bIdle) noexcept;
+
 /// Names one pool: the memory of a device, or the host memory that was page-locked while it was current.
 struct SPoolName
 {
@@ -141,9 +144,20 @@ public:
         {
             _LeaveIdle(*pBlock);
             ++pBlock->pPool->xStatistics.uHits;
+            if (m_pMarkIdle != nullptr) [[unlikely]]
+            {
+                m_pMarkIdle(pBlock->pMemory, false);
+            }
             _MakeLent(*pBlock, 1);
         }
         return pBlock;
+    }
+
+    /// Has @p pMarkIdle told of every block that comes to lie idle or is lent again; null: nobody is told.
+    void TellOfIdle(IdleMarker pMarkIdle) noexcept
+    {
+        const std::lock_guard xLock(m_xMutex);
+        m_pMarkIdle = pMarkIdle;
     }
 
     /// Records @p pBlock, a new block that is now lent. Its pool must be known. A record that holds the same address
@@ -268,6 +282,11 @@ private:
         ++xStatistics.nBlocksIdle;
         xStatistics.nBytesIdle += xBlock.nBytes;
         xBlock.pPool->pBound->nBytes += xBlock.nBytes;
+        // At the exit and in the child of a fork the runtime is left alone.
+        if (m_pMarkIdle != nullptr && !m_bIsChild && !IsClosed()) [[unlikely]]
+        {
+            m_pMarkIdle(xBlock.pMemory, true);
+        }
     }
     static void _MakeLent(SBlock& xBlock, std::size_t nHolders) noexcept
     {
@@ -302,6 +321,7 @@ private:
     CIntrusiveTable<SBlock, SByKey, &SBlock::xKey> m_xIdle;
     std::size_t m_nBlocks = 0;
     SPool* m_pPools = nullptr;
+    IdleMarker m_pMarkIdle = nullptr;
     SIdleBound m_xPageLockedBound;
 };
 

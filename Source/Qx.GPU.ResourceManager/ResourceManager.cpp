@@ -14,6 +14,14 @@
 #include "Qx.GPU.ResourceManager/BlockPool.h"
 #include "Qx.GPU.ResourceManager/HostMemory.h"
 
+namespace Qx::HostCuda
+{
+
+// Offered by a runtime whose device memory is host memory, which AddressSanitizer can watch; null with any other.
+[[gnu::weak, gnu::visibility("default")]] GPU::IdleMarker GetIdleMarker() noexcept;
+
+} // namespace Qx::HostCuda
+
 namespace Qx::GPU
 {
 
@@ -68,6 +76,7 @@ void _WatchProcess()
         {
             throw std::bad_alloc();
         }
+        g_xPool.TellOfIdle(HostCuda::GetIdleMarker != nullptr ? HostCuda::GetIdleMarker() : nullptr);
         return true;
     }();
 }

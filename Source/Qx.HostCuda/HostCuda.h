@@ -74,6 +74,14 @@ QX_HOSTCUDA_API cudaError_t SetIntegrated(int iDevice, bool bIntegrated) noexcep
 /// cudaErrorInvalidDevice: no such device; cudaErrorInvalidValue: cudaSuccess is no fault.
 QX_HOSTCUDA_API cudaError_t RaiseFault(int iDevice, cudaError_t eError) noexcept;
 
+/// Marks a block as idle, after which nobody may touch it, or takes the mark back: poisons it for AddressSanitizer,
+/// unless work is still queued, which may use it. It may be called under a lock; memory that is gone is left alone.
+using IdleMarker = void (*)(void* pMemory, bool bIdle) noexcept;
+
+/// For a pool of device memory, whose blocks outlive their users; null where the process has no AddressSanitizer. It is
+/// found by a weak reference, so that the pool works with a runtime that has nothing of the kind.
+[[nodiscard]] QX_HOSTCUDA_API IdleMarker GetIdleMarker() noexcept;
+
 /// Limits the threads that one launch runs on, the stream's own included, in place of QX_HOSTCUDA_THREADS; holds for
 /// launches that begin later. cudaErrorInvalidValue: less than 1.
 QX_HOSTCUDA_API cudaError_t SetLaunchThreads(int iThreads) noexcept;

@@ -103,6 +103,7 @@ protected:
     void TearDown() override
     {
         EXPECT_EQ(CScriptedRuntime::sm_eLastError, cudaSuccess);
+        EXPECT_EQ(CScriptedRuntime::IdleBlocks(), CScriptedRuntime::LiveBlocks()) << "the runtime was not told";
         for (int iDevice = m_iFirstDevice; iDevice <= m_iDevice; ++iDevice)
         {
             CScriptedRuntime::Reset(iDevice);

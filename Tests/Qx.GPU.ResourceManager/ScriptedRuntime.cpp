@@ -27,6 +27,7 @@ struct SLive
     const void* pBlock; // null: free entry
     bool bHost;
     std::size_t nBytes;
+    bool bIdle;
 };
 
 SCall g_vCalls[4096];
@@ -97,7 +98,7 @@ cudaError_t _Allocate(const char* pcName, void** ppBlock, std::size_t nBytes, bo
     // NOLINTNEXTLINE(performance-no-int-to-ptr): no memory stands behind the address
     *ppBlock = reinterpret_cast<void*>(
         std::exchange(CScriptedRuntime::sm_nNextAddress, CScriptedRuntime::sm_nNextAddress + 0x1000));
-    *_Entry(nullptr) = {*ppBlock, bHost, nBytes};
+    *_Entry(nullptr) = {*ppBlock, bHost, nBytes, false};
     return cudaSuccess;
 }
 
@@ -120,6 +121,16 @@ cudaError_t _Free(const char* pcName, const void* pBlock, bool bHost)
     pLive->pBlock = nullptr;
     xCall.bFreed = true;
     return cudaSuccess;
+}
+
+// What the pool tells of live memory must be new.
+void _MarkIdle(void* pBlock, bool bIdle) noexcept
+{
+    SLive* const pLive = _Entry(pBlock);
+    if (pLive != std::end(g_vLive) && std::exchange(pLive->bIdle, bIdle) == bIdle)
+    {
+        std::abort();
+    }
 }
 
 } // namespace
@@ -184,10 +195,21 @@ std::size_t CScriptedRuntime::LiveBlocks()
         std::count_if(std::begin(g_vLive), std::end(g_vLive), [](const SLive& x) { return x.pBlock != nullptr; }));
 }
 
+std::size_t CScriptedRuntime::IdleBlocks()
+{
+    return static_cast<std::size_t>(std::count_if(
+        std::begin(g_vLive), std::end(g_vLive), [](const SLive& x) { return x.pBlock != nullptr && x.bIdle; }));
+}
+
 } // namespace Qx::Test
 
 // The definitions that the libraries find instead of the runtime's.
 #pragma GCC visibility push(default)
+Qx::HostCuda::IdleMarker Qx::HostCuda::GetIdleMarker() noexcept
+{
+    return Test::_MarkIdle;
+}
+
 extern "C"
 {
     using Qx::Test::CScriptedRuntime;

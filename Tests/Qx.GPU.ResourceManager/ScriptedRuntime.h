@@ -6,6 +6,15 @@
 
 #include <cuda_runtime_api.h>
 
+namespace Qx::HostCuda
+{
+
+// The pool asks for it by this name.
+using IdleMarker = void (*)(void* pMemory, bool bIdle) noexcept;
+IdleMarker GetIdleMarker() noexcept;
+
+} // namespace Qx::HostCuda
+
 namespace Qx::Test
 {
 
@@ -35,6 +44,9 @@ struct CScriptedRuntime
     static std::vector<const void*> Freed();
 
     static std::size_t LiveBlocks();
+
+    /// The live blocks that lie idle, as the pool has told.
+    static std::size_t IdleBlocks();
 
     static inline int sm_iDevice = 0;
     static inline int sm_iFaultyDevice = -1; ///< while current it refuses to allocate and to free anything

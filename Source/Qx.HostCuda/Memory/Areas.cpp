@@ -10,20 +10,15 @@ namespace Qx::HostCuda
 namespace
 {
 
-#if defined(QX_HOSTCUDA_ASAN)
 // The padding of pitched blocks is poisoned so that AddressSanitizer finds a kernel or host code that strays into it.
 // A copy of whole pitches, or a linear one across rows, meets it legitimately: checked against the registry already,
 // it may read and write there. Its other side is not exempt.
-const void* _FindPoisoned(const unsigned char* pMemory, std::size_t nByteCount) noexcept
+void _CheckOther(const unsigned char* pMemory, std::size_t nByteCount) noexcept
 {
-    return pMemory == nullptr ? nullptr : __asan_region_is_poisoned(const_cast<unsigned char*>(pMemory), nByteCount);
-}
-
-void _ReportPoisoned(const unsigned char* pMemory, std::size_t nByteCount) noexcept
-{
-    if (const void* const pBad = _FindPoisoned(pMemory, nByteCount))
+    const void* const pBad = pMemory != nullptr ? FindPoisoned(pMemory, nByteCount) : nullptr;
+    if (pBad != nullptr)
     {
-        static_cast<void>(*static_cast<const volatile unsigned char*>(pBad));
+        ReportPoisoned(pBad);
     }
 }
 
@@ -39,21 +34,18 @@ __attribute__((no_sanitize("address"))) void _RunUnchecked(
         pTo[nAt] = pFrom != nullptr ? pFrom[nAt] : uValue;
     }
 }
-#endif
 
 void _RunRow(const SArea& xArea, unsigned char* pTarget, const unsigned char* pSource, std::size_t nByteCount) noexcept
 {
-#if defined(QX_HOSTCUDA_ASAN)
-    const bool bTarget = xArea.bTargetPadded && _FindPoisoned(pTarget, nByteCount) != nullptr;
-    const bool bSource = xArea.bSourcePadded && _FindPoisoned(pSource, nByteCount) != nullptr;
+    const bool bTarget = xArea.bTargetPadded && FindPoisoned(pTarget, nByteCount) != nullptr;
+    const bool bSource = xArea.bSourcePadded && FindPoisoned(pSource, nByteCount) != nullptr;
     if (bTarget || bSource)
     {
-        _ReportPoisoned(xArea.bTargetPadded ? nullptr : pTarget, nByteCount);
-        _ReportPoisoned(xArea.bSourcePadded ? nullptr : pSource, nByteCount);
+        _CheckOther(xArea.bTargetPadded ? nullptr : pTarget, nByteCount);
+        _CheckOther(xArea.bSourcePadded ? nullptr : pSource, nByteCount);
         _RunUnchecked(pTarget, pSource, xArea.uValue, nByteCount);
         return;
     }
-#endif
     if (pSource == nullptr)
     {
         std::memset(pTarget, xArea.uValue, nByteCount);

@@ -75,10 +75,7 @@ void* CMemory::Allocate(
         _Release(xBlock);
         throw;
     }
-    for (std::size_t nRow = 0; nPitch > nWidth && nRow < nRowCount; ++nRow)
-    {
-        Poison(static_cast<const char*>(pNew) + nRow * nPitch + nWidth, nPitch - nWidth);
-    }
+    PoisonPadding(pNew, nPitch, nWidth, nRowCount);
     return pNew;
 }
 

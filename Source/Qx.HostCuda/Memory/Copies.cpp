@@ -1,8 +1,10 @@
 #include "Qx.HostCuda/Memory/Areas.h"
 #include "Qx.HostCuda/Memory/Blocks.h"
 #include "Qx.HostCuda/Memory/Symbols.h"
+#include "Qx.HostCuda/Runtime/Sanitizer.h"
 #include "Qx.HostCuda/Streams/Schedule.h"
 
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -42,18 +44,25 @@ const SBlock* _CheckSide(
     return pBlock;
 }
 
+/// True for a pitched block in use; one that lies idle is poisoned from its first byte on.
+bool _HasOnlyPaddingPoisoned(const SBlock* pBlock) noexcept
+{
+    return pBlock != nullptr && pBlock->eKind == EMemoryKind::Pitched &&
+        FindPoisoned(std::bit_cast<void*>(pBlock->uBase), 1) == nullptr;
+}
+
 /// _CheckSide for the destination of an area.
 void _CheckTarget(const CDevice& xDevice, SArea& xArea, ESide eSide)
 {
     const SBlock* const pBlock = _CheckSide(xDevice, xArea.pTarget, xArea.nTargetPitch, xArea, eSide);
-    xArea.bTargetPadded = pBlock != nullptr && pBlock->eKind == EMemoryKind::Pitched;
+    xArea.bTargetPadded = _HasOnlyPaddingPoisoned(pBlock);
 }
 
 /// _CheckSide for the source of an area; false if that is pageable.
 bool _CheckSource(const CDevice& xDevice, SArea& xArea, ESide eSide)
 {
     const SBlock* const pBlock = _CheckSide(xDevice, xArea.pSource, xArea.nSourcePitch, xArea, eSide);
-    xArea.bSourcePadded = pBlock != nullptr && pBlock->eKind == EMemoryKind::Pitched;
+    xArea.bSourcePadded = _HasOnlyPaddingPoisoned(pBlock);
     return pBlock != nullptr;
 }
 
