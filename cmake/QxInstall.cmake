@@ -28,6 +28,8 @@ endif()
 configure_file(cmake/qx-cuda.pc.in "${CMAKE_CURRENT_BINARY_DIR}/qx-cuda.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/qx-cuda.pc" DESTINATION "${pcFolder}")
 
+install(FILES cmake/copyright DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/qx-cuda")
+
 set(CPACK_PACKAGE_NAME "qx-cuda")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_VENDOR "Qx.Cuda developers")

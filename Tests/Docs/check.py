@@ -4,7 +4,7 @@
   check.py errors ROOT   Docs/errors.md lists the messages that the libraries throw: all of them, no others, each in the
                          section of its source file
   check.py links ROOT    every relative link of a page leads to a file, and so does every path that it names; the README
-                         leads to every page
+                         leads to every page, and the packages that are built with have their licence on a page
   check.py version ROOT  what pages say of the version is that of CMakeLists.txt
 """
 import pathlib
@@ -101,6 +101,9 @@ def check_links(root):
     listed = (root / "README.md").read_text()
     failures += [f"README.md does not lead to {page.name}" for page in root.glob("Docs/*.md")
                  if f"](Docs/{page.name})" not in listed]
+    dependencies = (root / "Docs/dependencies.md").read_text()
+    failures += [f"dependencies.md does not name {package}" for package in
+                 re.findall(r"\blib[a-z0-9]+-dev\b", (root / "scripts/common.sh").read_text()) if package not in dependencies]
     print(f"{count} links")
     return failures if count > 10 else failures + ["hardly any link was found in the pages"]
 

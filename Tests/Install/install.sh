@@ -78,7 +78,8 @@ if command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null && com
         { cat "$folder/cpack.log" >&2 && fail "no Debian package was made"; }
     package=$(find "$folder/package" -maxdepth 1 -name 'qx-cuda_*.deb')
     contents=$(dpkg-deb --contents "$package")
-    for wanted in "/libQx\\.Cuda\\.${version%.*}\\.[a-z0-9]*\\.so$" 'include/Qx\.Cuda/QxCuda\.h$' 'QxCudaConfig\.cmake$' 'qx-cuda\.pc$'; do
+    for wanted in "/libQx\\.Cuda\\.${version%.*}\\.[a-z0-9]*\\.so$" 'include/Qx\.Cuda/QxCuda\.h$' 'QxCudaConfig\.cmake$' 'qx-cuda\.pc$' \
+        'share/doc/qx-cuda/copyright$'; do
         grep -Eq "$wanted" <<<"$contents" || fail "the Debian package lacks $wanted"
     done
     dpkg-deb --field "$package" Depends | grep -q libc6 || fail "the Debian package does not say what it needs"
