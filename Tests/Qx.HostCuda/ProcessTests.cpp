@@ -235,17 +235,21 @@ TEST_F(ProcessDeathTest, AFaultOnAStreamReachesTheHandlerOfTheProcess)
     ExpectExit(42, Act);
 }
 
-void Crash(int iSignal)
+__global__ void CrashInOneThread(int iRaised)
 {
-    const auto Kernel = [](int iRaised)
+    if (blockIdx.x == 2 && threadIdx.y == 5)
     {
-        if (blockIdx.x == 2 && threadIdx.y == 5)
-        {
-            std::raise(iRaised);
-        }
-    };
+        std::raise(iRaised);
+    }
+}
+
+// A kernel is named by its type or, if that does not tell, by its function.
+void Crash(int iSignal, bool bByFunction = false)
+{
+    const auto Kernel = [](int iRaised) { CrashInOneThread(iRaised); };
     const cudaLaunchConfig_t xConfig{{4, 1, 1}, {1, 8, 1}, 0, nullptr, nullptr, 0};
-    cudaLaunchKernelEx(&xConfig, Kernel, iSignal);
+    bByFunction ? cudaLaunchKernelEx(&xConfig, CrashInOneThread, iSignal)
+                : cudaLaunchKernelEx(&xConfig, Kernel, iSignal);
     cudaDeviceSynchronize();
 }
 
@@ -256,6 +260,7 @@ TEST_F(ProcessDeathTest, CrashInAKernelNamesItsThreadAndGoesOn)
     {
         EXPECT_DEATH(Crash(iSignal), c_pcWhere) << iSignal;
     }
+    EXPECT_DEATH(Crash(SIGSEGV, true), "kernel [^ ]*CrashInOneThread[^ ]*, block .2, 0, 0., thread .0, 5, 0.");
     const auto CrashHandled = []
     {
         std::signal(SIGSEGV, [](int) { std::_Exit(7); });

@@ -1,13 +1,18 @@
 #include "Qx.HostCuda/Kernels/Crash.h"
 
+#include "Qx.HostCuda/Memory/Symbols.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstring>
-#include <execinfo.h>
+#include <dlfcn.h>
 #include <string_view>
 #include <unistd.h>
+
+// AddressSanitizer's, where it runs.
+extern "C" [[gnu::weak]] void __asan_set_error_report_callback(void (*pCallback)(const char*));
 
 namespace Qx::HostCuda
 {
@@ -37,11 +42,7 @@ public:
         }
         return *this << "]";
     }
-    void Write() noexcept
-    {
-        static_cast<void>(!write(STDERR_FILENO, m_vText, m_nSize));
-        m_nSize = 0;
-    }
+    void Write() const noexcept { static_cast<void>(!write(STDERR_FILENO, m_vText, m_nSize)); }
 
 private:
     char m_vText[1024];
@@ -95,6 +96,19 @@ void _OnSignal(int iSignal, siginfo_t* pInfo, void* pContext) noexcept
     }
 }
 
+/// Has clang++'s AddressSanitizer end its reports with what ran. It lies in the program, and what it calls before a
+/// report can be defined nowhere else; that of g++ is a library and calls what the header of the stand-in defines.
+void _ReportToo() noexcept
+{
+    Dl_info xWhere{};
+    if (__asan_set_error_report_callback != nullptr &&
+        dladdr(reinterpret_cast<const void*>(&__asan_set_error_report_callback), &xWhere) != 0 &&
+        std::string_view(xWhere.dli_fname).find("libasan") == std::string_view::npos)
+    {
+        __asan_set_error_report_callback([](const char*) { ReportCrash("AddressSanitizer", true); });
+    }
+}
+
 } // namespace
 
 void ReportCrash(const char* pcWhat, bool bCall) noexcept
@@ -105,21 +119,12 @@ void ReportCrash(const char* pcWhat, bool bCall) noexcept
         return;
     }
     const SKernelText xText = xRunning.pKernel->Describe();
-    CLine xLine;
-    xLine << "Qx.HostCuda: " << pcWhat << " in kernel ";
-    if (xText.pFunction != nullptr)
-    {
-        xLine.Write();
-        void* pFunction = const_cast<void*>(xText.pFunction);
-        backtrace_symbols_fd(&pFunction, 1, STDERR_FILENO); // ends the line
-        xLine << "Qx.HostCuda:";
-    }
-    else
-    {
-        xLine << _GetType(xText.pcType) << ",";
-    }
-    xLine << " block" << blockIdx << ", thread" << threadIdx
-          << (xText.bOptimised && !bCall ? " or a later one\n" : "\n");
+    char vName[400];
+    const std::size_t nName = xText.pFunction != nullptr ? GetFunctionName(xText.pFunction, vName) : 0;
+    CLine xLine; // written at once, since other threads of the kernel may crash too
+    xLine << "Qx.HostCuda: " << pcWhat << " in kernel "
+          << (nName != 0 ? std::string_view(vName, nName) : _GetType(xText.pcType)) << ", block" << blockIdx
+          << ", thread" << threadIdx << (xText.bOptimised && !bCall ? " or a later one\n" : "\n");
     xLine.Write();
 }
 
@@ -136,6 +141,7 @@ void ReportCrashes() noexcept
             xAction.sa_sigaction = &_OnSignal;
             sigaction(xSignal.iSignal, &xAction, nullptr);
         }
+        _ReportToo();
         return true;
     }();
     static_cast<void>(s_bInstalled);

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,7 +28,8 @@ namespace
 struct SModule
 {
     std::uintptr_t uAddress = 0; ///< what is sought
-    std::uintptr_t uEnd = 0;     ///< end of the writable data around it, 0 if there is none
+    unsigned uFlag = PF_W;       ///< what it has to be: writable data, or with PF_X code
+    std::uintptr_t uEnd = 0;     ///< end of such memory around it, 0 if there is none
     const char* pcName = "";     ///< path of its file, empty for the program's
     std::uintptr_t uBase = 0;
     std::span<const ElfW(Phdr)> vHeaders;
@@ -42,7 +44,7 @@ int _SearchModule(dl_phdr_info* pInfo, std::size_t, void* pModule)
     { return xModule.uAddress - (pInfo->dlpi_addr + xHeader.p_vaddr) < xHeader.p_memsz; };
     const auto pData = std::ranges::find_if(vHeaders,
         [&](const ElfW(Phdr) & xHeader)
-        { return xHeader.p_type == PT_LOAD && (xHeader.p_flags & PF_W) != 0 && Contains(xHeader); });
+        { return xHeader.p_type == PT_LOAD && (xHeader.p_flags & xModule.uFlag) != 0 && Contains(xHeader); });
     if (pData == vHeaders.end())
     {
         return 0;
@@ -119,32 +121,43 @@ bool _IsFileOf(const SModule& xModule, const CFileView& xFile, const ElfW(Ehdr) 
             });
 }
 
-/// The size of the variable at the module's address by the symbol table of its file, 0 if there is none; nothing if the
-/// table is not there.
-std::optional<std::size_t> _ReadSize(const SModule& xModule) noexcept
+/// Calls `Function(symbol, name)` for the symbols of a type that begin at the module's address by the symbol table of
+/// its file; there may be several names. False if the table is not there.
+template <class F>
+bool _ForEachSymbol(const SModule& xModule, unsigned uType, F&& Function) noexcept
 {
     const CFileView xFile(*xModule.pcName != '\0' ? xModule.pcName : "/proc/self/exe");
     const auto vHead = xFile.Get<ElfW(Ehdr)>(0, 1);
     if (vHead.empty() || !_IsFileOf(xModule, xFile, vHead[0]))
     {
-        return std::nullopt;
+        return false;
     }
     const auto vSections = xFile.Get<ElfW(Shdr)>(vHead[0].e_shoff, vHead[0].e_shnum);
     const auto pTable = std::ranges::find(vSections, unsigned{SHT_SYMTAB}, &ElfW(Shdr)::sh_type);
-    if (pTable == vSections.end())
+    if (pTable == vSections.end() || pTable->sh_link >= vSections.size())
     {
-        return std::nullopt;
+        return false;
     }
-    std::size_t nSize = 0;
+    const auto vNames = xFile.Get<char>(vSections[pTable->sh_link].sh_offset, vSections[pTable->sh_link].sh_size);
     for (const ElfW(Sym) & xSymbol : xFile.Get<ElfW(Sym)>(pTable->sh_offset, pTable->sh_size / sizeof(ElfW(Sym))))
     {
-        const bool bVariable = ELF64_ST_TYPE(xSymbol.st_info) == STT_OBJECT && xSymbol.st_shndx != SHN_UNDEF;
-        if (bVariable && xModule.uBase + xSymbol.st_value == xModule.uAddress)
+        const bool bMeant = ELF64_ST_TYPE(xSymbol.st_info) == uType && xSymbol.st_shndx != SHN_UNDEF;
+        if (bMeant && xModule.uBase + xSymbol.st_value == xModule.uAddress)
         {
-            nSize = std::max<std::size_t>(nSize, xSymbol.st_size); // there may be several names
+            const auto vRest = vNames.subspan(std::min<std::size_t>(xSymbol.st_name, vNames.size()));
+            Function(xSymbol, std::string_view(vRest.begin(), std::ranges::find(vRest, '\0')));
         }
     }
-    return nSize;
+    return true;
+}
+
+/// The size of the variable at the module's address, 0 if there is none; nothing if no table says so.
+std::optional<std::size_t> _ReadSize(const SModule& xModule) noexcept
+{
+    std::size_t nSize = 0;
+    const auto Widen = [&](const ElfW(Sym) & xSymbol, std::string_view)
+    { nSize = std::max<std::size_t>(nSize, xSymbol.st_size); };
+    return _ForEachSymbol(xModule, STT_OBJECT, Widen) ? std::optional(nSize) : std::nullopt;
 }
 
 /// The variables that were asked for last, so that a steady loop reads no files.
@@ -196,6 +209,22 @@ std::size_t GetSymbolSize(const void* pSymbol) noexcept
         nSize = pEnd == nullptr ? nSize : reinterpret_cast<std::uintptr_t>(pEnd) - xModule.uAddress;
     }
     return nSize;
+}
+
+std::size_t GetFunctionName(const void* pFunction, std::span<char> vName) noexcept
+{
+    SModule xModule;
+    xModule.uAddress = reinterpret_cast<std::uintptr_t>(pFunction);
+    xModule.uFlag = PF_X;
+    dl_iterate_phdr(&_SearchModule, &xModule);
+    std::size_t nCount = 0;
+    const auto Copy = [&](const ElfW(Sym)&, std::string_view sName)
+    { nCount = sName.copy(vName.data(), vName.size()); };
+    if (xModule.uEnd != 0)
+    {
+        _ForEachSymbol(xModule, STT_FUNC, Copy);
+    }
+    return nCount;
 }
 
 } // namespace Qx::HostCuda

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 
 namespace Qx::HostCuda
 {
@@ -13,5 +14,9 @@ namespace Qx::HostCuda
 /// module without the table, stripped or no longer there, has one variable from any address of its writable data to the
 /// end of that.
 [[nodiscard]] std::size_t GetSymbolSize(const void* pSymbol) noexcept;
+
+/// Writes the name that a function has for the linker, without an end mark and as far as there is room, and returns its
+/// length; 0 if the symbol table of its module is not there. Takes no memory, so that signal handlers may call it.
+[[nodiscard]] std::size_t GetFunctionName(const void* pFunction, std::span<char> vName) noexcept;
 
 } // namespace Qx::HostCuda
