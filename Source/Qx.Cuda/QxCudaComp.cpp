@@ -25,6 +25,38 @@ void _DestroyEvent(cudaEvent_t& pEvent) noexcept
     }
 }
 
+// The launch report; leaves the last error as it is.
+CQxString _MakeReport(const CQxCudaComp& xComp, cudaError eError, const char* pcKernel, const char* pcMessage)
+{
+    const dim3& xGrid = xComp.GetGrid();
+    const dim3& xBlock = xComp.GetBlock();
+    std::size_t nFree = 0;
+    std::size_t nTotal = 0;
+    static_cast<void>(cudaMemGetInfo(&nFree, &nTotal));
+
+    const char* const pcError = cudaGetErrorString(eError);
+
+    char acReport[2000];
+    const auto Format = [&](std::size_t nMessage, std::size_t nKernel)
+    {
+        const int iLength = sprintf_s(acReport,
+            "%.*s\n\nKernel: '%.*s'\nCUDA Error String: '%s'\n\nKernel Configuration:\n - Grid:  [%u, %u, %u] = %d\n"
+            " - Block: [%u, %u, %u] = %d\n\nFree Memory: %llu/%llu",
+            static_cast<int>(nMessage), pcMessage != nullptr ? pcMessage : "", static_cast<int>(nKernel),
+            pcKernel != nullptr ? pcKernel : "", pcError, xGrid.x, xGrid.y, xGrid.z,
+            static_cast<int>(xGrid.x * xGrid.y * xGrid.z), xBlock.x, xBlock.y, xBlock.z,
+            static_cast<int>(xBlock.x * xBlock.y * xBlock.z), static_cast<unsigned long long>(nFree),
+            static_cast<unsigned long long>(nTotal));
+        return static_cast<std::size_t>(std::max(iLength, 0));
+    };
+    // What the rest of the report leaves goes to the message first, then to the kernel's name.
+    const std::size_t nRoom = sizeof(acReport) - 1 - std::min(Format(0, 0), sizeof(acReport) - 1);
+    const auto Length = [](const char* pcText) { return pcText != nullptr ? std::strlen(pcText) : 0; };
+    const std::size_t nMessage = std::min(Length(pcMessage), nRoom);
+    Format(nMessage, std::min(Length(pcKernel), nRoom - nMessage));
+    return acReport;
+}
+
 } // namespace
 
 CQxCudaComp::CQxCudaComp() noexcept = default;
@@ -131,33 +163,9 @@ void CQxCudaComp::End(CQxString sKernel, cudaStream_t pStream) // NOLINT(perform
 
 CQxString CQxCudaComp::_ShowDebugErrorWindow(cudaError eError, const char* pcKernel, const char* pcMessage) const
 {
-    std::size_t nFree = 0;
-    std::size_t nTotal = 0;
-    static_cast<void>(cudaMemGetInfo(&nFree, &nTotal));
-
-    const char* const pcError = cudaGetErrorString(eError);
-
-    char acReport[2000];
-    const auto Format = [&](std::size_t nMessage, std::size_t nKernel)
-    {
-        const int iLength = sprintf_s(acReport,
-            "%.*s\n\nKernel: '%.*s'\nCUDA Error String: '%s'\n\nKernel Configuration:\n - Grid:  [%u, %u, %u] = %d\n"
-            " - Block: [%u, %u, %u] = %d\n\nFree Memory: %llu/%llu",
-            static_cast<int>(nMessage), pcMessage != nullptr ? pcMessage : "", static_cast<int>(nKernel),
-            pcKernel != nullptr ? pcKernel : "", pcError, m_xGrid.x, m_xGrid.y, m_xGrid.z,
-            static_cast<int>(m_xGrid.x * m_xGrid.y * m_xGrid.z), m_xBlock.x, m_xBlock.y, m_xBlock.z,
-            static_cast<int>(m_xBlock.x * m_xBlock.y * m_xBlock.z), static_cast<unsigned long long>(nFree),
-            static_cast<unsigned long long>(nTotal));
-        return static_cast<std::size_t>(std::max(iLength, 0));
-    };
-    // What the rest of the report leaves goes to the message first, then to the kernel's name.
-    const std::size_t nRoom = sizeof(acReport) - 1 - std::min(Format(0, 0), sizeof(acReport) - 1);
-    const auto Length = [](const char* pcText) { return pcText != nullptr ? std::strlen(pcText) : 0; };
-    const std::size_t nMessage = std::min(Length(pcMessage), nRoom);
-    Format(nMessage, std::min(Length(pcKernel), nRoom - nMessage));
-
+    CQxString sReport = _MakeReport(*this, eError, pcKernel, pcMessage);
     static_cast<void>(cudaGetLastError());
-    return acReport;
+    return sReport;
 }
 
 void CQxCudaComp::_ThrowLaunch(cudaError eError, const char* pcSignature) const
@@ -168,8 +176,9 @@ void CQxCudaComp::_ThrowLaunch(cudaError eError, const char* pcSignature) const
     sName.remove_prefix(std::min(sName.find("= "), sName.size() - 2) + 2);
     const std::size_t nScope = sName.rfind("::", sName.find('<'));
     sName.remove_prefix(nScope != std::string_view::npos ? nScope + 2 : sName.starts_with('&') ? 1 : 0);
+    // The error stays pending for the exception to record.
     ThrowCuda({"Source/Qx.Cuda/QxLaunchKernel", "LaunchKernel"},
-        _ShowDebugErrorWindow(eError, std::string(sName).c_str(), "Launch: Error launching kernel"));
+        _MakeReport(*this, eError, std::string(sName).c_str(), "Launch: Error launching kernel"));
 }
 
 void CQxCudaComp::_ThrowReport(

@@ -85,8 +85,8 @@ void LaunchKernel(const dim3& xGrid, const dim3& xBlock, cudaStream_t pStream, T
 /// The same with the grid and block of a launch context, between its `Begin` and `End`.
 ///
 /// Throws a `CQxCudaException` with the context's launch report "Launch: Error launching kernel ...", in which the
-/// kernel is called by its own name, when the runtime refuses the launch. Making the report resets the thread's last
-/// CUDA error, as `CQxCudaComp::End` does.
+/// kernel is called by its own name, when the runtime refuses the launch; the exception records the refusal as its CUDA
+/// error, which is reset.
 template <auto Kernel, typename... TArguments>
 void LaunchKernel(const CQxCudaComp& xComp, cudaStream_t pStream, TArguments&&... xArguments)
 {

@@ -281,7 +281,8 @@ void ExpectLaunchReport(const char* pcKernel, const char* pcGrid, unsigned int u
         EXPECT_EQ(std::string(xException.GetMessageText().ToCString()).substr(0, sReport.size()), sReport);
         EXPECT_STREQ(xException.GetFunction().ToCString(), "LaunchKernel");
         EXPECT_STREQ(xException.GetFile().ToCString(), c_pcLaunchFile);
-        EXPECT_EQ(xException.GetCudaError(), cudaSuccess) << "as with End";
+        EXPECT_EQ(xException.GetCudaError(), cudaErrorInvalidConfiguration);
+        EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
     }
 }
 
