@@ -124,9 +124,14 @@ struct SKnown
 #define QX_KNOWN(kind, name, count) SKnown{#name, EKind::kind},
 constexpr SKnown c_vKnown[] = {QX_CALLS(QX_KNOWN) QX_SPECIAL_CALLS(QX_KNOWN)};
 
-// The call that a name means; those of cuBLAS may leave out their _v2, as in sources.
+// The call that a name means, as sources have it: those of cuBLAS may leave out their _v2, and launches have three
+// names.
 const SKnown& _Find(std::string_view sName)
 {
+    if (sName == "cudaLaunchKernelEx" || sName == "cudaLaunchKernelExC")
+    {
+        sName = "cudaLaunchKernel";
+    }
     for (const SKnown& xKnown : c_vKnown)
     {
         if (xKnown.sName == sName || (xKnown.sName.starts_with(sName) && xKnown.sName.substr(sName.size()) == "_v2"))

@@ -27,8 +27,9 @@ struct SCudaCall
 /// `std::invalid_argument`, wherever one is given, so that no test counts or fails what cannot happen. Those of cuBLAS
 /// may leave out their "_v2".
 ///
-/// A launch is `cudaLaunchKernel`, however it is made and on either platform. Its arguments are the grid's x, y and z,
-/// the block's, the bytes of shared memory, and the stream.
+/// A launch is `cudaLaunchKernel`, however it is made and on either platform; `cudaLaunchKernelEx` and
+/// `cudaLaunchKernelExC` mean the same when they are given. Its arguments are the grid's x, y and z, the block's, the
+/// bytes of shared memory, and the stream.
 ///
 /// The calls of cuBLAS are treated like the others: a planned failure makes them return CUBLAS_STATUS_EXECUTION_FAILED
 /// whatever the error, and leaves the last CUDA error alone. The factors alpha and beta of products that lie on the

@@ -126,7 +126,7 @@ TEST(Recorder, RecordsAndFailsWhatAClientCalls)
             nLive + (pcName == vCalls[8].first ? 1U : 0U) - (pcName == vCalls[9].first ? 1U : 0U));
         if (CCudaRecorder::CallNames().front() == "cudaLaunchKernel")
         {
-            EXPECT_EQ(CCudaRecorder::Last("cudaLaunchKernel").vArguments,
+            EXPECT_EQ(CCudaRecorder::Last("cudaLaunchKernelEx").vArguments,
                 (Calls{2, 3, 4, 5, 6, 7, 0, reinterpret_cast<std::uintptr_t>(pStream)}));
         }
     }
