@@ -76,6 +76,7 @@ public:
 
     /// Owns a clone of what @p xOther owns.
     CExceptionSafePointer(const CExceptionSafePointer& xOther);
+    /// Takes over what @p xOther owns, which then owns nothing.
     CExceptionSafePointer(CExceptionSafePointer&& xOther) noexcept;
     /// Takes over what the argument, a copy or a moved pointer, owns.
     CExceptionSafePointer& operator=(CExceptionSafePointer xOther) noexcept;
@@ -172,10 +173,12 @@ struct SThrowSite
 /// One throw of a site. Made from the site alone, as an argument, it has the line of the call.
 struct SThrowPlace
 {
+    /// A throw of @p xThrowSite, in the line of the call.
     SThrowPlace(const SThrowSite& xThrowSite, int iThrowLine = __builtin_LINE()) noexcept
         : xSite(xThrowSite), iLine(iThrowLine)
     {
     }
+    /// The same of a site that is named here.
     SThrowPlace(const char* pcFile, const char* pcFunction, int iThrowLine = __builtin_LINE()) noexcept
         : xSite{pcFile, pcFunction}, iLine(iThrowLine)
     {

@@ -76,26 +76,29 @@ private:
     std::string m_sText;
 };
 
-/// Append one part of a text: texts as they are, whole numbers in decimal, addresses as `printf` does with `%p`.
-/// @{
+/// Appends one part of a text: texts as they are, whole numbers in decimal, addresses as `printf` does with `%p`.
 inline void AppendPart(CQxString& sText, const char* pcPart)
 {
     sText << pcPart;
 }
+/// The same.
 inline void AppendPart(CQxString& sText, const CQxString& sPart)
 {
     sText << sPart;
 }
+/// The same.
 QX_CORE_API void AppendPart(CQxString& sText, long long iPart);
+/// The same.
 QX_CORE_API void AppendPart(CQxString& sText, unsigned long long uPart);
+/// The same.
 QX_CORE_API void AppendPart(CQxString& sText, const void* pPart);
+/// The same.
 template <typename T>
 requires(std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char>) void AppendPart(
     CQxString& sText, T iPart)
 {
     AppendPart(sText, static_cast<std::conditional_t<std::is_signed_v<T>, long long, unsigned long long>>(iPart));
 }
-/// @}
 
 /// The text that its parts make one after the other: `MakeText("Block ", pMemory, " of ", nBytes, " bytes")`. Throws
 /// `std::bad_alloc`.
