@@ -79,7 +79,9 @@ SBlock* CBlockPool::TakeIdleAbove(const SPoolName& xName, std::size_t nBytesToKe
 {
     const std::lock_guard xLock(m_xMutex);
     SPool* const pPool = _Find(xName);
-    return pPool != nullptr && pPool->xStatistics.nBytesIdle > nBytesToKeep ? &_Take(_Oldest(*pPool)) : nullptr;
+    // What another thread frees just now still counts; in the child of a fork it does for ever.
+    const bool bHasOne = pPool != nullptr && pPool->xStatistics.nBytesIdle > nBytesToKeep && !pPool->xIdle.IsAlone();
+    return bHasOne ? &_Take(_Oldest(*pPool)) : nullptr;
 }
 
 SBlock* CBlockPool::TakeDeferred() noexcept
