@@ -136,7 +136,8 @@ void ReportCrashes() noexcept
         {
             sigaction(xSignal.iSignal, nullptr, &xSignal.xBefore);
             struct sigaction xAction = xSignal.xBefore; // with its mask, and on its stack
-            const bool bHandler = (xAction.sa_flags & SA_SIGINFO) != 0 || xAction.sa_handler > SIG_IGN;
+            const bool bHandler = (xAction.sa_flags & SA_SIGINFO) != 0 ||
+                (xAction.sa_handler != SIG_DFL && xAction.sa_handler != SIG_IGN);
             xAction.sa_flags = (bHandler ? xAction.sa_flags : SA_ONSTACK) | SA_SIGINFO;
             xAction.sa_sigaction = &_OnSignal;
             sigaction(xSignal.iSignal, &xAction, nullptr);
