@@ -9,9 +9,11 @@
 /// itself. The functions are no CUDA calls: they leave the thread's last error and the device's fault alone (except
 /// RaiseFault) and answer while a device has a fault. All are thread-safe and none throws.
 ///
-/// Read once, at the first call of the process; anything but a plain decimal number in range means the default:
+/// Read once, at the first call of the process; anything but a decimal number in range means the default, and a line on
+/// standard error:
 /// - `QX_HOSTCUDA_DEVICES`: number of devices, 0 to 64; default 1. With 0, calls return cudaErrorNoDevice
-/// - `QX_HOSTCUDA_MEMORY`: memory of each device in bytes; default half of the machine's memory
+/// - `QX_HOSTCUDA_MEMORY`: memory of each device in bytes, or K, M, G or T (2^10 to 2^40) of them; default half of
+///   the machine's memory
 /// - `QX_HOSTCUDA_THREADS`: threads that one launch of a kernel runs on at most, 1 or more; default all processors.
 ///   With 1 the blocks of a launch run in order on the stream's thread, which suits a debugger
 namespace Qx::HostCuda
