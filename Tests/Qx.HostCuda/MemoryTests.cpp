@@ -1,5 +1,8 @@
 #include <cstdint>
 #include <cstring>
+#include <functional>
+
+#include <gmock/gmock.h>
 
 #include "HostCudaTest.h"
 
@@ -40,6 +43,60 @@ TEST_F(Memory, BlocksAreCountedPaidForAndFilledWithThePattern)
         EXPECT_EQ(GetFreeMemory(), c_nBudget);
     }
 }
+
+#if !defined(QX_HOSTCUDA_ASAN)
+TEST_F(Memory, BytesWrittenBehindABlockOrItsRowsAreAFault)
+{
+    constexpr std::size_t c_nSize = 3 * CBlock::c_nPitch;
+    const std::tuple<EMemory, std::size_t, const char*> vCases[] = {
+        {EMemory::Device, c_nSize, "behind its end, at byte"},
+        {EMemory::Managed, c_nSize + 63, "behind its end, at byte"},
+        {EMemory::PageLocked, c_nSize, "behind its end, at byte"},
+        {EMemory::Pitched, c_nSize, "behind its end, at byte"},
+        {EMemory::Pitched, 512 + 511, "behind its row 1, at byte"},
+        {EMemory::Device, c_nSize - 1, ""},
+    };
+    for (const auto& [eMemory, nOffset, pcSaid] : vCases)
+    {
+        void* pMemory = nullptr;
+        std::size_t nPitch = 0;
+        const bool bHost = eMemory == EMemory::PageLocked;
+        ASSERT_EQ(eMemory == EMemory::Pitched ? cudaMallocPitch(&pMemory, &nPitch, 500, c_nSize / 512)
+                : bHost                       ? cudaMallocHost(&pMemory, c_nSize)
+                : eMemory == EMemory::Managed ? cudaMallocManaged(&pMemory, c_nSize)
+                                              : cudaMalloc(&pMemory, c_nSize),
+            cudaSuccess);
+        static_cast<unsigned char*>(pMemory)[nOffset] = 1;
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(bHost ? cudaFreeHost(pMemory) : cudaFree(pMemory), cudaSuccess);
+        EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr(pcSaid));
+        EXPECT_EQ(cudaDeviceSynchronize(), *pcSaid != '\0' ? cudaErrorIllegalAddress : cudaSuccess);
+        EXPECT_EQ(GetStatistics().xTotal, HostCuda::SMemoryUse{}) << "it is freed all the same";
+        EXPECT_EQ(cudaDeviceReset(), cudaSuccess);
+    }
+}
+
+TEST_F(Memory, CallsMayWriteThePadding)
+{
+    Bytes vHost(4 * 512);
+    const std::function<cudaError_t(void*)> vCalls[] = {
+        [](void* p) { return cudaMemset(p, 1, 4 * 512); },
+        [](void* p) { return cudaMemset2D(p, 512, 1, 512, 4); },
+        [](void* p) { return cudaMemset2DAsync(p, 512, 1, 101, 4, nullptr); },
+        [&](void* p) { return cudaMemcpy(p, vHost.data(), 4 * 512, cudaMemcpyHostToDevice); },
+        [&](void* p) { return cudaMemcpy2D(p, 200, vHost.data(), 50, 50, 4, cudaMemcpyHostToDevice); },
+    };
+    for (const auto& Call : vCalls)
+    {
+        void* pMemory = nullptr;
+        std::size_t nPitch = 0;
+        ASSERT_EQ(cudaMallocPitch(&pMemory, &nPitch, 100, 4), cudaSuccess);
+        EXPECT_EQ(Call(pMemory), cudaSuccess);
+        EXPECT_EQ(cudaFree(pMemory), cudaSuccess);
+        EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    }
+}
+#endif
 
 TEST_F(Memory, RefusedAllocationsWriteNothingAndTakeNothing)
 {

@@ -36,6 +36,7 @@ public:
         Require(pBlock != nullptr && nCount <= (pBlock->uBase + pBlock->nSize - uBegin) / sizeof(T),
             CUBLAS_STATUS_INVALID_VALUE);
         CMemory::NoteUse(*pBlock, *m_xContext.pDevice);
+        CMemory::NotePaddingUse(*pBlock); // a result may cross rows
     }
 
     /// A scalar of the call: a function that tells the work its value, which may lie on the device.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -16,7 +17,22 @@ namespace
 {
 
 /// What fresh memory holds: neither zero nor a plausible value in any pixel format.
-constexpr int c_iFreshByte = 0xCD;
+constexpr unsigned char c_uFreshByte = 0xCD;
+
+/// Bytes behind a block that nobody may write; AddressSanitizer has its own.
+std::size_t _GetGuardSize() noexcept
+{
+    return HasAddressSanitizer() ? 0 : 64;
+}
+
+/// The first byte of a range that is not as it was made; null if all are.
+const unsigned char* _FindWritten(const unsigned char* pBegin, std::size_t nByteCount) noexcept
+{
+    const unsigned char* const pEnd = pBegin + nByteCount;
+    const unsigned char* const pFound =
+        std::find_if(pBegin, pEnd, [](unsigned char uByte) { return uByte != c_uFreshByte; });
+    return pFound != pEnd ? pFound : nullptr;
+}
 
 } // namespace
 
@@ -54,18 +70,23 @@ void CMemory::NoteUse(const SBlock& xBlock, const CDevice& xDevice) noexcept
     }
 }
 
+void CMemory::NotePaddingUse(const SBlock& xBlock) noexcept
+{
+    std::atomic_ref(xBlock.bPaddingUsed).store(true, std::memory_order_relaxed);
+}
+
 void* CMemory::Allocate(
     CDevice& xDevice, EMemoryKind eKind, std::size_t nPitch, std::size_t nWidth, std::size_t nRowCount)
 {
-    SBlock xBlock{0, 0, nPitch, nWidth, xDevice.GetID(), eKind, false};
+    SBlock xBlock{0, 0, nPitch, nWidth, xDevice.GetID(), eKind, false, false};
     const bool bOverflow = __builtin_mul_overflow(nPitch, nRowCount, &xBlock.nSize);
     Require(!bOverflow && xBlock.nSize <= GetMachineMemory(), cudaErrorMemoryAllocation);
     Require(!xBlock.IsPaid() || xDevice.Reserve(xBlock.nSize), cudaErrorMemoryAllocation);
     void* pNew = nullptr;
     try
     {
-        Require(posix_memalign(&pNew, c_nAlignment, xBlock.nSize) == 0, cudaErrorMemoryAllocation);
-        std::memset(pNew, c_iFreshByte, xBlock.nSize);
+        Require(posix_memalign(&pNew, c_nAlignment, xBlock.nSize + _GetGuardSize()) == 0, cudaErrorMemoryAllocation);
+        std::memset(pNew, c_uFreshByte, xBlock.nSize + _GetGuardSize());
         xBlock.uBase = reinterpret_cast<std::uintptr_t>(pNew);
         const std::unique_lock xLock(m_xMutex);
         m_vBlocks.insert(std::ranges::upper_bound(m_vBlocks, xBlock.uBase, {}, &SBlock::uBase), xBlock);
@@ -77,6 +98,35 @@ void* CMemory::Allocate(
     }
     PoisonPadding(pNew, nPitch, nWidth, nRowCount);
     return pNew;
+}
+
+void CMemory::_CheckGuards(const SBlock& xBlock) noexcept
+{
+    const auto* const pBase = std::bit_cast<const unsigned char*>(xBlock.uBase);
+    const std::size_t nPadding = xBlock.nPitch - xBlock.nWidth;
+    const bool bRows = _GetGuardSize() != 0 && nPadding != 0 && !xBlock.bPaddingUsed;
+    const unsigned char* pWritten = nullptr;
+    for (std::size_t nEnd = xBlock.nPitch; bRows && pWritten == nullptr && nEnd <= xBlock.nSize; nEnd += xBlock.nPitch)
+    {
+        pWritten = _FindWritten(pBase + nEnd - nPadding, nPadding);
+    }
+    if (pWritten == nullptr)
+    {
+        pWritten = _FindWritten(pBase + xBlock.nSize, _GetGuardSize());
+    }
+    if (pWritten != nullptr)
+    {
+        const auto nOffset = static_cast<std::size_t>(pWritten - pBase);
+        char vWhere[48] = "behind its end";
+        if (nOffset < xBlock.nSize)
+        {
+            static_cast<void>(std::snprintf(vWhere, sizeof(vWhere), "behind its row %zu", nOffset / xBlock.nPitch));
+        }
+        static_cast<void>(
+            std::fprintf(stderr, "Qx.HostCuda: the block of %zu bytes at %p of device %d was written %s, at byte %zu\n",
+                xBlock.nSize, static_cast<const void*>(pBase), xBlock.iDevice, vWhere, nOffset));
+        FindDevice(xBlock.iDevice)->RaiseFault(cudaErrorIllegalAddress);
+    }
 }
 
 void CMemory::_Release(const SBlock& xBlock) noexcept
@@ -135,6 +185,7 @@ void CMemory::Free(void* pMemory, bool bHost)
     }
     // Then for what other threads have queued in between.
     _WaitForUse(xBlock.iDevice, xBlock.bForeignUse);
+    _CheckGuards(xBlock);
     _Release(xBlock);
 }
 
@@ -174,6 +225,7 @@ bool CMemory::_ResetIfIdle(CDevice& xDevice) noexcept
                     const bool bErase = xBlock.iDevice == xDevice.GetID();
                     if (bErase)
                     {
+                        _CheckGuards(xBlock);
                         _Release(xBlock);
                     }
                     return bErase;

@@ -23,8 +23,16 @@ struct SBlock
     std::size_t nWidth = 0; ///< bytes of a row in use
     int iDevice = 0;
     EMemoryKind eKind = EMemoryKind::Device;
-    mutable bool bForeignUse = false; ///< work of another device has used it; accessed as an atomic
+    // Both accessed as atomics.
+    mutable bool bForeignUse = false;  ///< work of another device has used it
+    mutable bool bPaddingUsed = false; ///< a call may have written the padding of its rows, as it is free to
 
+    /// True if rows that begin at an offset lie inside those of a pitched block, apart from its padding.
+    [[nodiscard]] bool HasInRows(
+        std::size_t nOffset, std::size_t nRowPitch, std::size_t nRowWidth, std::size_t nRowCount) const noexcept
+    {
+        return nOffset % nPitch + nRowWidth <= nWidth && (nRowCount == 1 || nRowPitch % nPitch == 0);
+    }
     /// True if the host may use the memory too; the device may use all of it.
     [[nodiscard]] bool IsForHost() const noexcept
     {
@@ -39,6 +47,9 @@ struct SBlock
 /// Who checks an area and then queues work on it holds the read lock until the work is queued; who frees a block takes
 /// it out of the registry and then waits for the device. So work never meets a block that is gone, and a copy of a
 /// stale pointer is refused.
+///
+/// Bytes behind each block, and in the padding of pitched rows, keep their pattern unless something goes astray; when a
+/// block is freed they are looked at, and what was written is reported and a fault of the device.
 ///
 /// Under AddressSanitizer the blocks come from its allocator, so that it finds use after free and access beyond the
 /// end; the padding of pitched rows is poisoned besides.
@@ -65,6 +76,9 @@ public:
     /// lock.
     static void NoteUse(const SBlock& xBlock, const CDevice& xDevice) noexcept;
 
+    /// Notes that a call or its work may write the padding of a block. Needs the read lock.
+    static void NotePaddingUse(const SBlock& xBlock) noexcept;
+
     /// Allocates rows on a device, 1 row where the block has no pitch. Its budget pays for all but page-locked memory.
     /// cudaErrorMemoryAllocation: the budget or the machine does not have as much.
     [[nodiscard]] void* Allocate(
@@ -85,6 +99,7 @@ private:
     /// True if work of other devices has used a block of a device. Needs a lock.
     [[nodiscard]] bool _IsUsedElsewhere(int iDevice) const noexcept;
     static void _WaitForUse(int iDevice, bool bForeignUse) noexcept;
+    static void _CheckGuards(const SBlock& xBlock) noexcept;
     static void _Release(const SBlock& xBlock) noexcept;
     [[nodiscard]] bool _ResetIfIdle(CDevice& xDevice) noexcept;
 

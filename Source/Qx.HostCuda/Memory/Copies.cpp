@@ -56,6 +56,14 @@ void _CheckTarget(const CDevice& xDevice, SArea& xArea, ESide eSide)
 {
     const SBlock* const pBlock = _CheckSide(xDevice, xArea.pTarget, xArea.nTargetPitch, xArea, eSide);
     xArea.bTargetPadded = _HasOnlyPaddingPoisoned(pBlock);
+    if (pBlock != nullptr && pBlock->eKind == EMemoryKind::Pitched)
+    {
+        const std::size_t nOffset = reinterpret_cast<std::uintptr_t>(xArea.pTarget) - pBlock->uBase;
+        if (!pBlock->HasInRows(nOffset, xArea.nTargetPitch, xArea.nWidth, xArea.nRowCount))
+        {
+            CMemory::NotePaddingUse(*pBlock);
+        }
+    }
 }
 
 /// _CheckSide for the source of an area; false if that is pageable.

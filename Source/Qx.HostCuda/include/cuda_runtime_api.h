@@ -491,7 +491,8 @@ QX_HOSTCUDA_CALL cudaError_t cudaMallocHost(void** ptr, size_t size);
 /// memory of another kind, or flags other than 0.
 QX_HOSTCUDA_CALL cudaError_t cudaHostGetDevicePointer(void** pDevice, void* pHost, unsigned int flags);
 /// Waits for the device of the block, then frees device, pitched or managed memory of any device. Null: nothing.
-/// cudaErrorInvalidValue: not the start of such a block, or freed before.
+/// cudaErrorInvalidValue: not the start of such a block, or freed before. Bytes written behind the block or its rows
+/// are reported on standard error and cudaErrorIllegalAddress is the device's fault then; the block is freed.
 QX_HOSTCUDA_CALL cudaError_t cudaFree(void* devPtr);
 /// cudaFree for page-locked host memory.
 QX_HOSTCUDA_CALL cudaError_t cudaFreeHost(void* ptr);
