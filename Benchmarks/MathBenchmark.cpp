@@ -91,13 +91,28 @@ bool _Await(cublasStatus_t eStatus)
     return eStatus == CUBLAS_STATUS_SUCCESS && _Await();
 }
 
-void _RegisterSize(int iSize)
+/// The operands of one size, and the names of what is measured with them.
+class CSize
 {
-    const auto pOperands = std::make_shared<SOperands>(iSize);
-    const std::string sSize = std::to_string(iSize) + "x" + std::to_string(iSize);
-    const auto Add = [&](const std::string& sOperation, const char* pcSide, const Step& xStep)
-    { _Register(sOperation + '/' + sSize + '/' + pcSide, pOperands, xStep); };
-    const std::size_t nBytes = pOperands->vLong.GetSize() * sizeof(float);
+public:
+    explicit CSize(int iSize)
+        : m_pOperands(std::make_shared<SOperands>(iSize)), m_sSize(std::to_string(iSize) + "x" + std::to_string(iSize))
+    {
+    }
+    void operator()(const std::string& sOperation, const char* pcSide, const Step& xStep) const
+    {
+        _Register(sOperation + '/' + m_sSize + '/' + pcSide, m_pOperands, xStep);
+    }
+    [[nodiscard]] std::size_t GetByteCount() const { return m_pOperands->vLong.GetSize() * sizeof(float); }
+
+private:
+    std::shared_ptr<SOperands> m_pOperands;
+    std::string m_sSize;
+};
+
+void _RegisterCopies(const CSize& Add)
+{
+    const std::size_t nBytes = Add.GetByteCount();
     Add("Set", "library",
         [](SOperands& x)
         {
@@ -120,6 +135,10 @@ void _RegisterSize(int iSize)
             return cudaMemcpy(x.xHost.GetDataPtr(), x.xMatrix.GetDataPtr(), nBytes, cudaMemcpyDeviceToHost) ==
                 cudaSuccess;
         });
+}
+
+void _RegisterProducts(const CSize& Add)
+{
     Add("Mult", "library",
         [](SOperands& x)
         {
@@ -155,9 +174,13 @@ void _RegisterSize(int iSize)
             return cublasSasum(x.hHandle, x.iSize * x.iSize - 1, x.xLong.GetDataPtr(), 1, &x.fSum) ==
                 CUBLAS_STATUS_SUCCESS;
         });
+}
+
 #ifdef QX_BENCHMARK_CBLAS
-    // The device's memory is the host's here. A single product is too short to hide that it is handed to another
-    // thread, so several are queued, which is what the queue is for.
+/// The device's memory is the host's here. A single product is too short to hide that it is handed to another
+/// thread, so several are queued, which is what the queue is for.
+void _RegisterOpenBlas(const CSize& Add)
+{
     Add("MultQueue", "bare",
         [](SOperands& x)
         {
@@ -193,8 +216,8 @@ void _RegisterSize(int iSize)
             x.fSum = cblas_sasum(x.iSize * x.iSize - 1, x.xLong.GetDataPtr(), 1);
             return x.fSum > 0;
         });
-#endif
 }
+#endif
 
 } // namespace
 
@@ -202,7 +225,12 @@ int main(int iArguments, char** ppcArguments)
 {
     for (const int iSize : {256, 512, 1024})
     {
-        _RegisterSize(iSize);
+        const CSize xSize(iSize);
+        _RegisterCopies(xSize);
+        _RegisterProducts(xSize);
+#ifdef QX_BENCHMARK_CBLAS
+        _RegisterOpenBlas(xSize);
+#endif
     }
     benchmark::Initialize(&iArguments, ppcArguments);
     if (benchmark::ReportUnrecognizedArguments(iArguments, ppcArguments))
