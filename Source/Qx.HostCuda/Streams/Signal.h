@@ -32,9 +32,20 @@ public:
     }
 
     /// Returns once `Condition()` is true; it must load with acquire order.
+    ///
+    /// It looks for a while before it sleeps: to wake a thread whose processor has gone idle takes longer than most of
+    /// the work that is waited for.
     template <class F>
     void Wait(F&& Condition) noexcept
     {
+        for (int iLook = 0; iLook < c_iLooks; ++iLook)
+        {
+            if (Condition())
+            {
+                return;
+            }
+            _Pause();
+        }
         while (!Condition())
         {
             // Whoever notifies after this exchange sees the flag; what was notified before it, the condition sees.
@@ -48,6 +59,16 @@ public:
     }
 
 private:
+    static void _Pause() noexcept
+    {
+#if defined(__x86_64__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
+    }
+
+    static constexpr int c_iLooks = 1000; // some 10 to 20 us
     static constexpr std::uint32_t c_uWaiting = 1;
     static constexpr std::uint32_t c_uStep = 2;
 

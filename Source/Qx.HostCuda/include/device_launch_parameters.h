@@ -10,9 +10,10 @@ namespace Qx::HostCuda
 {
 
 /// A built-in variable of kernels: three values that every thread of a launch reads and that cannot be assigned. The
-/// runner puts a new object in the place of the old one.
+/// runner puts a new object in the place of the old one. Aligned, so that none lies across two lines of the cache: a
+/// value that is read as soon as it was written would come late.
 template <class TValue>
-struct SBuiltIn
+struct alignas(16) SBuiltIn
 {
     constexpr SBuiltIn() noexcept : x(0), y(0), z(0) {}
     constexpr SBuiltIn(unsigned int uX, unsigned int uY, unsigned int uZ) noexcept : x(uX), y(uY), z(uZ) {}
