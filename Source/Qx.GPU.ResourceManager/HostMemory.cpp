@@ -1,7 +1,9 @@
 #include "Qx.GPU.ResourceManager/HostMemory.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -25,11 +27,13 @@ std::size_t _LimitOf(const std::string& sFolder, std::string sGroup, const char*
 {
     for (;;)
     {
-        unsigned long long uLimit = 0;
+        std::size_t nFound = 0;
+        char acText[32];
         const File pFile(std::fopen((sFolder + sGroup + pcFile).c_str(), "re"));
-        if (pFile != nullptr && std::fscanf(pFile.get(), "%llu", &uLimit) == 1) // "max" is no number
+        if (pFile != nullptr && std::fgets(acText, sizeof acText, pFile.get()) != nullptr &&
+            std::from_chars(acText, acText + std::strlen(acText), nFound).ec == std::errc{}) // "max" is no number
         {
-            nLimit = std::min<std::size_t>(nLimit, uLimit);
+            nLimit = std::min(nLimit, nFound);
         }
         const std::size_t nSlash = sGroup.rfind('/');
         if (nSlash == std::string::npos)

@@ -87,7 +87,7 @@ void _OnSignal(int iSignal, siginfo_t* pInfo, void* pContext) noexcept
         sigaction(iSignal, &xBefore, nullptr);
         if (bSent)
         {
-            raise(iSignal);
+            static_cast<void>(raise(iSignal));
         }
     }
     else if (xBefore.sa_handler != SIG_IGN)

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -116,8 +117,7 @@ bool _IsFileOf(const SModule& xModule, const CFileView& xFile, const ElfW(Ehdr) 
             {
                 const auto vNote = xFile.Get<char>(xHeader.p_offset, xHeader.p_filesz);
                 return xHeader.p_type != PT_NOTE ||
-                    std::equal(
-                        vNote.begin(), vNote.end(), reinterpret_cast<const char*>(xModule.uBase + xHeader.p_vaddr));
+                    std::equal(vNote.begin(), vNote.end(), std::bit_cast<const char*>(xModule.uBase + xHeader.p_vaddr));
             });
 }
 

@@ -4,27 +4,32 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <iterator>
+#include <memory>
+#include <span>
 
 namespace Qx::HostCuda
 {
 namespace
 {
 
-/// The devices of the process; never destroyed.
-std::deque<CDevice>& _GetDevices() noexcept
+/// The devices of the process; never destroyed. They take no memory, so that there are some also when there is none
+/// left.
+std::span<CDevice> _GetDevices() noexcept
 {
-    static std::deque<CDevice>& s_vDevices = *[]
+    alignas(CDevice) static std::byte s_vPlaces[c_uMaxDevices][sizeof(CDevice)];
+    static const std::span<CDevice> s_vDevices = []
     {
-        auto* const pDevices = new std::deque<CDevice>;
-        for (int iDevice = 0; iDevice < GetDeviceCount(); ++iDevice)
+        auto* const pFirst = reinterpret_cast<CDevice*>(s_vPlaces);
+        const int iCount = GetDeviceCount();
+        for (int iDevice = 0; iDevice < iCount; ++iDevice)
         {
-            pDevices->emplace_back(iDevice, GetEnvironment().nMemory);
+            std::construct_at(pFirst + iDevice, iDevice, GetEnvironment().nMemory);
         }
-        return pDevices;
+        return std::span(pFirst, static_cast<std::size_t>(iCount));
     }();
     return s_vDevices;
 }
