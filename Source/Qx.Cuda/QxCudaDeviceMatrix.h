@@ -26,7 +26,7 @@ public:
     CQxCudaDeviceMatrix& operator=(const CQxCudaDeviceMatrix&) = delete;
 
     /// Frees the block; a failure is dropped.
-    virtual ~CQxCudaDeviceMatrix() = default;
+    virtual ~CQxCudaDeviceMatrix();
 
     /// Uploads all elements of @p xMatrix.
     ///

@@ -3,6 +3,11 @@
 namespace Qx
 {
 
+// Here, since clang++ would put one that is defaulted in its class into plug-ins too, to which the library is bound
+// then.
+template <typename T>
+CQxCudaDeviceMatrixMath<T>::~CQxCudaDeviceMatrixMath() = default;
+
 template class CQxCudaDeviceMatrixMath<float>;
 template class CQxCudaDeviceMatrixMath<double>;
 

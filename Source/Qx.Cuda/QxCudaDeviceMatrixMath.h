@@ -33,7 +33,7 @@ public:
     explicit CQxCudaDeviceMatrixMath(cublasContext* pHandle) noexcept : m_pHandle(pHandle) {}
 
     /// Leaves the handle alone.
-    virtual ~CQxCudaDeviceMatrixMath() = default;
+    virtual ~CQxCudaDeviceMatrixMath();
 
     CQxCudaDeviceMatrixMath(const CQxCudaDeviceMatrixMath&) = default;
     CQxCudaDeviceMatrixMath& operator=(const CQxCudaDeviceMatrixMath&) = default;

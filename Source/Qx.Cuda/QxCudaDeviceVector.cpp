@@ -66,6 +66,11 @@ void CQxCudaDeviceVector<T>::Delete()
     m_nSize = 0;
 }
 
+// Here, since clang++ would put one that is defaulted in its class into plug-ins too, to which the library is bound
+// then.
+template <typename T>
+CQxCudaDeviceVector<T>::~CQxCudaDeviceVector() = default;
+
 template class CQxCudaDeviceVector<float>;
 template class CQxCudaDeviceVector<double>;
 

@@ -30,7 +30,7 @@ public:
     CQxCudaDeviceVector& operator=(const CQxCudaDeviceVector&) = delete;
 
     /// Frees the block; a failure is dropped.
-    virtual ~CQxCudaDeviceVector() = default;
+    virtual ~CQxCudaDeviceVector();
 
     /// Uploads all elements of @p xVector.
     ///

@@ -19,9 +19,9 @@ using Qx::GPU::CCudaMemoryPitchResource;
 using Qx::GPU::CResourceManager;
 
 /// Holds a block as an image does.
-struct SHolder
+struct SKeeper
 {
-    ~SHolder() { CResourceManager::ReleaseResource(xResource, false); }
+    ~SKeeper() { CResourceManager::ReleaseResource(xResource, false); }
 
     CCudaMemoryPitchResource xResource;
 };
@@ -33,14 +33,14 @@ extern "C" [[gnu::visibility("default")]] const char* __lsan_default_options()
     return "detect_leaks=0";
 }
 
-SHolder g_xEarly; // made before the pool is used, destroyed after it is closed
+SKeeper g_xEarly; // made before the pool is used, destroyed after it is closed
 
 } // namespace
 
 int main()
 {
     g_xEarly.xResource = CResourceManager::GetCudaMemoryPitch(640, 1);
-    static SHolder s_xLate; // destroyed before the pool is closed
+    static SKeeper s_xLate; // destroyed before the pool is closed
     s_xLate.xResource = CResourceManager::GetCudaMemoryPitch(640, 2);
     CResourceManager::SetIdleLimit(20000);
 

@@ -272,7 +272,7 @@ void Crash(int iSignal, bool bByFunction = false)
 
 TEST_F(ProcessDeathTest, CrashInAKernelNamesItsThreadAndGoesOn)
 {
-    constexpr const char* c_pcWhere = "kernel .*Crash.*, block .2, 0, 0., thread .0, 5, 0.";
+    constexpr const char* c_pcWhere = "kernel .*(Crash|lambda at).*, block .2, 0, 0., thread .0, 5, 0.";
     for (const int iSignal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
     {
         EXPECT_DEATH(Crash(iSignal), c_pcWhere) << iSignal;

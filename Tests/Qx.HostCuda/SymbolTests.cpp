@@ -5,7 +5,7 @@
 namespace
 {
 
-struct SHolder
+struct SKeeper
 {
     static __device__ int s_iMember;
 };
@@ -15,7 +15,7 @@ static __constant__ float g_fStatic;
 __constant__ volatile short g_iVolatile = 7;
 template <class T>
 __device__ T g_vTemplate[3];
-int SHolder::s_iMember = 0;
+int SKeeper::s_iMember = 0;
 
 } // namespace
 
@@ -42,7 +42,7 @@ TEST_F(HostSymbols, SizesAreKnownHoweverAVariableIsDeclared)
         {"volatile", &g_iVolatile, sizeof(g_iVolatile)},
         {"template", g_vTemplate<int>, sizeof(g_vTemplate<int>)},
         {"another of the template", g_vTemplate<char>, sizeof(g_vTemplate<char>)},
-        {"static member", &SHolder::s_iMember, sizeof(SHolder::s_iMember)},
+        {"static member", &SKeeper::s_iMember, sizeof(SKeeper::s_iMember)},
         {"extern", &g_fExtern, sizeof(g_fExtern)},
         {"inline", &g_iInline, sizeof(g_iInline)},
         {"local", s_vLocal, sizeof(s_vLocal)},
