@@ -42,7 +42,7 @@ refused() {
 refused "requested version \"$((major - 1))\"" -DCLIENT_WANTS=$((major - 1))
 refused "requested version \"$((major + 1))\"" -DCLIENT_WANTS=$((major + 1))
 refused "there is no component 'Textures'" -DCLIENT_WANTS= -DCLIENT_COMPONENTS="Cuda;Textures"
-[ "$platform" = HOST ] || refused "platform CUDA, which has no component 'HostCuda'" -DCLIENT_COMPONENTS=HostCuda
+[ "$platform" = HOST ] || refused "platform CUDA, which has no component 'HostCuda'" -DCLIENT_COMPONENTS=HostCuda -DCLIENT_OPTIONAL=
 refused "there is no file Missing.cu" -DCLIENT_COMPONENTS= -DCLIENT_KERNELS=Missing.cu
 
 # Kernels of a Debug build are optimised for the debugger.
