@@ -455,8 +455,8 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsRacesBetweenBlocksOnly)
         const auto Act = [bOne = bSame]
         {
             int* pData = nullptr;
-            cudaMallocManaged(&pData, 3 * sizeof(int));
-            std::fill_n(pData, 3, 0);
+            cudaMallocManaged(&pData, 64 * sizeof(int)); // the counter apart, so that its use hides no write
+            std::fill_n(pData, 64, 0);
             const auto Write = [](int* pValues, bool bOnePlace)
             {
                 atomicAdd(&pValues[0], 1);
@@ -464,7 +464,7 @@ TEST_F(ProcessDeathTest, ThreadSanitizerFindsRacesBetweenBlocksOnly)
                 {
                     std::this_thread::yield();
                 }
-                pValues[bOnePlace ? 1 : 1 + blockIdx.x] = 7;
+                pValues[bOnePlace ? 32 : 32 + blockIdx.x] = 7;
                 atomicAdd(&pValues[0], 1);
             };
             Launch(2, Write, pData, bOne);
